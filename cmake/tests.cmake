@@ -1,0 +1,56 @@
+# GoogleTest for the pure logic and the fake-VM tests; JUnit 5 for behaviour in a real JVM.
+find_package(GTest REQUIRED)
+include(GoogleTest)
+
+file(GLOB KV_UNIT_TEST_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/src/test/cpp/*.cpp)
+add_executable(kv_unit_tests ${KV_UNIT_TEST_SOURCES})
+target_link_libraries(kv_unit_tests PRIVATE kvcore GTest::gtest GTest::gmock GTest::gtest_main)
+target_compile_options(kv_unit_tests PRIVATE ${KV_STRICT_FLAGS})
+gtest_discover_tests(kv_unit_tests DISCOVERY_TIMEOUT 30 PROPERTIES LABELS unit)
+
+# Checks on the built artifact: what it exports and what it needs at run time.
+add_test(NAME library.exports COMMAND bash ${CMAKE_SOURCE_DIR}/tools/check-exports.sh
+         $<TARGET_FILE:kvjvmti>)
+
+# A variant of the agent with a few extra natives through which the tests reach internal helpers
+# (boxing, the exception raisers) inside a real JVM. The shipped library never carries them.
+file(GLOB KV_PROBE_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/src/test/cpp/probe/*.cpp)
+add_library(kvjvmti_probe SHARED ${KV_PROBE_SOURCES})
+set_target_properties(kvjvmti_probe PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/test)
+target_compile_options(kvjvmti_probe PRIVATE ${KV_STRICT_FLAGS} ${KV_LIBRARY_FLAGS})
+target_link_libraries(kvjvmti_probe PRIVATE -Wl,--whole-archive kvcore -Wl,--no-whole-archive)
+target_link_options(kvjvmti_probe PRIVATE -static-libstdc++ -static-libgcc -Wl,-z,defs)
+
+# JUnit: the console launcher of Debian's junit5 bundles the Jupiter API and engine.
+set(KV_JUNIT_JAR /usr/share/java/junit-platform-console-standalone.jar)
+if(NOT EXISTS ${KV_JUNIT_JAR})
+  message(FATAL_ERROR "JUnit 5 console launcher not found (Debian package junit5)")
+endif()
+file(GLOB_RECURSE KV_JUNIT_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/src/test/java/*.java)
+set(KV_TEST_JAR ${CMAKE_BINARY_DIR}/kvjvmti-tests.jar)
+kv_add_jar(kv_java_tests ${KV_TEST_JAR} "${KV_JUNIT_SOURCES}" "${KV_API_JAR}:${KV_JUNIT_JAR}")
+add_dependencies(kv_java_tests kv_api)
+
+# One JVM per test class: the agent's state is process-wide, so classes must not share a VM.
+# A class whose name ends in ProbeTest runs against the probe variant of the agent.
+foreach(source ${KV_JUNIT_SOURCES})
+  file(RELATIVE_PATH relative ${CMAKE_SOURCE_DIR}/src/test/java ${source})
+  string(REGEX REPLACE "\\.java$" "" class "${relative}")
+  string(REPLACE "/" "." class "${class}")
+  get_filename_component(simple "${source}" NAME_WE)
+  if(NOT simple MATCHES "Test$")
+    continue()
+  endif()
+  set(agent ${CMAKE_BINARY_DIR}/libkvjvmti.so)
+  if(simple MATCHES "ProbeTest$")
+    set(agent ${CMAKE_BINARY_DIR}/test/libkvjvmti_probe.so)
+  endif()
+  add_test(NAME junit.${simple}
+           COMMAND bash ${CMAKE_SOURCE_DIR}/tools/run-junit.sh ${KV_JAVA} ${agent}
+                   "${KV_API_JAR}:${KV_TEST_JAR}:${KV_JUNIT_JAR}" ${class}
+                   -Dkv.test.java=${KV_JAVA}
+                   -Dkv.test.agent=${CMAKE_BINARY_DIR}/libkvjvmti.so
+                   -Dkv.test.classpath=${KV_API_JAR}:${KV_TEST_JAR}
+                   -Dkv.test.workdir=${CMAKE_BINARY_DIR}/test/work)
+  set_tests_properties(junit.${simple} PROPERTIES LABELS junit TIMEOUT 600)
+endforeach()

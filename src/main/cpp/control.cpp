@@ -1,0 +1,71 @@
+// The natives that switch the agent on and off, report its versions and settings, and hold the
+// managed hooks.
+#include "capabilities.h"
+#include "global.h"
+#include "kvjvmti.h"
+#include "log.h"
+#include "native.h"
+#include "version.h"
+
+namespace {
+void register_hook(JNIEnv* env, ReferenceCountedJObject& hook, jobject object) {
+    ReferenceCountedJObject replacement = object != nullptr ? ReferenceCountedJObject(env, object)
+                                                            : ReferenceCountedJObject();
+    hook = replacement;
+}
+
+void relinquish_debugging_capabilities() {
+    jvmtiCapabilities held{};
+    if (g_jvmti->GetCapabilities(&held) != JVMTI_ERROR_NONE) return;
+    jvmtiCapabilities surplus = without_basic(held);
+    g_jvmti->RelinquishCapabilities(&surplus);
+}
+}  // namespace
+
+KV_NATIVE(jboolean, isActive)(JNIEnv*, jobject) { return g_active ? JNI_TRUE : JNI_FALSE; }
+
+KV_NATIVE(jboolean, setActive)(JNIEnv*, jobject, jboolean active) {
+    LOG_DEBUG("%d", active ? 1 : 0);
+    if (g_jvmti == nullptr) return JNI_FALSE;
+    if (active) {
+        g_active = add_upd_capabilities();
+        return g_active ? JNI_TRUE : JNI_FALSE;
+    }
+    relinquish_debugging_capabilities();
+    g_active = false;
+    return JNI_FALSE;
+}
+
+KV_NATIVE(jint, getApiVersion)(JNIEnv*, jobject) { return API_VERSION; }
+
+KV_NATIVE(jstring, getLibraryVersionString)(JNIEnv* env, jobject) { return env->NewStringUTF(version_banner()); }
+
+KV_NATIVE(jint, setMaxStepDuration)(JNIEnv*, jobject, jint seconds) { return MAX_STEP.exchange(seconds); }
+
+KV_NATIVE(jboolean, isFastSteppingEnabled)(JNIEnv*, jobject) { return g_stepping_enabled ? JNI_TRUE : JNI_FALSE; }
+
+KV_NATIVE(jboolean, isExceptionsEnabled)(JNIEnv*, jobject) { return g_exceptions_enabled ? JNI_TRUE : JNI_FALSE; }
+
+KV_NATIVE(void, registerClassPrepareHook)(JNIEnv* env, jobject, jobject hook) {
+    register_hook(env, g_classPrepareHook, hook);
+}
+
+KV_NATIVE(void, registerBreakpointHook)(JNIEnv* env, jobject, jobject hook) {
+    register_hook(env, g_breakpointHook, hook);
+}
+
+KV_NATIVE(void, registerExceptionHook)(JNIEnv* env, jobject, jobject hook) {
+    register_hook(env, g_exceptionHook, hook);
+}
+
+KV_NATIVE(void, registerThreadHook)(JNIEnv* env, jobject, jobject hook) { register_hook(env, g_threadHook, hook); }
+
+KV_NATIVE(void, registerFieldHook)(JNIEnv* env, jobject, jobject hook) { register_hook(env, g_fieldHook, hook); }
+
+KV_NATIVE(void, registerSteppingAbortedHook)(JNIEnv* env, jobject, jobject hook) {
+    register_hook(env, g_stepHook, hook);
+}
+
+KV_NATIVE(void, registerFileLoadHook)(JNIEnv* env, jobject, jobject hook) {
+    register_hook(env, g_fileLoadHook, hook);
+}

@@ -1,0 +1,19 @@
+#include "global.h"
+
+JavaVM* g_vm = nullptr;
+jvmtiEnv* g_jvmti = nullptr;
+std::atomic<bool> g_active{false};
+bool g_stepping_enabled = true;
+bool g_exceptions_enabled = true;
+std::atomic<jint> MAX_STEP{DEFAULT_MAX_STEP};
+
+JavaLock* PAUSE_LOCK = nullptr;
+JavaLock* TAG_LOCK = nullptr;
+
+ReferenceCountedJObject g_classPrepareHook;
+ReferenceCountedJObject g_breakpointHook;
+ReferenceCountedJObject g_exceptionHook;
+ReferenceCountedJObject g_threadHook;
+ReferenceCountedJObject g_fieldHook;
+ReferenceCountedJObject g_stepHook;
+ReferenceCountedJObject g_fileLoadHook;

@@ -1,0 +1,36 @@
+// Process-wide agent state: the VM handles, the configuration, the locks and the hooks.
+#pragma once
+
+#include "reference.h"
+
+#include <jni.h>
+#include <jvmti.h>
+
+#include <atomic>
+
+class JavaLock;
+
+extern JavaVM* g_vm;
+extern jvmtiEnv* g_jvmti;
+// Whether the agent holds the debugging capabilities; changed by setActive from any thread.
+extern std::atomic<bool> g_active;
+// Fixed at load.
+extern bool g_stepping_enabled;
+extern bool g_exceptions_enabled;
+// The longest duration of a step, in seconds; changed at run time by setMaxStepDuration.
+extern std::atomic<jint> MAX_STEP;
+constexpr jint DEFAULT_MAX_STEP = 15;
+
+extern JavaLock* PAUSE_LOCK;
+extern JavaLock* TAG_LOCK;
+
+// The managed hooks. A callback takes a counted copy for its whole run.
+extern ReferenceCountedJObject g_classPrepareHook;
+extern ReferenceCountedJObject g_breakpointHook;
+extern ReferenceCountedJObject g_exceptionHook;
+extern ReferenceCountedJObject g_threadHook;
+extern ReferenceCountedJObject g_fieldHook;
+extern ReferenceCountedJObject g_stepHook;
+extern ReferenceCountedJObject g_fileLoadHook;
+
+constexpr jint API_VERSION = 5;

@@ -1,0 +1,194 @@
+#include "kvjvmti.h"
+
+#include "capabilities.h"
+#include "config.h"
+#include "exception.h"
+#include "global.h"
+#include "lock.h"
+#include "log.h"
+#include "resources.h"
+#include "version.h"
+
+#include <cstdlib>
+
+namespace {
+
+struct CallbackLine {
+    const char* name;
+    bool (*installed)(const jvmtiEventCallbacks& callbacks);
+};
+
+// Start-up names the installed callbacks in this order; SingleStep stands for either stepping
+// variant.
+const CallbackLine CALLBACK_LINES[] = {
+    {"Breakpoint", [](const jvmtiEventCallbacks& c) { return c.Breakpoint != nullptr; }},
+    {"Exception", [](const jvmtiEventCallbacks& c) { return c.Exception != nullptr; }},
+    {"ExceptionCatch", [](const jvmtiEventCallbacks& c) { return c.ExceptionCatch != nullptr; }},
+    {"SingleStep", [](const jvmtiEventCallbacks& c) { return c.SingleStep != nullptr; }},
+    {"FramePop", [](const jvmtiEventCallbacks& c) { return c.FramePop != nullptr; }},
+    {"ClassPrepare", [](const jvmtiEventCallbacks& c) { return c.ClassPrepare != nullptr; }},
+    {"FieldAccess", [](const jvmtiEventCallbacks& c) { return c.FieldAccess != nullptr; }},
+    {"FieldModification", [](const jvmtiEventCallbacks& c) { return c.FieldModification != nullptr; }},
+    {"ThreadStart", [](const jvmtiEventCallbacks& c) { return c.ThreadStart != nullptr; }},
+    {"ThreadEnd", [](const jvmtiEventCallbacks& c) { return c.ThreadEnd != nullptr; }},
+    {"DataDumpRequest", [](const jvmtiEventCallbacks& c) { return c.DataDumpRequest != nullptr; }},
+    {"ClassFileLoadHook", [](const jvmtiEventCallbacks& c) { return c.ClassFileLoadHook != nullptr; }},
+};
+
+struct GlobalEvent {
+    jvmtiEvent event;
+    const char* name;
+};
+
+// Wanted from load to unload for the whole VM; everything else is switched per thread.
+const GlobalEvent DEFAULT_EVENTS[] = {
+    {JVMTI_EVENT_CLASS_PREPARE, "ClassPrepare"},
+    {JVMTI_EVENT_CLASS_FILE_LOAD_HOOK, "ClassFileLoadHook"},
+    {JVMTI_EVENT_THREAD_START, "ThreadStart"},
+    {JVMTI_EVENT_THREAD_END, "ThreadEnd"},
+    {JVMTI_EVENT_DATA_DUMP_REQUEST, "DataDumpRequest"},
+};
+
+// ClassFileLoadHook stays on at unload: the VM may still be loading classes.
+const GlobalEvent UNLOAD_EVENTS[] = {
+    {JVMTI_EVENT_THREAD_START, "ThreadStart"},
+    {JVMTI_EVENT_THREAD_END, "ThreadEnd"},
+    {JVMTI_EVENT_CLASS_PREPARE, "ClassPrepare"},
+    {JVMTI_EVENT_DATA_DUMP_REQUEST, "DumpRequest"},
+};
+
+// A property's value, or null when it is not set.
+class SystemProperty {
+public:
+    explicit SystemProperty(const char* name) {
+        if (g_jvmti->GetSystemProperty(name, m_value.out()) != JVMTI_ERROR_NONE) m_value.reset();
+    }
+    const char* get() const { return m_value.get(); }
+
+private:
+    JvmtiBuffer<char> m_value;
+};
+
+void read_configuration() {
+    {
+        SystemProperty level("KV_JVMTI_LOG_LEVEL");
+        if (level.get() != nullptr) KV_JVMTI_LOG_LEVEL = parse_log_level(level.get());
+    }
+    bool coldfusion;
+    {
+        SystemProperty home("coldfusion.home");
+        if (home.get() != nullptr) {
+            coldfusion = true;
+        } else {
+            SystemProperty command("sun.java.command");
+            coldfusion = is_coldfusion(false, command.get());
+        }
+    }
+    g_exceptions_enabled = parse_switch(SystemProperty("kv.jvmti.enable.exceptions").get(), coldfusion);
+    g_stepping_enabled = parse_switch(SystemProperty("kv.jvmti.enable.fast.stepping").get(), coldfusion);
+}
+
+// Acquiring the debugging set once at load, while the VM still offers its load-time-only
+// capabilities, keeps them available to setActive(true) later; giving them back at once keeps
+// the VM at full speed while nobody debugs.
+void settle_capabilities() {
+    jvmtiCapabilities basic = basic_capabilities();
+    g_jvmti->AddCapabilities(&basic);
+    if (!add_upd_capabilities()) {
+        LOG_ERROR("Unable to acquire JVMTI capabilities.");
+        return;
+    }
+    jvmtiCapabilities held{};
+    if (g_jvmti->GetCapabilities(&held) != JVMTI_ERROR_NONE) return;
+    jvmtiCapabilities surplus = without_basic(held);
+    g_jvmti->RelinquishCapabilities(&surplus);
+}
+
+void enable_default_events() {
+    LOG_DEBUG("Default Global Events");
+    for (const GlobalEvent& global : DEFAULT_EVENTS) {
+        jvmtiError error = g_jvmti->SetEventNotificationMode(JVMTI_ENABLE, global.event, nullptr);
+        if (error == JVMTI_ERROR_NONE) {
+            LOG_DEBUG("\t%s - events enabled", global.name);
+        } else {
+            LOG_WARN("\t%s - events could not be enabled - %s", global.name, get_error_message(error).c_str());
+        }
+    }
+}
+
+// At process exit the hook globals are destroyed while the VM is going away: no JNI call may be
+// made then, whether or not the VM unloaded the agent first.
+void forget_references_at_exit() { g_active = false; }
+
+}  // namespace
+
+jvmtiEventCallbacks build_callbacks(bool /*exceptions_enabled*/, bool /*stepping_enabled*/) {
+    jvmtiEventCallbacks callbacks{};
+    return callbacks;
+}
+
+std::vector<std::string> installed_callback_names(const jvmtiEventCallbacks& callbacks) {
+    std::vector<std::string> names;
+    for (const CallbackLine& line : CALLBACK_LINES) {
+        if (line.installed(callbacks)) names.emplace_back(line.name);
+    }
+    return names;
+}
+
+void register_callbacks() {
+    jvmtiEventCallbacks callbacks = build_callbacks(g_exceptions_enabled, g_stepping_enabled);
+    if (g_jvmti->SetEventCallbacks(&callbacks, static_cast<jint>(sizeof callbacks)) != JVMTI_ERROR_NONE) return;
+    LOG_DEBUG("Event Callbacks");
+    for (const std::string& name : installed_callback_names(callbacks)) {
+        LOG_DEBUG("\t%s registered", name.c_str());
+    }
+}
+
+bool add_upd_capabilities() {
+    jvmtiCapabilities wanted = debugging_capabilities(g_exceptions_enabled, g_stepping_enabled);
+    if (g_jvmti->AddCapabilities(&wanted) != JVMTI_ERROR_NONE) return false;
+    jvmtiCapabilities held{};
+    if (g_jvmti->GetCapabilities(&held) != JVMTI_ERROR_NONE) return false;
+    dump_capabilities();
+    return true;
+}
+
+void dump_capabilities() {
+    if (KV_JVMTI_LOG_LEVEL < LOG_DEBUG_LEVEL) return;
+    jvmtiCapabilities held{};
+    if (g_jvmti->GetCapabilities(&held) != JVMTI_ERROR_NONE) return;
+    LOG_DEBUG("Capabilities");
+    for (const CapabilityField& field : CAPABILITY_FIELDS) {
+        LOG_DEBUG("\t%s=%d", field.name, field.held(held) ? 1 : 0);
+    }
+}
+
+extern "C" JNIEXPORT jint JNICALL Agent_OnLoad(JavaVM* vm, char* options, void* /*reserved*/) {
+    log("%s", version_banner());
+    g_vm = vm;
+    if (vm->GetEnv(reinterpret_cast<void**>(&g_jvmti), JVMTI_VERSION_1_0) != JNI_OK) {
+        g_jvmti = nullptr;
+        g_active = false;
+        return 0;
+    }
+    read_configuration();
+    LOG_DEBUG("agentargs = %s", options);
+    PAUSE_LOCK = new JavaLock("SuspendPauseLock");
+    TAG_LOCK = new JavaLock("TagLock");
+    settle_capabilities();
+    register_callbacks();
+    enable_default_events();
+    atexit(forget_references_at_exit);
+    g_active = false;
+    return 0;
+}
+
+extern "C" JNIEXPORT void JNICALL Agent_OnUnload(JavaVM* /*vm*/) {
+    LOG_DEBUG("");
+    g_active = false;
+    if (g_jvmti == nullptr) return;
+    for (const GlobalEvent& global : UNLOAD_EVENTS) {
+        g_jvmti->SetEventNotificationMode(JVMTI_DISABLE, global.event, nullptr);
+        LOG_DEBUG("%s - events disabled", global.name);
+    }
+}

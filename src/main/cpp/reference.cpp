@@ -1,0 +1,70 @@
+#include "reference.h"
+
+#include "global.h"
+#include "log.h"
+
+ReferenceCountedJObject::ReferenceCountedJObject(JNIEnv* env, jobject object)
+    : m_object(env->NewGlobalRef(object)), m_count(new std::atomic<int>(0)) {
+    m_count->fetch_add(1);
+}
+
+ReferenceCountedJObject::ReferenceCountedJObject(const ReferenceCountedJObject& other) {
+    SpinLockGuard guard(other.m_guard);
+    m_object = other.m_object;
+    m_count = other.m_count;
+    if (m_count != nullptr) m_count->fetch_add(1);
+}
+
+ReferenceCountedJObject& ReferenceCountedJObject::operator=(const ReferenceCountedJObject& other) {
+    if (this == &other) return *this;
+    // Take the new pair under the other's guard, swap it in under our own, and drop the old pair
+    // outside both: never two guards at once, and no JNI call under a guard.
+    ReferenceCountedJObject incoming(other);
+    {
+        SpinLockGuard guard(m_guard);
+        jobject object = m_object;
+        std::atomic<int>* count = m_count;
+        m_object = incoming.m_object;
+        m_count = incoming.m_count;
+        incoming.m_object = object;
+        incoming.m_count = count;
+    }
+    return *this;
+}
+
+ReferenceCountedJObject::~ReferenceCountedJObject() { decreaseRefCount(); }
+
+void ReferenceCountedJObject::decreaseRefCount() {
+    jobject object;
+    std::atomic<int>* count;
+    {
+        SpinLockGuard guard(m_guard);
+        object = m_object;
+        count = m_count;
+        m_object = nullptr;
+        m_count = nullptr;
+    }
+    if (count == nullptr) return;
+    if (count->fetch_sub(1) != 1) return;
+    if (object != nullptr && g_active) deleteGlobalRef(object);
+    delete count;
+}
+
+int ReferenceCountedJObject::count() const {
+    SpinLockGuard guard(m_guard);
+    return m_count != nullptr ? m_count->load() : 0;
+}
+
+void ReferenceCountedJObject::deleteGlobalRef(jobject object) {
+    if (g_vm == nullptr) return;
+    JNIEnv* env = nullptr;
+    jint status = g_vm->GetEnv(reinterpret_cast<void**>(&env), JNI_VERSION_1_6);
+    if (status == JNI_OK) {
+        env->DeleteGlobalRef(object);
+    } else if (status == JNI_EDETACHED) {
+        if (g_vm->AttachCurrentThread(reinterpret_cast<void**>(&env), nullptr) == JNI_OK) {
+            env->DeleteGlobalRef(object);
+            g_vm->DetachCurrentThread();
+        }
+    }
+}

@@ -1,0 +1,36 @@
+// A JNI global reference shared by counted copies, so that an event callback can hold a hook
+// for its whole run while the managed side replaces or clears it.
+#pragma once
+
+#include "spinlock.h"
+
+#include <jni.h>
+
+#include <atomic>
+
+class ReferenceCountedJObject {
+public:
+    ReferenceCountedJObject() = default;
+    ReferenceCountedJObject(JNIEnv* env, jobject object);
+    ReferenceCountedJObject(const ReferenceCountedJObject& other);
+    ReferenceCountedJObject& operator=(const ReferenceCountedJObject& other);
+    ~ReferenceCountedJObject();
+
+    // Drops this holder's count; the last holder deletes the global reference (while the agent
+    // is active) and frees the counter.
+    void decreaseRefCount();
+    // Deletes a global reference from any thread, attaching it to the VM for the call if needed.
+    static void deleteGlobalRef(jobject object);
+
+    jobject get() const { return m_object; }
+    bool isSet() const { return m_object != nullptr; }
+    // The number of live copies, for diagnostics and tests; 0 for an empty instance.
+    int count() const;
+
+private:
+    jobject m_object = nullptr;
+    std::atomic<int>* m_count = nullptr;
+    // Guards the pair of fields, so that a copy taken while the instance is being reassigned
+    // never pairs one hook's reference with another hook's counter.
+    mutable SpinLock m_guard;
+};

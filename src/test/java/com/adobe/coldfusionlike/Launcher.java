@@ -1,0 +1,13 @@
+package com.adobe.coldfusionlike;
+
+import com.brantide.kelvane.plugin.jvmti.testing.StartupMain;
+
+/** A main class whose name only resembles a ColdFusion one: the agent must not be fooled. */
+public final class Launcher {
+    private Launcher() {
+    }
+
+    public static void main(String[] args) {
+        StartupMain.main(args);
+    }
+}

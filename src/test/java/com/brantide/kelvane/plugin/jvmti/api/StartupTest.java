@@ -1,0 +1,128 @@
+package com.brantide.kelvane.plugin.jvmti.api;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertNotNull;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import com.brantide.kelvane.plugin.jvmti.testing.ChildJvm;
+import com.brantide.kelvane.plugin.jvmti.testing.ChildJvm.Result;
+import com.brantide.kelvane.plugin.jvmti.testing.LogLine;
+import com.brantide.kelvane.plugin.jvmti.testing.StartupMain;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.stream.Collectors;
+import org.junit.jupiter.api.Test;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.CsvSource;
+
+/** Start-up behaviour, read from the error output of child JVMs. */
+class StartupTest {
+    private static final String BANNER =
+            "^Kelvane JVMTI Revision: (\\S+) Build: \\d+\\.[0-9a-f]{40}\\.\\1 Date: [A-Z][a-z]{2} \\d{2} \\d{4} \\d{2}:\\d{2}:\\d{2}$";
+
+    @Test
+    void bannerComesFirstAndTheVmRunsNormally() throws Exception {
+        Result result = ChildJvm.main(StartupMain.class).run().assertClean();
+        String banner = result.stderrLines().get(0);
+        assertTrue(banner.matches(BANNER), banner);
+        assertEquals(List.of(), result.agentMessages(), "the default level writes no DEBUG lines");
+        assertTrue(result.stdout.contains("active=false"));
+    }
+
+    @Test
+    void debugLevelLogsStartUpInOrder() throws Exception {
+        Result result = ChildJvm.main(StartupMain.class).logLevel(4).agentOptions("hello").run().assertClean();
+        List<String> lines = result.stderrLines();
+        assertTrue(lines.get(0).matches(BANNER));
+        List<LogLine> startup = new ArrayList<>();
+        for (String line : lines.subList(1, lines.size())) {
+            LogLine parsed = LogLine.parse(line);
+            assertNotNull(parsed, "every line after the banner is a levelled agent line: " + line);
+            if (parsed.function.equals("Agent_OnUnload")) {
+                break;
+            }
+            startup.add(parsed);
+        }
+        List<String> messages = startup.stream().map(l -> l.message).collect(Collectors.toList());
+        assertEquals("agentargs = hello", messages.get(0));
+        assertEquals("Capabilities", messages.get(1));
+        assertEquals("\tcan_tag_objects=1", messages.get(2));
+        assertEquals("\tcan_generate_resource_exhaustion_threads_events=0", messages.get(42));
+        int callbacks = messages.indexOf("Event Callbacks");
+        int events = messages.indexOf("Default Global Events");
+        assertTrue(callbacks == 43 && events > callbacks, messages.toString());
+        assertTrue(messages.subList(callbacks + 1, events).stream().allMatch(m -> m.matches("\t[A-Za-z]+ registered")));
+        assertEquals(List.of("\tClassPrepare - events enabled", "\tClassFileLoadHook - events enabled",
+                "\tThreadStart - events enabled", "\tThreadEnd - events enabled",
+                "\tDataDumpRequest - events enabled"), messages.subList(events + 1, events + 6));
+        assertTrue(startup.stream().allMatch(l -> l.level.equals("DEBUG") && l.file.equals("src/main/cpp/kvjvmti.cpp")));
+        assertTrue(result.stderr.contains("Agent_OnUnload() ThreadStart - events disabled"));
+    }
+
+    @Test
+    void missingAgentOptionsPrintAsNull() throws Exception {
+        Result result = ChildJvm.main(StartupMain.class).logLevel(4).run().assertClean();
+        assertTrue(result.agentMessages().contains("DEBUG agentargs = (null)"));
+    }
+
+    @ParameterizedTest(name = "{0}")
+    @CsvSource(delimiter = '|', value = {
+        "no properties                         | com.brantide.kelvane.plugin.jvmti.testing.StartupMain |                                        | true  | true",
+        "coldfusion.home set                   | com.brantide.kelvane.plugin.jvmti.testing.StartupMain | coldfusion.home=/opt/cf                | false | false",
+        "ColdFusion main class                 | com.adobe.coldfusion.Launcher                         |                                        | false | false",
+        "look-alike main class                 | com.adobe.coldfusionlike.Launcher                     |                                        | true  | true",
+        "switches win over ColdFusion          | com.adobe.coldfusion.Launcher                         | kv.jvmti.enable.exceptions=true        | false | true",
+        "fast stepping on under ColdFusion     | com.brantide.kelvane.plugin.jvmti.testing.StartupMain | coldfusion.home=x,kv.jvmti.enable.fast.stepping=true | true | false",
+        "only exact true enables (capitals)    | com.brantide.kelvane.plugin.jvmti.testing.StartupMain | kv.jvmti.enable.exceptions=TRUE        | true  | false",
+        "only exact true enables (one)         | com.brantide.kelvane.plugin.jvmti.testing.StartupMain | kv.jvmti.enable.fast.stepping=1        | false | true",
+    })
+    void propertiesDecideTheSwitches(String name, String main, String properties, boolean fastStepping,
+            boolean exceptions) throws Exception {
+        ChildJvm child = ChildJvm.main(main).logLevel(4);
+        if (properties != null) {
+            for (String property : properties.split(",")) {
+                String[] pair = property.split("=", 2);
+                child.property(pair[0], pair[1]);
+            }
+        }
+        Result result = child.run().assertClean();
+        assertTrue(result.stdout.contains("fastStepping=" + fastStepping), result.stdout);
+        assertTrue(result.stdout.contains("exceptions=" + exceptions), result.stdout);
+        List<String> messages = result.agentMessages();
+        // The start-up capability dump shows what the switches asked of the VM.
+        assertTrue(messages.contains("DEBUG \tcan_generate_frame_pop_events=" + (fastStepping ? 1 : 0)));
+        assertTrue(messages.contains("DEBUG \tcan_generate_exception_events=" + (exceptions ? 1 : 0)));
+        assertTrue(messages.contains("DEBUG \tcan_pop_frame=0") && messages.contains("DEBUG \tcan_get_owned_monitor_info=0"));
+    }
+
+    @ParameterizedTest
+    @CsvSource({"abc", "0", "-3"})
+    void levelWithoutPositiveDigitsSilencesEveryLevelledLine(String level) throws Exception {
+        Result result = ChildJvm.main(StartupMain.class, "on", "off").property("KV_JVMTI_LOG_LEVEL", level).run()
+                .assertClean();
+        assertTrue(result.stderrLines().get(0).matches(BANNER));
+        assertEquals(List.of(), result.agentMessages());
+    }
+
+    @Test
+    void levelsFilterByThreshold() throws Exception {
+        Result fine = ChildJvm.main(StartupMain.class, "on").logLevel(5).run().assertClean();
+        assertTrue(fine.agentMessages().contains("DEBUG agentargs = (null)"));
+        Result warn = ChildJvm.main(StartupMain.class, "on").logLevel(3).run().assertClean();
+        assertFalse(warn.agentMessages().stream().anyMatch(m -> m.startsWith("DEBUG")));
+    }
+
+    @Test
+    void setActiveAcquiresTheDebuggingSetEachTime() throws Exception {
+        Result result = ChildJvm.main(StartupMain.class, "on", "off", "on").logLevel(4).run().assertClean();
+        assertTrue(result.stdout.contains("setActive(true)=true"));
+        assertTrue(result.stdout.contains("setActive(false)=false"));
+        // One dump at load, then one per setActive(true), none for setActive(false).
+        long dumps = result.agentMessages().stream().filter(m -> m.equals("DEBUG \tcan_suspend=1")).count();
+        assertEquals(3, dumps);
+        String afterOff = result.stderr.substring(result.stderr.indexOf("-- setActive(false)"));
+        String beforeSecondOn = afterOff.substring(0, afterOff.indexOf("-- setActive(true)"));
+        assertFalse(beforeSecondOn.contains("Capabilities"));
+    }
+}

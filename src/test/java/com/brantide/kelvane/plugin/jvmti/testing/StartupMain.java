@@ -1,0 +1,24 @@
+package com.brantide.kelvane.plugin.jvmti.testing;
+
+import com.brantide.kelvane.plugin.jvmti.api.JvmtiApi;
+
+/**
+ * A child JVM's program: prints the agent's settings on standard output, then switches it as the
+ * arguments say ("on", "off").
+ */
+public final class StartupMain {
+    private StartupMain() {
+    }
+
+    public static void main(String[] args) {
+        JvmtiApi api = new JvmtiApi();
+        api.registerClasses();
+        System.out.println("fastStepping=" + api.isFastSteppingEnabled());
+        System.out.println("exceptions=" + api.isExceptionsEnabled());
+        System.out.println("active=" + api.isActive());
+        for (String arg : args) {
+            System.err.println("-- setActive(" + arg.equals("on") + ")");
+            System.out.println("setActive(" + arg.equals("on") + ")=" + api.setActive(arg.equals("on")));
+        }
+    }
+}

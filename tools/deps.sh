@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build needs (as root), or says which are missing.
+# Usage: deps.sh build|test
+set -eu
+packages="cmake make g++ binutils openjdk-17-jdk-headless"
+if [ "${1:-build}" = test ]; then
+  packages="$packages libgtest-dev libgmock-dev junit5"
+fi
+missing=""
+for package in $packages; do
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" || missing="$missing $package"
+done
+[ -z "$missing" ] && exit 0
+if [ "$(id -u)" -ne 0 ]; then
+  echo "missing Debian packages:$missing (run as root to install them, or: sudo apt-get install$missing)" >&2
+  exit 1
+fi
+echo "installing:$missing"
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq
+# shellcheck disable=SC2086
+apt-get install -y -qq --no-install-recommends $missing >/dev/null
