@@ -1,0 +1,6 @@
+package com.brantide.kelvane.plugin.jvmti.api;
+
+/** One prepared loaded class. */
+public interface ClassCallback {
+    void classFound(Class<?> clazz);
+}
