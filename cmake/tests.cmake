@@ -50,6 +50,7 @@ foreach(source ${KV_JUNIT_SOURCES})
                    "${KV_API_JAR}:${KV_TEST_JAR}:${KV_JUNIT_JAR}" ${class}
                    -Dkv.test.java=${KV_JAVA}
                    -Dkv.test.agent=${CMAKE_BINARY_DIR}/libkvjvmti.so
+                   -Dkv.test.probe-agent=${CMAKE_BINARY_DIR}/test/libkvjvmti_probe.so
                    -Dkv.test.classpath=${KV_API_JAR}:${KV_TEST_JAR}
                    -Dkv.test.workdir=${CMAKE_BINARY_DIR}/test/work)
   set_tests_properties(junit.${simple} PROPERTIES LABELS junit TIMEOUT 600)

@@ -2,11 +2,13 @@
 
 #include "capabilities.h"
 #include "config.h"
+#include "dump.h"
 #include "exception.h"
 #include "global.h"
 #include "lock.h"
 #include "log.h"
 #include "resources.h"
+#include "thread.h"
 #include "version.h"
 
 #include <cstdlib>
@@ -124,6 +126,9 @@ void forget_references_at_exit() { g_active = false; }
 
 jvmtiEventCallbacks build_callbacks(bool /*exceptions_enabled*/, bool /*stepping_enabled*/) {
     jvmtiEventCallbacks callbacks{};
+    callbacks.ThreadStart = ThreadStart;
+    callbacks.ThreadEnd = ThreadEnd;
+    callbacks.DataDumpRequest = DataDumpRequest;
     return callbacks;
 }
 

@@ -50,6 +50,6 @@ KV_NATIVE(void, registerOsgiClass)(JNIEnv* env, jobject /*self*/, jstring name, 
     if (chars.get() == nullptr) return;  // out of memory: the VM's error stays pending
     jclass global = static_cast<jclass>(env->NewGlobalRef(clazz));
     if (global == nullptr) return;
-    LOG_DEBUG("%s", chars.get());
+    LOG_DEBUG("registered %s", chars.get());
     register_osgi_class(chars.get(), global);
 }

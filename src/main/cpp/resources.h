@@ -101,3 +101,9 @@ private:
     JNIEnv* m_env;
     bool m_pushed;
 };
+
+// Declares that the calling native code holds this many more local references, as after a JVMTI
+// call that returns an array of them; JNI checking otherwise warns at the next JNI call.
+inline void ensure_local_capacity(JNIEnv* env, jint count) {
+    if (env->EnsureLocalCapacity(count + 16) != JNI_OK) env->ExceptionClear();
+}

@@ -1,9 +1,12 @@
 // Test-only natives of the probe variant of the agent: they let JUnit tests reach internal helpers
 // inside a real JVM. The shipped library does not contain them.
 #include "boxing.h"
+#include "event_mask.h"
+#include "events.h"
 #include "exception.h"
 #include "global.h"
 #include "resources.h"
+#include "thread.h"
 
 #include <jni.h>
 
@@ -49,3 +52,33 @@ KV_PROBE(jint, callBreakpointHookHashCode)(JNIEnv* env, jclass) {
 }
 
 KV_PROBE(jint, breakpointHookCopies)(JNIEnv*, jclass) { return g_breakpointHook.count(); }
+
+// Per-thread records and masks, read and switched as the agent's own paths do.
+KV_PROBE(jboolean, hasThreadData)(JNIEnv*, jclass, jthread thread) {
+    ThreadDataAccess access(thread);
+    return access.get() != nullptr ? JNI_TRUE : JNI_FALSE;
+}
+
+KV_PROBE(jlong, userEvents)(JNIEnv*, jclass, jthread thread) {
+    ThreadDataAccess access(thread);
+    return access.get() != nullptr ? access.get()->user_events.load() : -1;
+}
+
+KV_PROBE(jlong, activeEvents)(JNIEnv*, jclass, jthread thread) {
+    ThreadDataAccess access(thread);
+    return access.get() != nullptr ? access.get()->active_events.load() : -1;
+}
+
+KV_PROBE(jboolean, setEvent)(JNIEnv*, jclass, jboolean enable, jint event, jthread thread, jboolean user) {
+    return set_event(enable ? JVMTI_ENABLE : JVMTI_DISABLE, event, thread, user) ? JNI_TRUE : JNI_FALSE;
+}
+
+KV_PROBE(jlong, clearActiveEvents)(JNIEnv*, jclass, jthread thread) { return clear_active_events(thread); }
+
+KV_PROBE(void, restoreUserEvents)(JNIEnv*, jclass, jthread thread, jlong saved) {
+    restore_user_events(thread, saved);
+}
+
+KV_PROBE(jstring, eventMaskToString)(JNIEnv* env, jclass, jlong mask) {
+    return env->NewStringUTF(event_mask_to_string(mask).c_str());
+}

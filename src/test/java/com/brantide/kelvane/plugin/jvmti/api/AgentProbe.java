@@ -38,4 +38,21 @@ final class AgentProbe {
     static native int callBreakpointHookHashCode();
 
     static native int breakpointHookCopies();
+
+    static native boolean hasThreadData(Thread thread);
+
+    /** The thread's user mask, or -1 without a record. */
+    static native long userEvents(Thread thread);
+
+    /** The thread's active mask, or -1 without a record. */
+    static native long activeEvents(Thread thread);
+
+    /** Switches an event as the agent's internal paths do (user false) or as the managed side does. */
+    static native boolean setEvent(boolean enable, int event, Thread thread, boolean user);
+
+    static native long clearActiveEvents(Thread thread);
+
+    static native void restoreUserEvents(Thread thread, long saved);
+
+    static native String eventMaskToString(long mask);
 }

@@ -3,16 +3,18 @@ package com.brantide.kelvane.plugin.jvmti.testing;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 import static org.junit.jupiter.api.Assertions.fail;
 
+import java.io.BufferedReader;
 import java.io.IOException;
 import java.io.InputStream;
+import java.io.InputStreamReader;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
-import java.util.concurrent.CompletableFuture;
 import java.util.concurrent.TimeUnit;
+import java.util.function.Predicate;
 import java.util.regex.Pattern;
 import java.util.stream.Collectors;
 
@@ -28,6 +30,7 @@ public final class ChildJvm {
     private String mainClass;
     private final List<String> args = new ArrayList<>();
     private String agentOptions;
+    private String agentProperty = "kv.test.agent";
 
     public static ChildJvm main(Class<?> mainClass, String... args) {
         return main(mainClass.getName(), args);
@@ -49,6 +52,12 @@ public final class ChildJvm {
         return property("KV_JVMTI_LOG_LEVEL", Integer.toString(level));
     }
 
+    /** Loads the probe variant of the agent, whose extra natives the tests use. */
+    public ChildJvm withProbeAgent() {
+        agentProperty = "kv.test.probe-agent";
+        return this;
+    }
+
     public ChildJvm agentOptions(String options) {
         agentOptions = options;
         return this;
@@ -59,7 +68,7 @@ public final class ChildJvm {
         List<String> command = new ArrayList<>();
         command.add(required("kv.test.java"));
         command.add("-Xcheck:jni");
-        command.add("-agentpath:" + required("kv.test.agent") + (agentOptions == null ? "" : "=" + agentOptions));
+        command.add("-agentpath:" + required(agentProperty) + (agentOptions == null ? "" : "=" + agentOptions));
         command.addAll(jvmOptions);
         command.add("-cp");
         command.add(required("kv.test.classpath"));
@@ -88,38 +97,112 @@ public final class ChildJvm {
         return value;
     }
 
-    /** A child JVM that is still running. */
+    /** A child JVM that is still running; its output is collected line by line as it comes. */
     public static final class Running {
         private final Process process;
-        private final CompletableFuture<String> stdout;
-        private final CompletableFuture<String> stderr;
+        private final List<String> stdout = new ArrayList<>();
+        private final List<String> stderr = new ArrayList<>();
+        private final Thread[] readers;
 
         Running(Process process) {
             this.process = process;
-            this.stdout = drain(process.getInputStream());
-            this.stderr = drain(process.getErrorStream());
+            this.readers = new Thread[] {reader(process.getInputStream(), stdout), reader(process.getErrorStream(), stderr)};
         }
 
         public long pid() {
             return process.pid();
         }
 
+        /** Waits until the child wrote a line equal to the text on standard output. */
+        public void awaitStdout(String line, long seconds) throws InterruptedException {
+            awaitLine(stdout, line::equals, seconds);
+        }
+
+        /** Waits until a line on standard error matches, and returns how many lines it had then. */
+        public int awaitStderr(Predicate<String> matches, long seconds) throws InterruptedException {
+            return awaitLine(stderr, matches, seconds);
+        }
+
+        /** The lines written to standard error so far. */
+        public List<String> stderrSoFar() {
+            synchronized (stderr) {
+                return new ArrayList<>(stderr);
+            }
+        }
+
+        /** Closes the child's standard input: the child programs of the tests end then. */
+        public void closeStdin() throws IOException {
+            process.getOutputStream().close();
+        }
+
+        /** Runs jcmd against the child and returns its output. */
+        public String jcmd(String... command) throws Exception {
+            Path java = Path.of(required("kv.test.java"));
+            List<String> line = new ArrayList<>(List.of(java.resolveSibling("jcmd").toString(), Long.toString(pid())));
+            line.addAll(Arrays.asList(command));
+            Process jcmd = new ProcessBuilder(line).redirectErrorStream(true).start();
+            String output = new String(jcmd.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
+            assertTrue(jcmd.waitFor(60, TimeUnit.SECONDS) && jcmd.exitValue() == 0, "jcmd failed: " + output);
+            return output;
+        }
+
         public Result await(long seconds) throws Exception {
             if (!process.waitFor(seconds, TimeUnit.SECONDS)) {
                 process.destroyForcibly();
-                fail("child JVM did not finish within " + seconds + " s; stderr:\n" + stderr.getNow(""));
+                fail("child JVM did not finish within " + seconds + " s; stderr:\n" + String.join("\n", stderrSoFar()));
             }
-            return new Result(process.exitValue(), stdout.get(10, TimeUnit.SECONDS), stderr.get(10, TimeUnit.SECONDS));
+            for (Thread reader : readers) {
+                reader.join(10_000);
+            }
+            return new Result(process.exitValue(), joined(stdout), joined(stderr));
         }
 
-        private static CompletableFuture<String> drain(InputStream stream) {
-            return CompletableFuture.supplyAsync(() -> {
-                try (stream) {
-                    return new String(stream.readAllBytes(), StandardCharsets.UTF_8);
-                } catch (IOException e) {
-                    return "<unreadable: " + e + ">";
+        private int awaitLine(List<String> lines, Predicate<String> matches, long seconds) throws InterruptedException {
+            long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(seconds);
+            synchronized (lines) {
+                while (true) {
+                    for (int i = 0; i < lines.size(); i++) {
+                        if (matches.test(lines.get(i))) {
+                            return lines.size();
+                        }
+                    }
+                    long left = deadline - System.nanoTime();
+                    if (left <= 0 || !process.isAlive() && !readersAlive()) {
+                        fail("expected line not seen; lines so far:\n" + String.join("\n", lines));
+                    }
+                    lines.wait(Math.max(1, TimeUnit.NANOSECONDS.toMillis(Math.min(left, 100_000_000L))));
                 }
-            });
+            }
+        }
+
+        private boolean readersAlive() {
+            return readers[0].isAlive() || readers[1].isAlive();
+        }
+
+        private static String joined(List<String> lines) {
+            synchronized (lines) {
+                return lines.isEmpty() ? "" : String.join("\n", lines) + "\n";
+            }
+        }
+
+        private static Thread reader(InputStream stream, List<String> lines) {
+            Thread reader = new Thread(() -> {
+                try (BufferedReader in = new BufferedReader(new InputStreamReader(stream, StandardCharsets.UTF_8))) {
+                    for (String line = in.readLine(); line != null; line = in.readLine()) {
+                        synchronized (lines) {
+                            lines.add(line);
+                            lines.notifyAll();
+                        }
+                    }
+                } catch (IOException e) {
+                    synchronized (lines) {
+                        lines.add("<unreadable: " + e + ">");
+                    }
+                }
+            }, "child-output");
+            reader.setDaemon(true);
+            reader.start();
+            return reader;
         }
     }
 

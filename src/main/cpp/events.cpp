@@ -1,0 +1,122 @@
+#include "events.h"
+
+#include "event_mask.h"
+#include "exception.h"
+#include "global.h"
+#include "log.h"
+#include "native.h"
+#include "thread.h"
+
+namespace {
+void record_switch(ThreadData* data, jvmtiEventMode mode, jint event, bool user) {
+    jlong bit = event_bit(event);
+    if (mode == JVMTI_ENABLE) {
+        data->active_events.fetch_or(bit);
+        if (user) data->user_events.fetch_or(bit);
+    } else {
+        data->active_events.fetch_and(~bit);
+        if (user) data->user_events.fetch_and(~bit);
+    }
+}
+
+// Reads a mask of the thread's record: FINE names the caller's view of it. Returns false when the
+// thread has no record.
+bool read_masks(jthread thread, jlong* user, jlong* active, jlong* thread_id) {
+    ThreadDataAccess access(thread);
+    if (access.error() != JVMTI_ERROR_NONE) return false;
+    ThreadData* data = access.get();
+    if (data == nullptr) {
+        LOG_ERROR("tdata is null");
+        return false;
+    }
+    *user = data->user_events.load();
+    *active = data->active_events.load();
+    *thread_id = data->thread_id;
+    return true;
+}
+
+void switch_from_bitmask(jvmtiEventMode mode, jlong mask, jthread thread) {
+    for (int position = 0; position < EVENT_MASK_POSITIONS; position++) {
+        jint event = JVMTI_MIN_EVENT_TYPE_VAL + position;
+        if ((mask & event_bit(event)) != 0) set_event(mode, event, thread, false);
+    }
+}
+}  // namespace
+
+bool set_event(jvmtiEventMode mode, jint event, jthread thread, bool user) {
+    ThreadDataAccess access(thread);
+    if (access.error() == JVMTI_ERROR_THREAD_NOT_ALIVE) {
+        LOG_DEBUG("Failed to set event for thread %s(%d)", get_error_message(access.error()).c_str(), access.error());
+        return false;
+    }
+    if (access.error() != JVMTI_ERROR_NONE) {
+        LOG_ERROR("Failed to set event(%d) for thread(%s) = %s(%d)", event, get_thread_name(thread).c_str(),
+                  get_error_message(access.error()).c_str(), access.error());
+        return false;
+    }
+    ThreadData* data = access.get();
+    if (data == nullptr) {
+        LOG_DEBUG("data is null for thread(%s)", get_thread_name(thread).c_str());
+        return false;
+    }
+    std::lock_guard<std::mutex> guard(data->switch_lock);
+    jvmtiError error = g_jvmti->SetEventNotificationMode(mode, static_cast<jvmtiEvent>(event), thread);
+    if (error == JVMTI_ERROR_THREAD_NOT_ALIVE) {
+        LOG_DEBUG("Failed to set event for thread %s(%d)", get_error_message(error).c_str(), error);
+        return false;
+    }
+    if (error != JVMTI_ERROR_NONE) {
+        LOG_ERROR("Failed to set event(%d) for thread(%s) = %s(%d)", event, get_thread_name(thread).c_str(),
+                  get_error_message(error).c_str(), error);
+        return false;
+    }
+    record_switch(data, mode, event, user);
+    LOG_FINE("%s(%d)=%s active=%s thread(%ld,%s)", event_to_string(event), event,
+             mode == JVMTI_ENABLE ? "enabled" : "disabled", event_mask_to_string(data->active_events).c_str(),
+             data->thread_id, get_thread_name(thread).c_str());
+    return true;
+}
+
+void clear_events_from_bitmask(jlong mask, jthread thread) { switch_from_bitmask(JVMTI_DISABLE, mask, thread); }
+
+void set_events_from_bitmask(jlong mask, jthread thread) { switch_from_bitmask(JVMTI_ENABLE, mask, thread); }
+
+jlong clear_active_events(jthread thread) {
+    jlong user = 0;
+    jlong active = 0;
+    jlong thread_id = 0;
+    if (!read_masks(thread, &user, &active, &thread_id)) return NO_SAVED_EVENTS;
+    LOG_FINE("thread(%ld,%s) active=%s", thread_id, get_thread_name(thread).c_str(),
+             event_mask_to_string(active).c_str());
+    clear_events_from_bitmask(active, thread);
+    return active;
+}
+
+void restore_user_events(jthread thread, jlong saved) {
+    jlong user = 0;
+    jlong active = 0;
+    jlong thread_id = 0;
+    if (!read_masks(thread, &user, &active, &thread_id)) return;
+    LOG_FINE("thread(%ld,%s) user=%s", thread_id, get_thread_name(thread).c_str(), event_mask_to_string(user).c_str());
+    set_events_from_bitmask(user, thread);
+    if (saved == NO_SAVED_EVENTS) return;
+    LOG_FINE("thread(%ld,%s) last=%s", thread_id, get_thread_name(thread).c_str(), event_mask_to_string(saved).c_str());
+    set_events_from_bitmask(saved, thread);
+}
+
+bool enable_single_step(jthread thread) { return set_event(JVMTI_ENABLE, JVMTI_EVENT_SINGLE_STEP, thread, false); }
+bool disable_single_step(jthread thread) { return set_event(JVMTI_DISABLE, JVMTI_EVENT_SINGLE_STEP, thread, false); }
+bool enable_frame_pop(jthread thread) { return set_event(JVMTI_ENABLE, JVMTI_EVENT_FRAME_POP, thread, false); }
+bool disable_frame_pop(jthread thread) { return set_event(JVMTI_DISABLE, JVMTI_EVENT_FRAME_POP, thread, false); }
+bool enable_exception(jthread thread) { return set_event(JVMTI_ENABLE, JVMTI_EVENT_EXCEPTION, thread, false); }
+bool disable_exception(jthread thread) { return set_event(JVMTI_DISABLE, JVMTI_EVENT_EXCEPTION, thread, false); }
+bool enable_exception_catch(jthread thread) {
+    return set_event(JVMTI_ENABLE, JVMTI_EVENT_EXCEPTION_CATCH, thread, false);
+}
+bool disable_exception_catch(jthread thread) {
+    return set_event(JVMTI_DISABLE, JVMTI_EVENT_EXCEPTION_CATCH, thread, false);
+}
+
+KV_NATIVE(jboolean, setEventNotificationMode)(JNIEnv*, jobject, jthread thread, jint event, jboolean enable) {
+    return set_event(enable ? JVMTI_ENABLE : JVMTI_DISABLE, event, thread, true) ? JNI_TRUE : JNI_FALSE;
+}

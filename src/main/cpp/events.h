@@ -1,0 +1,27 @@
+// Switching JVMTI events per thread, with the thread's user and active masks kept in step.
+#pragma once
+
+#include <jvmti.h>
+
+// Switches one event for one thread; true when the VM accepted it and the masks were updated.
+// With user true the change is recorded in the user mask as well as the active one.
+bool set_event(jvmtiEventMode mode, jint event, jthread thread, bool user);
+
+void clear_events_from_bitmask(jlong mask, jthread thread);
+void set_events_from_bitmask(jlong mask, jthread thread);
+
+// Switches off everything active for the thread while a managed hook runs; returns what was
+// active, or NO_SAVED_EVENTS when the thread has no record.
+constexpr jlong NO_SAVED_EVENTS = -1;
+jlong clear_active_events(jthread thread);
+// Switches the user events back on, and the saved ones too unless saved is NO_SAVED_EVENTS.
+void restore_user_events(jthread thread, jlong saved);
+
+bool enable_single_step(jthread thread);
+bool disable_single_step(jthread thread);
+bool enable_frame_pop(jthread thread);
+bool disable_frame_pop(jthread thread);
+bool enable_exception(jthread thread);
+bool disable_exception(jthread thread);
+bool enable_exception_catch(jthread thread);
+bool disable_exception_catch(jthread thread);

@@ -1,0 +1,163 @@
+#include "thread.h"
+
+#include "exception.h"
+#include "global.h"
+#include "hooks.h"
+#include "log.h"
+#include "lookup.h"
+#include "resources.h"
+
+#include <new>
+#include <unordered_map>
+
+namespace {
+// The records of live threads by Java thread id, for threads that read another thread's record.
+// They never ask JVMTI for another thread's storage: a thread that is exiting may have its JVMTI
+// state torn down under such a call. A record leaves the map in ThreadEnd, before the thread's
+// JVMTI state goes, so a record found here belongs to a thread that the VM still fully knows.
+// Both live as long as the process: a callback may still run while it exits.
+struct ThreadRegistry {
+    std::mutex lock;
+    std::unordered_map<jlong, ThreadData*> records;
+};
+
+ThreadRegistry& registry() {
+    static auto* instance = new ThreadRegistry();
+    return *instance;
+}
+
+// The calling thread's own record and thread object, so that its own path needs no lock.
+thread_local ThreadData* t_own_record = nullptr;
+thread_local jobject t_own_thread = nullptr;
+
+JNIEnv* current_env() {
+    JNIEnv* env = nullptr;
+    if (g_vm == nullptr || g_vm->GetEnv(reinterpret_cast<void**>(&env), JNI_VERSION_1_6) != JNI_OK) return nullptr;
+    return env;
+}
+
+bool is_own_thread(JNIEnv* env, jthread thread) {
+    if (t_own_record == nullptr) return false;
+    return thread == nullptr || env->IsSameObject(thread, t_own_thread);
+}
+
+void attach_thread_data(JNIEnv* env, jthread thread, jlong id) {
+    auto* record = new (std::nothrow) ThreadData();
+    if (record == nullptr) return;
+    record->thread_id = id;
+    jvmtiError error = g_jvmti->SetThreadLocalStorage(thread, record);
+    if (error != JVMTI_ERROR_NONE) {
+        LOG_ERROR("SetThreadLocalStorage %s %d", get_error_message(error).c_str(), error);
+        delete record;
+        return;
+    }
+    t_own_thread = env->NewGlobalRef(thread);
+    t_own_record = record;
+    std::lock_guard<std::mutex> guard(registry().lock);
+    registry().records[id] = record;
+}
+
+// Takes the record out of the registry under its lock, so that no other thread can be using it or
+// find it again, then releases it with its stepping state.
+void release_thread_data(JNIEnv* env) {
+    ThreadData* record = t_own_record;
+    if (record == nullptr) return;
+    {
+        std::lock_guard<std::mutex> guard(registry().lock);
+        registry().records.erase(record->thread_id);
+    }
+    g_jvmti->SetThreadLocalStorage(nullptr, nullptr);
+    env->DeleteGlobalRef(t_own_thread);
+    t_own_thread = nullptr;
+    t_own_record = nullptr;
+    delete record->step_data;
+    delete record;
+}
+}  // namespace
+
+ThreadDataAccess::ThreadDataAccess(jthread thread) {
+    JNIEnv* env = current_env();
+    if (env == nullptr) {
+        m_error = JVMTI_ERROR_UNATTACHED_THREAD;
+        return;
+    }
+    if (is_own_thread(env, thread)) {
+        m_data = t_own_record;
+        return;
+    }
+    if (thread == nullptr) return;
+    jlong id = get_thread_id(env, thread);
+    m_foreign_guard = std::unique_lock<std::mutex>(registry().lock);
+    auto found = registry().records.find(id);
+    if (found != registry().records.end()) m_data = found->second;
+}
+
+jobject get_thread_context(JNIEnv* env, jthread thread) {
+    jint frames = 0;
+    jvmtiError error = g_jvmti->GetFrameCount(thread, &frames);
+    if (error != JVMTI_ERROR_NONE) {
+        LOG_ERROR("GetFrameCount failed %d", error);
+        return nullptr;
+    }
+    jclass clazz = get_osgi_class("ThreadContext");
+    if (clazz == nullptr) {
+        LOG_ERROR("OSGI class 'ThreadContext' is null");
+        return nullptr;
+    }
+    jmethodID constructor = env->GetMethodID(clazz, "<init>", "(Ljava/lang/Thread;I)V");
+    if (constructor == nullptr) {
+        env->ExceptionClear();
+        LOG_ERROR("OSGI class 'ThreadContext' constructor not found");
+        return nullptr;
+    }
+    jobject context = env->NewObject(clazz, constructor, thread, frames);
+    if (context == nullptr && env->ExceptionCheck()) {
+        env->ExceptionClear();
+        LOG_ERROR("OSGI class 'ThreadContext' could not be constructed");
+    }
+    return context;
+}
+
+std::string get_thread_name(jthread thread) {
+    std::string name = "unknown";
+    jvmtiThreadInfo info{};
+    if (g_jvmti == nullptr || g_jvmti->GetThreadInfo(thread, &info) != JVMTI_ERROR_NONE) return name;
+    if (info.name != nullptr) {
+        name = info.name;
+        g_jvmti->Deallocate(reinterpret_cast<unsigned char*>(info.name));
+    }
+    JNIEnv* env = current_env();
+    if (env != nullptr) {
+        if (info.thread_group != nullptr) env->DeleteLocalRef(info.thread_group);
+        if (info.context_class_loader != nullptr) env->DeleteLocalRef(info.context_class_loader);
+    }
+    return name;
+}
+
+jlong get_thread_id(JNIEnv* env, jthread thread) {
+    jmethodID getId = find_method(env, thread, "getId", "()J");
+    if (getId == nullptr) return -1;
+    jlong id = env->CallLongMethod(thread, getId);
+    if (env->ExceptionCheck()) {
+        env->ExceptionClear();
+        return -1;
+    }
+    return id;
+}
+
+void JNICALL ThreadStart(jvmtiEnv*, JNIEnv* env, jthread thread) {
+    jlong id = get_thread_id(env, thread);
+    LOG_DEBUG("ThreadStart thread(%ld,%s)", id, get_thread_name(thread).c_str());
+    attach_thread_data(env, thread, id);
+    ReferenceCountedJObject hook(g_threadHook);
+    if (hook.isSet()) call_void_hook(env, hook.get(), "threadStart", "(Ljava/lang/Thread;)V", thread);
+}
+
+void JNICALL ThreadEnd(jvmtiEnv*, JNIEnv* env, jthread thread) {
+    LOG_DEBUG("ThreadEnd thread(%ld,%s)", get_thread_id(env, thread), get_thread_name(thread).c_str());
+    {
+        ReferenceCountedJObject hook(g_threadHook);
+        if (hook.isSet()) call_void_hook(env, hook.get(), "threadEnd", "(Ljava/lang/Thread;)V", thread);
+    }
+    release_thread_data(env);
+}

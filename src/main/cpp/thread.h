@@ -1,0 +1,60 @@
+// The agent's record of each application thread, reached through JVMTI thread-local storage.
+#pragma once
+
+#include "step_command.h"
+
+#include <jni.h>
+#include <jvmti.h>
+
+#include <atomic>
+#include <mutex>
+#include <string>
+
+// Created on its own thread in ThreadStart, released there in ThreadEnd. Other threads reach it
+// only through a ThreadDataAccess, which keeps it alive for as long as they use it. It is also
+// attached as the thread's JVMTI thread-local storage; a thread whose storage cannot be set gets no
+// record.
+struct ThreadData {
+    jlong thread_id = 0;
+    // Bit (e - 50) for JVMTI event e: what the managed side switched on, and what is on now.
+    // Atomic: the owning thread and managed threads change them at the same time.
+    std::atomic<jlong> user_events{0};
+    std::atomic<jlong> active_events{0};
+    // The step in progress; used by the owning thread, or by another one while it is suspended.
+    StepData* step_data = nullptr;
+    // Serialises one event switch (the JVMTI call and the mask update) against another, so the
+    // masks always say what the VM was last told.
+    std::mutex switch_lock;
+};
+
+// The record of a thread, held safely for the scope. The owning thread reads its own record with
+// no lock at all; any other thread finds it by Java thread id under a process-wide lock, held for
+// the scope, which ThreadEnd also takes before it releases a record. A record found by another
+// thread therefore belongs to a thread that has not yet finished its ThreadEnd, so JVMTI calls on
+// that thread are safe for the scope. Never nest two accesses on one thread.
+class ThreadDataAccess {
+public:
+    explicit ThreadDataAccess(jthread thread);
+    ThreadDataAccess(const ThreadDataAccess&) = delete;
+    ThreadDataAccess& operator=(const ThreadDataAccess&) = delete;
+
+    // An error when the record could not be looked for (the calling thread is not attached).
+    jvmtiError error() const { return m_error; }
+    // Null when the thread has no record: the agent never saw it start, or it has ended.
+    ThreadData* get() const { return m_data; }
+
+private:
+    std::unique_lock<std::mutex> m_foreign_guard;
+    jvmtiError m_error = JVMTI_ERROR_NONE;
+    ThreadData* m_data = nullptr;
+};
+
+// A new ThreadContext for the thread (local reference), or null with one ERROR line.
+jobject get_thread_context(JNIEnv* env, jthread thread);
+// The thread's name, or "unknown".
+std::string get_thread_name(jthread thread);
+// The thread's Java id (getId), or -1.
+jlong get_thread_id(JNIEnv* env, jthread thread);
+
+void JNICALL ThreadStart(jvmtiEnv* jvmti, JNIEnv* env, jthread thread);
+void JNICALL ThreadEnd(jvmtiEnv* jvmti, JNIEnv* env, jthread thread);

@@ -1,0 +1,52 @@
+package com.brantide.kelvane.plugin.jvmti.api;
+
+import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
+import java.util.concurrent.CountDownLatch;
+
+/**
+ * A child JVM's program for the data dump: sets up the state named by its argument, prints READY
+ * and waits until its standard input closes. "busy" needs the probe agent.
+ */
+public final class DumpMain {
+    private DumpMain() {
+    }
+
+    public static void main(String[] args) throws Exception {
+        JvmtiApi api = new JvmtiApi();
+        api.registerClasses();
+        CountDownLatch release = new CountDownLatch(1);
+        CountDownLatch running = new CountDownLatch(1);
+        Thread worker = new Thread(() -> {
+            running.countDown();
+            try {
+                release.await();
+            } catch (InterruptedException e) {
+                Thread.currentThread().interrupt();
+            }
+        }, "dump-worker");
+        worker.setDaemon(true);
+        worker.start();
+        running.await();
+        if (args.length > 0 && args[0].equals("busy")) {
+            api.setActive(true);
+            api.registerThreadHook(new Object());
+            api.registerBreakpointHook(new Object());
+            api.registerFieldHook(new Object());
+            api.registerSteppingAbortedHook(new Object());
+            require(api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, true));
+            require(api.setEventNotificationMode(worker, JvmtiEvent.BREAKPOINT, true));
+            require(AgentProbe.setEvent(true, JvmtiEvent.SINGLE_STEP, worker, false));
+            System.out.println("worker=" + worker.getId() + " main=" + Thread.currentThread().getId());
+        }
+        System.out.println("READY");
+        System.in.readAllBytes();
+        release.countDown();
+        worker.join();
+    }
+
+    private static void require(boolean switched) {
+        if (!switched) {
+            throw new IllegalStateException("event not switched");
+        }
+    }
+}

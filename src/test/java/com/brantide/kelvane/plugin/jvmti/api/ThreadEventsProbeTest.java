@@ -1,0 +1,158 @@
+package com.brantide.kelvane.plugin.jvmti.api;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.Set;
+import java.util.concurrent.ConcurrentHashMap;
+import java.util.concurrent.CountDownLatch;
+import java.util.concurrent.atomic.AtomicReference;
+import org.junit.jupiter.api.AfterEach;
+import org.junit.jupiter.api.BeforeEach;
+import org.junit.jupiter.api.Test;
+
+/** Per-thread records and event switching, checked through the probe variant of the agent. */
+class ThreadEventsProbeTest {
+    private static final long BREAKPOINT = 1L << (JvmtiEvent.BREAKPOINT - 50);
+    private static final long SINGLE_STEP = 1L << (JvmtiEvent.SINGLE_STEP - 50);
+    private static final long FIELD_ACCESS = 1L << (JvmtiEvent.FIELD_ACCESS - 50);
+
+    private final JvmtiApi api = new JvmtiApi();
+    private final CountDownLatch release = new CountDownLatch(1);
+    private Thread worker;
+
+    @BeforeEach
+    void startWorker() throws InterruptedException {
+        assertTrue(api.setActive(true));
+        CountDownLatch started = new CountDownLatch(1);
+        worker = new Thread(() -> {
+            started.countDown();
+            awaitQuietly(release);
+        }, "events-worker");
+        worker.start();
+        started.await();
+    }
+
+    @AfterEach
+    void stopWorker() throws InterruptedException {
+        release.countDown();
+        worker.join();
+        api.registerThreadHook(null);
+        api.setActive(false);
+    }
+
+    @Test
+    void onlyThreadsSeenStartingHaveRecords() {
+        assertTrue(AgentProbe.hasThreadData(worker));
+        assertTrue(AgentProbe.hasThreadData(Thread.currentThread()));
+        Thread early = systemThreadStartedBeforeTheAgentListened();
+        assertFalse(AgentProbe.hasThreadData(early));
+        assertFalse(api.setEventNotificationMode(early, JvmtiEvent.BREAKPOINT, true));
+        assertEquals(-1, AgentProbe.userEvents(early));
+    }
+
+    @Test
+    void userAndActiveMasksFollowTheSwitches() {
+        assertTrue(api.setEventNotificationMode(worker, JvmtiEvent.BREAKPOINT, true));
+        assertMasks(BREAKPOINT, BREAKPOINT);
+        assertTrue(AgentProbe.setEvent(true, JvmtiEvent.SINGLE_STEP, worker, false), "internal switch");
+        assertMasks(BREAKPOINT, BREAKPOINT | SINGLE_STEP);
+        assertEquals("SINGLE_STEP,BREAKPOINT", AgentProbe.eventMaskToString(AgentProbe.activeEvents(worker)));
+
+        assertFalse(api.setEventNotificationMode(worker, JvmtiEvent.THREAD_START, true),
+                "thread start cannot be switched per thread");
+        assertFalse(api.setEventNotificationMode(worker, 999, true));
+        assertMasks(BREAKPOINT, BREAKPOINT | SINGLE_STEP);
+
+        assertTrue(api.setEventNotificationMode(worker, JvmtiEvent.BREAKPOINT, false));
+        assertMasks(0, SINGLE_STEP);
+        assertTrue(AgentProbe.setEvent(false, JvmtiEvent.SINGLE_STEP, worker, false));
+        assertMasks(0, 0);
+    }
+
+    @Test
+    void aRefusedSwitchLeavesTheMasksAlone() {
+        assertTrue(api.setEventNotificationMode(worker, JvmtiEvent.FIELD_ACCESS, true));
+        api.setActive(false);
+        assertFalse(api.setEventNotificationMode(worker, JvmtiEvent.BREAKPOINT, true), "capability given back");
+        assertMasks(FIELD_ACCESS, FIELD_ACCESS);
+        assertTrue(api.setActive(true));
+    }
+
+    @Test
+    void clearingAndRestoringBracketAHookCall() {
+        assertTrue(api.setEventNotificationMode(worker, JvmtiEvent.BREAKPOINT, true));
+        assertTrue(AgentProbe.setEvent(true, JvmtiEvent.SINGLE_STEP, worker, false));
+
+        long saved = AgentProbe.clearActiveEvents(worker);
+        assertEquals(BREAKPOINT | SINGLE_STEP, saved);
+        assertMasks(BREAKPOINT, 0);
+        AgentProbe.restoreUserEvents(worker, -1);
+        assertMasks(BREAKPOINT, BREAKPOINT);
+
+        AgentProbe.clearActiveEvents(worker);
+        AgentProbe.restoreUserEvents(worker, saved);
+        assertMasks(BREAKPOINT, BREAKPOINT | SINGLE_STEP);
+
+        Thread early = systemThreadStartedBeforeTheAgentListened();
+        assertEquals(-1, AgentProbe.clearActiveEvents(early));
+        AgentProbe.restoreUserEvents(early, saved);
+        assertEquals(-1, AgentProbe.activeEvents(early));
+    }
+
+    @Test
+    void threadHookHearsEveryStartAndEndAndSurvivesThrowingHooks() throws InterruptedException {
+        Set<Thread> started = ConcurrentHashMap.newKeySet();
+        Set<Thread> ended = ConcurrentHashMap.newKeySet();
+        api.registerThreadHook(new ThreadHook() {
+            @Override
+            public void threadStart(Thread thread) {
+                started.add(thread);
+                throw new IllegalStateException("a hook that throws");
+            }
+
+            @Override
+            public void threadEnd(Thread thread) {
+                ended.add(thread);
+                throw new IllegalStateException("a hook that throws");
+            }
+        });
+        AtomicReference<Throwable> leaked = new AtomicReference<>();
+        List<Thread> threads = new ArrayList<>();
+        for (int i = 0; i < 50; i++) {
+            Thread thread = new Thread(() -> assertTrue(AgentProbe.hasThreadData(Thread.currentThread())));
+            thread.setUncaughtExceptionHandler((t, e) -> leaked.set(e));
+            threads.add(thread);
+            thread.start();
+        }
+        for (Thread thread : threads) {
+            thread.join();
+        }
+        assertEquals(null, leaked.get(), "nothing a hook threw reached the application thread");
+        assertTrue(started.containsAll(threads) && ended.containsAll(threads));
+    }
+
+    private void assertMasks(long user, long active) {
+        assertEquals(user, AgentProbe.userEvents(worker), "user mask");
+        assertEquals(active, AgentProbe.activeEvents(worker), "active mask");
+    }
+
+    private static Thread systemThreadStartedBeforeTheAgentListened() {
+        return Thread.getAllStackTraces().keySet().stream()
+                .filter(t -> t.getName().equals("Reference Handler"))
+                .findFirst()
+                .orElseThrow();
+    }
+
+    private static void awaitQuietly(CountDownLatch latch) {
+        try {
+            latch.await();
+        } catch (InterruptedException e) {
+            Thread.currentThread().interrupt();
+        }
+    }
+}
