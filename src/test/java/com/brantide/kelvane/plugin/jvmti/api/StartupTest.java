@@ -125,4 +125,12 @@ class StartupTest {
         String beforeSecondOn = afterOff.substring(0, afterOff.indexOf("-- setActive(true)"));
         assertFalse(beforeSecondOn.contains("Capabilities"));
     }
+
+    @Test
+    void threadsStartedBeforeTheAgentListenedAreRefused() throws Exception {
+        Result result = ChildJvm.main(StartupMain.class, "on", "early").logLevel(4).run().assertClean();
+        assertTrue(result.stdout.contains("early=false"));
+        assertTrue(result.agentMessages().contains("DEBUG data is null for thread(Reference Handler)"));
+        assertTrue(result.agentMessages().contains("DEBUG ThreadStart thread(1,main)"), "the main thread has a record");
+    }
 }
