@@ -12,7 +12,7 @@ import org.junit.jupiter.api.Test;
 class DumpTest {
     @Test
     void emptyStateAtLevelZero() throws Exception {
-        List<String> dump = dumpOf(ChildJvm.main(DumpMain.class).logLevel(0), 0);
+        List<String> dump = dumpOf(ChildJvm.main(DumpMain.class).logLevel(0));
         List<String> expected = new ArrayList<>(List.of("", "Capabilities"));
         assertEquals(expected, dump.subList(1, 3));
         assertTrue(dump.get(0).startsWith("Kelvane JVMTI Revision: "));
@@ -26,11 +26,14 @@ class DumpTest {
 
     @Test
     void hooksAndThreadEventsInShortAndLongForm() throws Exception {
-        ChildJvm.Running child = ChildJvm.main(DumpMain.class, "busy").withProbeAgent().start();
-        child.awaitStdout("READY", 60);
-        List<String> dump = requestDump(child);
-        child.closeStdin();
-        ChildJvm.Result result = child.await(60).assertClean();
+        List<String> dump;
+        ChildJvm.Result result;
+        try (ChildJvm.Running child = ChildJvm.main(DumpMain.class, "busy").withProbeAgent().start()) {
+            child.awaitStdout("READY", 60);
+            dump = requestDump(child);
+            child.closeStdin();
+            result = child.await(60).assertClean();
+        }
         String ids = result.stdoutLines().stream().filter(l -> l.startsWith("worker=")).findFirst().orElseThrow();
         String workerId = ids.replaceAll("worker=(\\d+) .*", "$1");
         String mainId = ids.replaceAll(".* main=(\\d+)", "$1");
@@ -48,13 +51,14 @@ class DumpTest {
         assertEquals("", dump.get(dump.size() - 1));
     }
 
-    private static List<String> dumpOf(ChildJvm child, int unused) throws Exception {
-        ChildJvm.Running running = child.start();
-        running.awaitStdout("READY", 60);
-        List<String> dump = requestDump(running);
-        running.closeStdin();
-        running.await(60).assertClean();
-        return dump;
+    private static List<String> dumpOf(ChildJvm child) throws Exception {
+        try (ChildJvm.Running running = child.start()) {
+            running.awaitStdout("READY", 60);
+            List<String> dump = requestDump(running);
+            running.closeStdin();
+            running.await(60).assertClean();
+            return dump;
+        }
     }
 
     /** Asks for a dump and returns its lines: from the second banner up to the end of the thread block. */

@@ -98,7 +98,7 @@ public final class ChildJvm {
     }
 
     /** A child JVM that is still running; its output is collected line by line as it comes. */
-    public static final class Running {
+    public static final class Running implements AutoCloseable {
         private final Process process;
         private final List<String> stdout = new ArrayList<>();
         private final List<String> stderr = new ArrayList<>();
@@ -107,6 +107,12 @@ public final class ChildJvm {
         Running(Process process) {
             this.process = process;
             this.readers = new Thread[] {reader(process.getInputStream(), stdout), reader(process.getErrorStream(), stderr)};
+        }
+
+        /** Ends the child if it still runs, so that a failing test leaves no process behind. */
+        @Override
+        public void close() {
+            process.destroyForcibly();
         }
 
         public long pid() {
@@ -168,6 +174,7 @@ public final class ChildJvm {
                     }
                     long left = deadline - System.nanoTime();
                     if (left <= 0 || !process.isAlive() && !readersAlive()) {
+                        process.destroyForcibly();
                         fail("expected line not seen; lines so far:\n" + String.join("\n", lines));
                     }
                     lines.wait(Math.max(1, TimeUnit.NANOSECONDS.toMillis(Math.min(left, 100_000_000L))));
