@@ -6,6 +6,7 @@
 #include "exception.h"
 #include "global.h"
 #include "resources.h"
+#include "smap.h"
 #include "thread.h"
 
 #include <jni.h>
@@ -81,4 +82,9 @@ KV_PROBE(void, restoreUserEvents)(JNIEnv*, jclass, jthread thread, jlong saved) 
 
 KV_PROBE(jstring, eventMaskToString)(JNIEnv* env, jclass, jlong mask) {
     return env->NewStringUTF(event_mask_to_string(mask).c_str());
+}
+
+KV_PROBE(jint, smapLine)(JNIEnv* env, jclass, jstring smap, jint line) {
+    StringUtfChars text(env, smap);
+    return text.get() != nullptr ? get_jsp_line_from_smap(text.get(), line) : line;
 }

@@ -55,4 +55,7 @@ final class AgentProbe {
     static native void restoreUserEvents(Thread thread, long saved);
 
     static native String eventMaskToString(long mask);
+
+    /** The template line the agent's SMAP reader gives for a Java line. */
+    static native int smapLine(String smap, int line);
 }
