@@ -1,9 +1,35 @@
 // Breakpoint locations, breakpoints and field watches.
 #pragma once
 
+#include <jni.h>
+#include <jvmti.h>
+
 #include <atomic>
+#include <optional>
 
 // What the VM currently holds, as set and cleared through the natives; read by the dump.
 extern std::atomic<unsigned int> s_breakpoint_counter;
 extern std::atomic<unsigned int> s_field_access_counter;
 extern std::atomic<unsigned int> s_field_modification_counter;
+
+// A method and a bytecode index, as the VM names them.
+class BreakpointLocation {
+public:
+    BreakpointLocation(jmethodID method, jlocation location) : m_method(method), m_location(location) {}
+
+    jmethodID method() const { return m_method; }
+    jlocation location() const { return m_location; }
+
+    // A new local reference to the managed BreakpointLocation, or null (one ERROR line, nothing
+    // left pending).
+    jobject to_java(JNIEnv* env) const;
+
+    // The location a managed BreakpointLocation names: its member class, member signature (name
+    // and descriptor) and "location" field. Empty when it names no method of that class, or when
+    // anything about it is unusable (nulls, missing members, a class not yet prepared).
+    static std::optional<BreakpointLocation> from_java(JNIEnv* env, jobject object);
+
+private:
+    jmethodID m_method;
+    jlocation m_location;
+};

@@ -14,6 +14,12 @@ jmethodID find_method(JNIEnv* env, jobject object, const char* name, const char*
     return method;
 }
 
+jmethodID find_callback_method(JNIEnv* env, jobject object, const char* name, const char* signature) {
+    if (object == nullptr) return nullptr;
+    LocalRef<jclass> clazz(env, env->GetObjectClass(object));
+    return clazz ? env->GetMethodID(clazz.get(), name, signature) : nullptr;
+}
+
 void call_void_hook(JNIEnv* env, jobject object, const char* name, const char* signature, ...) {
     jmethodID method = find_method(env, object, name, signature);
     if (method == nullptr) return;

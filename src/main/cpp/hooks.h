@@ -6,6 +6,10 @@
 // The method of the object's class, or null. A failed lookup leaves nothing pending.
 jmethodID find_method(JNIEnv* env, jobject object, const char* name, const char* signature);
 
+// The method of a callback object handed to a native, or null with the VM's NoSuchMethodError left
+// pending, so that the caller learns that its callback lacks the method.
+jmethodID find_callback_method(JNIEnv* env, jobject object, const char* name, const char* signature);
+
 // Calls a void method on the object when it has one. A managed exception the method throws is
 // logged and cleared: it must not stay pending in the application thread that raised the event.
 void call_void_hook(JNIEnv* env, jobject object, const char* name, const char* signature, ...);

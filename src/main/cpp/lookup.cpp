@@ -1,9 +1,13 @@
 #include "lookup.h"
 
 #include "exception.h"
+#include "global.h"
+#include "hooks.h"
+#include "line_table.h"
 #include "log.h"
 #include "native.h"
 #include "resources.h"
+#include "smap.h"
 
 #include <map>
 #include <mutex>
@@ -52,4 +56,134 @@ KV_NATIVE(void, registerOsgiClass)(JNIEnv* env, jobject /*self*/, jstring name, 
     if (global == nullptr) return;
     LOG_DEBUG("registered %s", chars.get());
     register_osgi_class(chars.get(), global);
+}
+
+// ---- class, method and line lookup
+
+namespace {
+using SourceAttribute = jvmtiError (jvmtiEnv::*)(jclass, char**);
+
+std::string read_source_attribute(JNIEnv* env, jclass clazz, SourceAttribute call) {
+    JvmtiBuffer<char> text;
+    jvmtiError error = (g_jvmti->*call)(clazz, text.out());
+    if (error == JVMTI_ERROR_ABSENT_INFORMATION) return "";
+    if (error != JVMTI_ERROR_NONE) {
+        throw_jvmti_exception(env, error);
+        return "";
+    }
+    return text.get();
+}
+
+jstring source_attribute_native(JNIEnv* env, jclass clazz, SourceAttribute call) {
+    std::string text = read_source_attribute(env, clazz, call);
+    if (env->ExceptionCheck()) return nullptr;
+    return env->NewStringUTF(text.c_str());
+}
+
+}  // namespace
+
+jmethodID find_method_by_key(jclass clazz, const char* key) {
+    jint count = 0;
+    JvmtiBuffer<jmethodID> methods;
+    if (g_jvmti->GetClassMethods(clazz, &count, methods.out()) != JVMTI_ERROR_NONE) return nullptr;
+    for (jint i = 0; i < count; i++) {
+        JvmtiBuffer<char> name;
+        JvmtiBuffer<char> signature;
+        jmethodID method = methods[static_cast<size_t>(i)];
+        if (g_jvmti->GetMethodName(method, name.out(), signature.out(), nullptr) != JVMTI_ERROR_NONE) continue;
+        if (std::string(name.get()) + signature.get() == key) return method;
+    }
+    return nullptr;
+}
+
+std::string get_class_name(JNIEnv* env, jclass clazz) {
+    jmethodID getName = find_method(env, clazz, "getName", "()Ljava/lang/String;");
+    if (getName == nullptr) return "";
+    LocalRef<jstring> name(env, static_cast<jstring>(env->CallObjectMethod(clazz, getName)));
+    if (env->ExceptionCheck()) {
+        env->ExceptionClear();
+        return "";
+    }
+    StringUtfChars chars(env, name.get());
+    return chars.get() != nullptr ? chars.get() : "";
+}
+
+std::string get_source_filename(JNIEnv* env, jclass clazz) {
+    return read_source_attribute(env, clazz, &jvmtiEnv::GetSourceFileName);
+}
+
+std::string get_source_debug_extension(JNIEnv* env, jclass clazz) {
+    return read_source_attribute(env, clazz, &jvmtiEnv::GetSourceDebugExtension);
+}
+
+jint line_no_for_method(jmethodID method, jlocation location) {
+    jint count = 0;
+    JvmtiBuffer<jvmtiLineNumberEntry> table;
+    if (g_jvmti->GetLineNumberTable(method, &count, table.out()) != JVMTI_ERROR_NONE) return -1;
+    return find_line(table.get(), count, location);
+}
+
+void line_no_for_method(JNIEnv* env, jmethodID method, jobject callback) {
+    jint count = 0;
+    JvmtiBuffer<jvmtiLineNumberEntry> table;
+    jvmtiError error = g_jvmti->GetLineNumberTable(method, &count, table.out());
+    if (error == JVMTI_ERROR_NATIVE_METHOD || error == JVMTI_ERROR_ABSENT_INFORMATION) return;
+    if (error != JVMTI_ERROR_NONE) {
+        throw_jvmti_exception(env, error);
+        return;
+    }
+    jmethodID lineNumber = find_callback_method(env, callback, "lineNumber", "(JI)V");
+    if (lineNumber == nullptr) return;
+    for (jint i = 0; i < count && !env->ExceptionCheck(); i++) {
+        const jvmtiLineNumberEntry& entry = table[static_cast<size_t>(i)];
+        env->CallVoidMethod(callback, lineNumber, entry.start_location, entry.line_number);
+    }
+}
+
+jint map_line_number(JNIEnv* env, jmethodID method, jint line) {
+    LocalRef<jclass> declaring(env);
+    if (g_jvmti->GetMethodDeclaringClass(method, declaring.out()) != JVMTI_ERROR_NONE) return line;
+    JvmtiBuffer<char> smap;
+    if (g_jvmti->GetSourceDebugExtension(declaring.get(), smap.out()) != JVMTI_ERROR_NONE) return line;
+    return get_jsp_line_from_smap(smap.get(), line);
+}
+
+KV_NATIVE(jstring, getSourceFileName)(JNIEnv* env, jobject, jclass clazz) {
+    return source_attribute_native(env, clazz, &jvmtiEnv::GetSourceFileName);
+}
+
+KV_NATIVE(jstring, getSourceDebugExtension)(JNIEnv* env, jobject, jclass clazz) {
+    return source_attribute_native(env, clazz, &jvmtiEnv::GetSourceDebugExtension);
+}
+
+KV_NATIVE(void, getLineNumbersV2)(JNIEnv* env, jobject, jclass clazz, jstring key, jobject callback) {
+    StringUtfChars chars(env, key);
+    if (chars.get() == nullptr) return;
+    jmethodID method = find_method_by_key(clazz, chars.get());
+    if (method != nullptr) line_no_for_method(env, method, callback);
+}
+
+KV_NATIVE(void, listClasses)(JNIEnv* env, jobject, jobject callback) {
+    if (callback == nullptr) {
+        throw_exception(env, ILLEGAL_ARGUMENT, "callback is null");
+        return;
+    }
+    jmethodID classFound = find_callback_method(env, callback, "classFound", "(Ljava/lang/Class;)V");
+    if (classFound == nullptr) return;
+    jint count = 0;
+    JvmtiBuffer<jclass> classes;
+    jvmtiError error = g_jvmti->GetLoadedClasses(&count, classes.out());
+    if (error != JVMTI_ERROR_NONE) {
+        throw_jvmti_exception(env, error);
+        return;
+    }
+    ensure_local_capacity(env, count);
+    // A callback that throws ends the listing; the exception goes back to the caller.
+    for (jint i = 0; i < count; i++) {
+        LocalRef<jclass> clazz(env, classes[static_cast<size_t>(i)]);
+        jint status = 0;
+        if (env->ExceptionCheck()) continue;
+        if (g_jvmti->GetClassStatus(clazz.get(), &status) != JVMTI_ERROR_NONE) continue;
+        if ((status & JVMTI_CLASS_STATUS_PREPARED) != 0) env->CallVoidMethod(callback, classFound, clazz.get());
+    }
 }

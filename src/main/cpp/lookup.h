@@ -1,7 +1,8 @@
-// The registry of managed classes by name, and (later) class, method and line lookup.
+// The registry of managed classes by name, and class, method and line lookup.
 #pragma once
 
 #include <jni.h>
+#include <jvmti.h>
 
 #include <string>
 
@@ -11,3 +12,25 @@ void register_osgi_class(const std::string& name, jclass clazz);
 
 // The class registered under exactly this name (case-sensitive), or null.
 jclass get_osgi_class(const std::string& name);
+
+// The first method declared by the class whose name followed by its JVM signature equals the key,
+// such as main([Ljava/lang/String;)V; null when there is none or the class cannot be read.
+jmethodID find_method_by_key(jclass clazz, const char* key);
+
+// The class's name as Class.getName gives it (java.lang.String, [I); empty when it cannot be had.
+std::string get_class_name(JNIEnv* env, jclass clazz);
+
+// The class's source file and source debug extension; empty when absent. Any other failure is
+// raised as a managed JVMTI exception (and the result is empty).
+std::string get_source_filename(JNIEnv* env, jclass clazz);
+std::string get_source_debug_extension(JNIEnv* env, jclass clazz);
+
+// The source line of a bytecode location, or -1.
+jint line_no_for_method(jmethodID method, jlocation location);
+
+// Reports every line-number entry of the method to the callback's "lineNumber" (JI)V.
+void line_no_for_method(JNIEnv* env, jmethodID method, jobject callback);
+
+// The template line for a Java line of the method, through its class's SMAP; the Java line
+// unchanged when the class has none.
+jint map_line_number(JNIEnv* env, jmethodID method, jint line);

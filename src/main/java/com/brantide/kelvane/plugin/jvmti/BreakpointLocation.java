@@ -4,6 +4,7 @@ import java.lang.reflect.Constructor;
 import java.lang.reflect.Executable;
 import java.lang.reflect.Member;
 import java.lang.reflect.Method;
+import java.lang.reflect.Modifier;
 import java.util.Objects;
 
 /**
@@ -78,6 +79,10 @@ public class BreakpointLocation {
             throw new IllegalArgumentException("not a method or constructor: " + member);
         }
         Executable executable = (Executable) member;
+        if (executable instanceof Constructor && Modifier.isStatic(executable.getModifiers())) {
+            // The VM hands a static initializer over in reflected form as a static constructor.
+            return "<clinit>()V";
+        }
         StringBuilder signature = new StringBuilder();
         signature.append(executable instanceof Constructor ? "<init>" : executable.getName()).append('(');
         for (Class<?> parameter : executable.getParameterTypes()) {
