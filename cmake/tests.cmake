@@ -5,7 +5,7 @@ include(GoogleTest)
 file(GLOB KV_UNIT_TEST_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/src/test/cpp/*.cpp)
 add_executable(kv_unit_tests ${KV_UNIT_TEST_SOURCES})
 target_link_libraries(kv_unit_tests PRIVATE kvcore GTest::gtest GTest::gmock GTest::gtest_main)
-target_compile_options(kv_unit_tests PRIVATE ${KV_STRICT_FLAGS})
+target_compile_options(kv_unit_tests PRIVATE ${KV_STRICT_FLAGS} -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=)
 gtest_discover_tests(kv_unit_tests DISCOVERY_TIMEOUT 30 PROPERTIES LABELS unit)
 
 # Checks on the built artifact: what it exports and what it needs at run time.
@@ -26,9 +26,11 @@ set(KV_JUNIT_JAR /usr/share/java/junit-platform-console-standalone.jar)
 if(NOT EXISTS ${KV_JUNIT_JAR})
   message(FATAL_ERROR "JUnit 5 console launcher not found (Debian package junit5)")
 endif()
+# ASM reads and rewrites class files for the lookup tests (Debian libasm-java).
+set(KV_ASM_JAR /usr/share/java/asm.jar)
 file(GLOB_RECURSE KV_JUNIT_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/src/test/java/*.java)
 set(KV_TEST_JAR ${CMAKE_BINARY_DIR}/kvjvmti-tests.jar)
-kv_add_jar(kv_java_tests ${KV_TEST_JAR} "${KV_JUNIT_SOURCES}" "${KV_API_JAR}:${KV_JUNIT_JAR}")
+kv_add_jar(kv_java_tests ${KV_TEST_JAR} "${KV_JUNIT_SOURCES}" "${KV_API_JAR}:${KV_JUNIT_JAR}:${KV_ASM_JAR}")
 add_dependencies(kv_java_tests kv_api)
 
 # One JVM per test class: the agent's state is process-wide, so classes must not share a VM.
@@ -47,11 +49,11 @@ foreach(source ${KV_JUNIT_SOURCES})
   endif()
   add_test(NAME junit.${simple}
            COMMAND bash ${CMAKE_SOURCE_DIR}/tools/run-junit.sh ${KV_JAVA} ${agent}
-                   "${KV_API_JAR}:${KV_TEST_JAR}:${KV_JUNIT_JAR}" ${class}
+                   "${KV_API_JAR}:${KV_TEST_JAR}:${KV_JUNIT_JAR}:${KV_ASM_JAR}" ${class}
                    -Dkv.test.java=${KV_JAVA}
                    -Dkv.test.agent=${CMAKE_BINARY_DIR}/libkvjvmti.so
                    -Dkv.test.probe-agent=${CMAKE_BINARY_DIR}/test/libkvjvmti_probe.so
-                   -Dkv.test.classpath=${KV_API_JAR}:${KV_TEST_JAR}
+                   -Dkv.test.classpath=${KV_API_JAR}:${KV_TEST_JAR}:${KV_ASM_JAR}
                    -Dkv.test.workdir=${CMAKE_BINARY_DIR}/test/work)
   set_tests_properties(junit.${simple} PROPERTIES LABELS junit TIMEOUT 600)
 endforeach()

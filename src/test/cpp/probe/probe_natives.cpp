@@ -1,9 +1,11 @@
 // Test-only natives of the probe variant of the agent: they let JUnit tests reach internal helpers
 // inside a real JVM. The shipped library does not contain them.
 #include "boxing.h"
+#include "breakpoint.h"
 #include "event_mask.h"
 #include "events.h"
 #include "exception.h"
+#include "frames.h"
 #include "global.h"
 #include "resources.h"
 #include "smap.h"
@@ -88,3 +90,29 @@ KV_PROBE(jint, smapLine)(JNIEnv* env, jclass, jstring smap, jint line) {
     StringUtfChars text(env, smap);
     return text.get() != nullptr ? get_jsp_line_from_smap(text.get(), line) : line;
 }
+
+KV_PROBE(jint, breakpointCount)(JNIEnv*, jclass) { return static_cast<jint>(s_breakpoint_counter.load()); }
+KV_PROBE(jint, fieldAccessCount)(JNIEnv*, jclass) { return static_cast<jint>(s_field_access_counter.load()); }
+KV_PROBE(jint, fieldModificationCount)(JNIEnv*, jclass) {
+    return static_cast<jint>(s_field_modification_counter.load());
+}
+
+// A managed location taken apart and built again, as the event paths hand locations to hooks.
+KV_PROBE(jobject, roundTrip)(JNIEnv* env, jclass, jobject location) {
+    std::optional<BreakpointLocation> native = BreakpointLocation::from_java(env, location);
+    return native ? native->to_java(env) : nullptr;
+}
+
+KV_PROBE(jint, methodType)(JNIEnv* env, jclass, jobject executable) {
+    return get_type(env, env->FromReflectedMethod(executable));
+}
+
+KV_PROBE(jint, frameCount)(JNIEnv*, jclass) {
+    jint count = -1;
+    g_jvmti->GetFrameCount(nullptr, &count);
+    return count;
+}
+
+KV_PROBE(jint, cfDepth)(JNIEnv*, jclass) { return get_cf_depth(nullptr); }
+
+KV_PROBE(jint, cfParent)(JNIEnv* env, jclass, jint height) { return get_cf_parent(env, nullptr, height); }

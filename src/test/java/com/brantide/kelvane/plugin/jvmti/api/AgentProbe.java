@@ -58,4 +58,23 @@ final class AgentProbe {
 
     /** The template line the agent's SMAP reader gives for a Java line. */
     static native int smapLine(String smap, int line);
+
+    static native int breakpointCount();
+
+    static native int fieldAccessCount();
+
+    static native int fieldModificationCount();
+
+    /** The location taken apart into the VM's form and built again; null when it names no method. */
+    static native Object roundTrip(Object location);
+
+    /** The frame language of a method or constructor: 0 unknown, 1 Java, 2 CFML. */
+    static native int methodType(java.lang.reflect.Executable executable);
+
+    /** Frames on the calling thread's stack, this native's own frame included. */
+    static native int frameCount();
+
+    static native int cfDepth();
+
+    static native int cfParent(int height);
 }

@@ -1,6 +1,8 @@
 package com.brantide.kelvane.plugin.jvmti.api;
 
+import com.brantide.kelvane.plugin.jvmti.BreakpointLocation;
 import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
+import com.brantide.kelvane.plugin.jvmti.fixtures.Target;
 import java.util.concurrent.CountDownLatch;
 
 /**
@@ -27,6 +29,7 @@ public final class DumpMain {
         worker.setDaemon(true);
         worker.start();
         running.await();
+        new Target(1); // prepared, so that its members can carry breakpoints and watches
         if (args.length > 0 && args[0].equals("busy")) {
             api.setActive(true);
             api.registerThreadHook(new Object());
@@ -36,6 +39,11 @@ public final class DumpMain {
             require(api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, true));
             require(api.setEventNotificationMode(worker, JvmtiEvent.BREAKPOINT, true));
             require(AgentProbe.setEvent(true, JvmtiEvent.SINGLE_STEP, worker, false));
+            api.setBreakpoint(BreakpointLocation.forMethod(Target.class.getMethod("twice", int.class), 0));
+            api.setBreakpoint(BreakpointLocation.forMethod(Target.class.getMethod("sum", long.class, long.class), 0));
+            api.setFieldAccessWatch(Target.class, Target.class.getField("value"));
+            api.setFieldModificationWatch(Target.class, Target.class.getField("value"));
+            api.setFieldModificationWatch(Target.class, Target.class.getField("created"));
             System.out.println("worker=" + worker.getId() + " main=" + Thread.currentThread().getId());
         }
         System.out.println("READY");

@@ -42,6 +42,9 @@ class DumpTest {
         int hooks = dump.indexOf("Hooks");
         assertEquals(List.of("\tClassPrepareHook=Unset", "\tFileLoadHook=Unset", "\tThreadHook=Set",
                 "\tBreakpointHook=Set", "\tExceptionHook=Unset", "\tFieldHook=Set"), dump.subList(hooks + 1, hooks + 7));
+        int counters = dump.indexOf("Counters");
+        assertEquals(List.of("\tBreakpoints=2", "\tFieldAccess=1", "\tFieldWatch=2"),
+                dump.subList(counters + 1, counters + 4));
         int threads = dump.indexOf("Thread Events");
         List<String> listed = dump.subList(threads + 1, dump.size() - 1);
         assertEquals(2, listed.size(), listed.toString());
