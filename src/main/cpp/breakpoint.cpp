@@ -8,6 +8,9 @@
 #include "native.h"
 #include "resources.h"
 
+#include <mutex>
+#include <set>
+#include <utility>
 
 std::atomic<unsigned int> s_breakpoint_counter{0};
 std::atomic<unsigned int> s_field_access_counter{0};
@@ -98,6 +101,28 @@ jobject BreakpointLocation::to_java(JNIEnv* env) const {
 // ---- natives
 
 namespace {
+// The places that hold breakpoints, so that a step stopping on one can tell. Changed by the
+// natives, read only when a step stops: never on the path of every single step.
+struct BreakpointPlaces {
+    std::mutex lock;
+    std::set<std::pair<jmethodID, jlocation>> places;
+};
+
+BreakpointPlaces& breakpoint_places() {
+    static auto* instance = new BreakpointPlaces();
+    return *instance;
+}
+
+void record_place(const BreakpointLocation& location, bool set) {
+    std::lock_guard<std::mutex> guard(breakpoint_places().lock);
+    auto place = std::make_pair(location.method(), location.location());
+    if (set) {
+        breakpoint_places().places.insert(place);
+    } else {
+        breakpoint_places().places.erase(place);
+    }
+}
+
 using BreakpointCall = jvmtiError (jvmtiEnv::*)(jmethodID, jlocation);
 using WatchCall = jvmtiError (jvmtiEnv::*)(jclass, jfieldID);
 
@@ -117,6 +142,7 @@ void change_breakpoint(JNIEnv* env, jobject object, BreakpointCall call, int del
         throw_jvmti_exception(env, error);
         return;
     }
+    record_place(*location, delta > 0);
     if (delta > 0) {
         s_breakpoint_counter++;
     } else {
@@ -144,6 +170,11 @@ void change_watch(JNIEnv* env, jclass clazz, jobject field, WatchCall call, std:
     }
 }
 }  // namespace
+
+bool has_breakpoint(jmethodID method, jlocation location) {
+    std::lock_guard<std::mutex> guard(breakpoint_places().lock);
+    return breakpoint_places().places.count(std::make_pair(method, location)) != 0;
+}
 
 KV_NATIVE(void, setBreakpoint)(JNIEnv* env, jobject, jobject location) {
     change_breakpoint(env, location, &jvmtiEnv::SetBreakpoint, 1);

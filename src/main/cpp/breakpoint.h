@@ -12,6 +12,9 @@ extern std::atomic<unsigned int> s_breakpoint_counter;
 extern std::atomic<unsigned int> s_field_access_counter;
 extern std::atomic<unsigned int> s_field_modification_counter;
 
+// Whether a breakpoint set through the natives stands at the location.
+bool has_breakpoint(jmethodID method, jlocation location);
+
 // A method and a bytecode index, as the VM names them.
 class BreakpointLocation {
 public:

@@ -16,3 +16,25 @@ void call_void_hook(JNIEnv* env, jobject object, const char* name, const char* s
 
 // Clears and logs an exception left pending by a hook method; true when there was one.
 bool clear_hook_exception(JNIEnv* env, const char* method);
+
+// An exception that the VM had pending when it called the agent is set aside for the callback
+// and raised again when it ends; anything a hook method leaves pending is logged and cleared, so
+// the application thread never carries an exception it did not throw.
+class PendingExceptionKeeper {
+public:
+    explicit PendingExceptionKeeper(JNIEnv* env) : m_env(env), m_saved(env->ExceptionOccurred()) {
+        if (m_saved != nullptr) env->ExceptionClear();
+    }
+    ~PendingExceptionKeeper() {
+        if (m_env->ExceptionCheck()) m_env->ExceptionClear();
+        if (m_saved == nullptr) return;
+        m_env->Throw(m_saved);
+        m_env->DeleteLocalRef(m_saved);
+    }
+    PendingExceptionKeeper(const PendingExceptionKeeper&) = delete;
+    PendingExceptionKeeper& operator=(const PendingExceptionKeeper&) = delete;
+
+private:
+    JNIEnv* m_env;
+    jthrowable m_saved;
+};

@@ -2,12 +2,14 @@
 
 #include "capabilities.h"
 #include "config.h"
+#include "dispatch.h"
 #include "dump.h"
 #include "exception.h"
 #include "global.h"
 #include "lock.h"
 #include "log.h"
 #include "resources.h"
+#include "stepping.h"
 #include "thread.h"
 #include "version.h"
 
@@ -124,8 +126,23 @@ void forget_references_at_exit() { g_active = false; }
 
 }  // namespace
 
-jvmtiEventCallbacks build_callbacks(bool /*exceptions_enabled*/, bool /*stepping_enabled*/) {
+jvmtiEventCallbacks build_callbacks(bool exceptions_enabled, bool stepping_enabled) {
     jvmtiEventCallbacks callbacks{};
+    callbacks.Breakpoint = Breakpoint;
+    if (exceptions_enabled) {
+        callbacks.Exception = Exception;
+        callbacks.ExceptionCatch = ExceptionCatch;
+    }
+    if (stepping_enabled) {
+        callbacks.SingleStep = SingleStep;
+        callbacks.FramePop = FramePop;
+    } else {
+        callbacks.SingleStep = SingleStepNoFramePop;
+    }
+    callbacks.ClassPrepare = ClassPrepare;
+    callbacks.ClassFileLoadHook = ClassFileLoadHook;
+    callbacks.FieldAccess = FieldAccess;
+    callbacks.FieldModification = FieldModification;
     callbacks.ThreadStart = ThreadStart;
     callbacks.ThreadEnd = ThreadEnd;
     callbacks.DataDumpRequest = DataDumpRequest;

@@ -1,8 +1,219 @@
 #include "step_command.h"
 
+#include "events.h"
+#include "exception.h"
+#include "frames.h"
+#include "global.h"
+#include "hooks.h"
+#include "log.h"
+#include "lookup.h"
+#include "thread.h"
+
+#include <memory>
+#include <new>
+
 const char* const STEP_TYPE_STR[9] = {"UNKNOWN",   "STOP",      "CONTINUE",          "STEP_IN", "STEP_OUT",
                                       "STEP_OVER", "STOP_WITH_TIMEOUT", "FIELD_MODIFICATION_COMPLETE", "NOOP"};
 
 const char* step_type_name(jint command) {
     return static_cast<unsigned int>(command) < 9 ? STEP_TYPE_STR[command] : "UNKNOWN";
+}
+
+namespace {
+using StepPtr = std::unique_ptr<StepData>;
+
+// Where the command was given, and what every step started from there records.
+struct StepOrigin {
+    jmethodID method;
+    jlocation location;
+    jint height;  // the stack height
+    jint lang;
+    jint line;
+    double deadline;
+};
+
+// Takes the step in progress off the thread's record. False, with the ERROR line, when the thread
+// has no record to take it from.
+bool take_step(jthread thread, StepPtr* previous) {
+    ThreadDataAccess access(thread);
+    if (access.error() != JVMTI_ERROR_NONE) {
+        LOG_ERROR("GetThreadLocalStorage failed %s %d", get_error_message(access.error()).c_str(), access.error());
+        return false;
+    }
+    if (access.get() == nullptr) {
+        LOG_ERROR("tdata is null");
+        return false;
+    }
+    previous->reset(access.get()->step_data);
+    access.get()->step_data = nullptr;
+    return true;
+}
+
+// A step keeps being judged in the language it started in, so a step that began in CFML goes on
+// stopping only in CFML frames even from a Java frame.
+jint step_language(JNIEnv* env, jmethodID method, const StepData* previous) {
+    if (previous != nullptr) {
+        LOG_FINE("Step Lang from current %p", static_cast<const void*>(previous));
+        if (previous->lang != LANG_UNKNOWN) return previous->lang;
+    }
+    LOG_FINE("Step Lang from method");
+    return get_type(env, method);
+}
+
+StepPtr new_step(StepType type, const StepOrigin& origin, jint depth) {
+    StepPtr step(new (std::nothrow) StepData());
+    if (!step) return step;
+    step->type = type;
+    step->depth = depth;
+    step->lang = origin.lang;
+    step->begin_method = origin.method;
+    step->begin_location = origin.location;
+    step->begin_line = origin.line;
+    step->deadline = origin.deadline;
+    return step;
+}
+
+// Hands the record to the thread's ThreadData, which owns it from now on.
+void attach_step(jthread thread, StepPtr step) {
+    ThreadDataAccess access(thread);
+    if (access.get() == nullptr) return;
+    delete access.get()->step_data;
+    access.get()->step_data = step.release();
+}
+
+void forget_step(jthread thread) {
+    StepPtr dropped;
+    ThreadDataAccess access(thread);
+    if (access.get() == nullptr) return;
+    dropped.reset(access.get()->step_data);
+    access.get()->step_data = nullptr;
+}
+
+jint step_depth(jthread thread, const StepOrigin& origin) {
+    return origin.lang == LANG_CFML ? get_cf_depth(thread) : origin.height;
+}
+
+void log_single_step_start(StepType type, jthread thread) {
+    if (type == STEP_IN) LOG_DEBUG("StepIn %p", static_cast<void*>(thread));
+    if (type == STEP_OVER) LOG_DEBUG("StepOver %p", static_cast<void*>(thread));
+    if (type == STEP_FIELD_MODIFICATION_COMPLETE) LOG_DEBUG("Field Modification Complete %p", static_cast<void*>(thread));
+}
+
+void log_single_step_record(StepType type, const StepData* step) {
+    const void* address = step;
+    if (type == STEP_IN) LOG_FINE("StepIn set step_data %p", address);
+    if (type == STEP_OVER) LOG_FINE("StepOver set step_data %p", address);
+    if (type == STEP_FIELD_MODIFICATION_COMPLETE) LOG_FINE("FieldMod set step_data %p", address);
+}
+
+void start_single_stepping(jthread thread, StepType type, const StepOrigin& origin) {
+    log_single_step_start(type, thread);
+    if (!enable_single_step(thread)) return;
+    StepPtr step = new_step(type, origin, step_depth(thread, origin));
+    if (!step) {
+        disable_single_step(thread);
+        return;
+    }
+    log_single_step_record(type, step.get());
+    attach_step(thread, std::move(step));
+}
+
+// For a CFML step out, the frame index of the nearest CFML caller, or -1 after telling the
+// managed side that there is none.
+jint cfml_parent_or_abort(JNIEnv* env, jthread thread, const StepOrigin& origin) {
+    jint parent = get_cf_parent(env, thread, origin.height);
+    if (parent == -1) fire_stepping_aborted(env, thread);
+    return parent;
+}
+
+void start_step_out_with_frame_pop(JNIEnv* env, jthread thread, const StepOrigin& origin) {
+    if (!enable_frame_pop(thread)) return;
+    StepPtr step = new_step(STEP_OUT, origin, origin.height);
+    if (!step) return;
+    jint frame = 0;
+    if (origin.lang == LANG_CFML) {
+        jint parent = cfml_parent_or_abort(env, thread, origin);
+        if (parent == -1) return;
+        frame = parent - 1;
+        step->depth = get_cf_depth(thread);
+    }
+    LOG_FINE("StepOut set step_data %p", static_cast<void*>(step.get()));
+    attach_step(thread, std::move(step));
+    jvmtiError error = g_jvmti->NotifyFramePop(thread, frame);
+    if (error == JVMTI_ERROR_NONE) return;
+    // A frame the VM cannot watch (a native one, say): step out by single steps instead, which
+    // stop once the stack is lower than it is now.
+    LOG_DEBUG("NotifyFramePop refused %s(%d), stepping out by single steps", get_error_message(error).c_str(), error);
+    disable_frame_pop(thread);
+    if (!enable_single_step(thread)) forget_step(thread);
+}
+
+void start_step_out_by_single_steps(JNIEnv* env, jthread thread, const StepOrigin& origin) {
+    StepPtr step = new_step(STEP_OUT, origin, origin.height);
+    if (!step) return;
+    if (origin.lang == LANG_CFML) {
+        if (cfml_parent_or_abort(env, thread, origin) == -1) return;
+        step->depth = get_cf_depth(thread);
+    }
+    if (!enable_single_step(thread)) return;
+    LOG_FINE("StepOut set step_data %p", static_cast<void*>(step.get()));
+    attach_step(thread, std::move(step));
+}
+
+bool is_step(jint command) {
+    return command == STEP_IN || command == STEP_OUT || command == STEP_OVER;
+}
+}  // namespace
+
+void handle_breakpoint_hit_return(JNIEnv* env, jthread thread, jmethodID method, jlocation location, jint command) {
+    if (command == STEP_NOOP) return;
+    jint height = 0;
+    jvmtiError height_error = g_jvmti->GetFrameCount(thread, &height);
+    StepPtr previous;
+    if (!take_step(thread, &previous)) return;
+    StepOrigin origin{method, location, height, step_language(env, method, previous.get()),
+                      map_line_number(env, method, line_no_for_method(method, location)),
+                      get_time() + MAX_STEP.load()};
+    previous.reset();
+    if (is_step(command) && height_error != JVMTI_ERROR_NONE) {
+        // Without the stack height no step can be judged: say so rather than step blindly.
+        LOG_WARN("GetFrameCount failed %s(%d), no step", get_error_message(height_error).c_str(), height_error);
+        fire_stepping_aborted(env, thread);
+        return;
+    }
+    switch (command) {
+        case STEP_CONTINUE:
+            LOG_DEBUG("Continue %p", static_cast<void*>(thread));
+            break;
+        case STEP_IN:
+        case STEP_OVER:
+        case STEP_FIELD_MODIFICATION_COMPLETE:
+            start_single_stepping(thread, static_cast<StepType>(command), origin);
+            break;
+        case STEP_OUT:
+            LOG_DEBUG("StepOut %p", static_cast<void*>(thread));
+            if (g_stepping_enabled) {
+                start_step_out_with_frame_pop(env, thread, origin);
+            } else {
+                start_step_out_by_single_steps(env, thread, origin);
+            }
+            break;
+        default:
+            LOG_ERROR("ERROR: Unknown step %d %p", command, static_cast<void*>(thread));
+    }
+}
+
+void fire_stepping_aborted(JNIEnv* env, jthread thread) {
+    ReferenceCountedJObject hook(g_stepHook);
+    if (hook.isSet()) call_void_hook(env, hook.get(), "steppingAborted", "(Ljava/lang/Thread;)V", thread);
+}
+
+void wait_for_frame_pop(jthread thread, jint frame) {
+    disable_single_step(thread);
+    enable_frame_pop(thread);
+    jvmtiError error = g_jvmti->NotifyFramePop(thread, frame);
+    if (error == JVMTI_ERROR_NONE) return;
+    LOG_DEBUG("NotifyFramePop(%d) refused %s(%d), single stepping on", frame, get_error_message(error).c_str(), error);
+    disable_frame_pop(thread);
+    enable_single_step(thread);
 }

@@ -31,3 +31,17 @@ struct StepData {
     jint begin_line;        // mapped through the class's SMAP
     double deadline;        // get_time() by which the step must complete
 };
+
+// Acts on a hook's answer (or resumeThread's op code) for the thread standing at (method,
+// location): ends the step in progress unless the command is NOOP and starts the one asked for,
+// switching on the events that drive it. On the event thread itself, or on another thread while
+// the target is suspended.
+void handle_breakpoint_hit_return(JNIEnv* env, jthread thread, jmethodID method, jlocation location, jint command);
+
+// Tells the managed stepping hook that the thread's step ended short of its target.
+void fire_stepping_aborted(JNIEnv* env, jthread thread);
+
+// Requests a frame-pop event for the frame at `frame` (0 the executing one) instead of single
+// steps. When the VM refuses, single stepping stays on: the step goes on event by event (and is
+// still bounded by the step time limit) rather than dying silently.
+void wait_for_frame_pop(jthread thread, jint frame);

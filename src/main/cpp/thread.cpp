@@ -92,6 +92,8 @@ ThreadDataAccess::ThreadDataAccess(jthread thread) {
     if (found != registry().records.end()) m_data = found->second;
 }
 
+ThreadData* own_thread_data() { return t_own_record; }
+
 jobject get_thread_context(JNIEnv* env, jthread thread) {
     jint frames = 0;
     jvmtiError error = g_jvmti->GetFrameCount(thread, &frames);

@@ -49,6 +49,10 @@ private:
     ThreadData* m_data = nullptr;
 };
 
+// The calling thread's own record, or null: for event callbacks, which always run on the thread
+// the event is about. No lock, no JNI call.
+ThreadData* own_thread_data();
+
 // A new ThreadContext for the thread (local reference), or null with one ERROR line.
 jobject get_thread_context(JNIEnv* env, jthread thread);
 // The thread's name, or "unknown".

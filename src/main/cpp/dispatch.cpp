@@ -1,0 +1,260 @@
+#include "dispatch.h"
+
+#include "boxing.h"
+#include "breakpoint.h"
+#include "events.h"
+#include "global.h"
+#include "hooks.h"
+#include "log.h"
+#include "resources.h"
+#include "step_command.h"
+#include "thread.h"
+
+#include <cstdarg>
+#include <cstring>
+
+namespace {
+#define KV_LOCATION "Lcom/brantide/kelvane/plugin/jvmti/BreakpointLocation;"
+#define KV_CONTEXT "Lcom/brantide/kelvane/plugin/jvmti/ThreadContext;"
+constexpr const char* BREAKPOINT_HIT = "(" KV_LOCATION KV_CONTEXT ")I";
+constexpr const char* FIELD_ACCESS = "(" KV_LOCATION KV_CONTEXT "Ljava/lang/Class;Ljava/lang/Object;Ljava/lang/reflect/Field;)I";
+constexpr const char* FIELD_MODIFIED =
+    "(" KV_LOCATION KV_CONTEXT "Ljava/lang/Class;Ljava/lang/Object;Ljava/lang/reflect/Field;Ljava/lang/Object;)I";
+constexpr const char* FIELD_MODIFIED_COMPLETE = "(" KV_LOCATION KV_CONTEXT ")I";
+constexpr const char* EXCEPTION_THROWN = "(" KV_LOCATION KV_CONTEXT "Ljava/lang/Throwable;" KV_LOCATION ")I";
+constexpr const char* EXCEPTION_CATCH = "(" KV_LOCATION KV_CONTEXT "Ljava/lang/Throwable;)I";
+#undef KV_LOCATION
+#undef KV_CONTEXT
+constexpr jint ACC_STATIC_BIT = 0x0008;
+
+// Where the thread's last step stopped, when a breakpoint stands there too: the VM reports the
+// single step and then the breakpoint at the same place, and a person expects one stop.
+thread_local jmethodID t_step_stop_method = nullptr;
+thread_local jlocation t_step_stop_location = -1;
+
+// One hook call on an event thread: its events are off from construction until finish or abandon.
+class HookCall {
+public:
+    HookCall(JNIEnv* env, jthread thread, jmethodID method, jlocation location)
+        : m_env(env), m_thread(thread), m_method(method), m_location(location),
+          m_saved(clear_active_events(thread)) {}
+
+    jobject location_object(jmethodID method, jlocation location) {
+        return BreakpointLocation(method, location).to_java(m_env);
+    }
+    // Restores what was on before the hook: the hook was not called.
+    void abandon() { restore_user_events(m_thread, m_saved); }
+    // Acts on the hook's answer; NOOP gets back every event the thread had, a step in progress
+    // included, anything else only the user's events and what the command has just switched on.
+    void finish(jint command) {
+        handle_breakpoint_hit_return(m_env, m_thread, m_method, m_location, command);
+        restore_user_events(m_thread, command == STEP_NOOP ? m_saved : NO_SAVED_EVENTS);
+    }
+
+private:
+    JNIEnv* m_env;
+    jthread m_thread;
+    jmethodID m_method;
+    jlocation m_location;
+    jlong m_saved;
+};
+
+jint call_int_hook(JNIEnv* env, jobject hook, jmethodID method, const char* name, ...) {
+    va_list args;
+    va_start(args, name);
+    jint command = env->CallIntMethodV(hook, method, args);
+    va_end(args);
+    clear_hook_exception(env, name);
+    return command;
+}
+
+jobject reflect_field(JNIEnv* env, jclass field_klass, jfieldID field) {
+    jint modifiers = 0;
+    if (g_jvmti->GetFieldModifiers(field_klass, field, &modifiers) != JVMTI_ERROR_NONE) return nullptr;
+    jobject reflected = env->ToReflectedField(field_klass, field, (modifiers & ACC_STATIC_BIT) != 0);
+    if (reflected == nullptr) env->ExceptionClear();
+    return reflected;
+}
+
+jobject box_new_value(JNIEnv* env, char signature_type, jvalue value) {
+    jobject boxed = nullptr;
+    switch (signature_type) {
+        case 'Z': boxed = box(env, value.z); break;
+        case 'B': boxed = box(env, value.b); break;
+        case 'C': boxed = box(env, value.c); break;
+        case 'S': boxed = box(env, value.s); break;
+        case 'I': boxed = box(env, value.i); break;
+        case 'J': boxed = box(env, value.j); break;
+        case 'F': boxed = box(env, value.f); break;
+        case 'D': boxed = box(env, value.d); break;
+        case 'L':
+        case '[': return value.l != nullptr ? env->NewLocalRef(value.l) : nullptr;
+        default: LOG_DEBUG("Unknown variable"); return nullptr;
+    }
+    if (boxed == nullptr) env->ExceptionClear();
+    return boxed;
+}
+
+void report_field_event(JNIEnv* env, jthread thread, jmethodID method, jlocation location, jclass field_klass,
+                        jobject object, jfieldID field, bool modified, char signature_type, jvalue new_value) {
+    ReferenceCountedJObject hook(g_fieldHook);
+    if (!hook.isSet()) return;
+    LOG_DEBUG("%p", static_cast<void*>(thread));
+    const char* name = modified ? "fieldModified" : "fieldAccess";
+    HookCall call(env, thread, method, location);
+    LocalRef<jobject> where(env, call.location_object(method, location));
+    LocalRef<jobject> context(env, get_thread_context(env, thread));
+    jmethodID hook_method = context ? find_method(env, hook.get(), name, modified ? FIELD_MODIFIED : FIELD_ACCESS)
+                                    : nullptr;
+    LocalRef<jobject> reflected(env, hook_method != nullptr ? reflect_field(env, field_klass, field) : nullptr);
+    if (!reflected) {
+        call.abandon();
+        return;
+    }
+    jint command;
+    if (modified) {
+        LocalRef<jobject> value(env, box_new_value(env, signature_type, new_value));
+        command = call_int_hook(env, hook.get(), hook_method, name, where.get(), context.get(), field_klass, object,
+                                reflected.get(), value.get());
+    } else {
+        command = call_int_hook(env, hook.get(), hook_method, name, where.get(), context.get(), field_klass, object,
+                                reflected.get());
+    }
+    call.finish(command);
+}
+
+bool is_stack_overflow(JNIEnv* env, jobject exception) {
+    LocalRef<jclass> clazz(env, env->GetObjectClass(exception));
+    JvmtiBuffer<char> signature;
+    if (!clazz || g_jvmti->GetClassSignature(clazz.get(), signature.out(), nullptr) != JVMTI_ERROR_NONE) return false;
+    return std::strcmp(signature.get(), "Ljava/lang/StackOverflowError;") == 0;
+}
+
+// Both exception events; the catch location is reported only for a throw.
+void report_exception(JNIEnv* env, jthread thread, jmethodID method, jlocation location, jobject exception,
+                      bool thrown, jmethodID catch_method, jlocation catch_location) {
+    ReferenceCountedJObject hook(g_exceptionHook);
+    if (!hook.isSet()) return;
+    LOG_DEBUG("%p", static_cast<void*>(thread));
+    HookCall call(env, thread, method, location);
+    // Reporting a stack overflow would run managed code on the very stack that overflowed.
+    if (is_stack_overflow(env, exception)) {
+        call.abandon();
+        return;
+    }
+    LocalRef<jobject> where(env, call.location_object(method, location));
+    LocalRef<jobject> caught_at(env, thrown ? call.location_object(catch_method, catch_location) : nullptr);
+    LocalRef<jobject> context(env, get_thread_context(env, thread));
+    const char* name = thrown ? "exceptionThrown" : "exceptionCatch";
+    jmethodID hook_method =
+        context ? find_method(env, hook.get(), name, thrown ? EXCEPTION_THROWN : EXCEPTION_CATCH) : nullptr;
+    if (hook_method == nullptr) {
+        call.abandon();
+        return;
+    }
+    jint command = thrown ? call_int_hook(env, hook.get(), hook_method, name, where.get(), context.get(), exception,
+                                          caught_at.get())
+                          : call_int_hook(env, hook.get(), hook_method, name, where.get(), context.get(), exception);
+    call.finish(command);
+}
+}  // namespace
+
+void fire_breakpoint_hit(JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
+    LOG_DEBUG("%p", static_cast<void*>(thread));
+    ReferenceCountedJObject hook(g_breakpointHook);
+    if (!hook.isSet()) return;
+    HookCall call(env, thread, method, location);
+    LocalRef<jobject> where(env, call.location_object(method, location));
+    LocalRef<jobject> context(env, get_thread_context(env, thread));
+    jmethodID hit = context ? find_method(env, hook.get(), "breakpointHit", BREAKPOINT_HIT) : nullptr;
+    if (hit == nullptr) {
+        LOG_DEBUG("rtn = %d %s", STEP_NOOP, "NOOP");
+        call.abandon();
+        return;
+    }
+    jint command = call_int_hook(env, hook.get(), hit, "breakpointHit", where.get(), context.get());
+    call.finish(command);
+    LOG_DEBUG("rtn = %d %s", command, step_type_name(command));
+}
+
+void fire_step_stop(JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
+    if (has_breakpoint(method, location)) {
+        t_step_stop_method = method;
+        t_step_stop_location = location;
+    }
+    fire_breakpoint_hit(env, thread, method, location);
+}
+
+std::optional<jint> fire_field_modification_complete(JNIEnv* env, jthread thread, jmethodID method,
+                                                     jlocation location) {
+    std::optional<jint> answer;
+    ReferenceCountedJObject hook(g_fieldHook);
+    if (!hook.isSet()) return answer;
+    clear_active_events(thread);
+    LocalRef<jobject> where(env, BreakpointLocation(method, location).to_java(env));
+    LocalRef<jobject> context(env, get_thread_context(env, thread));
+    jmethodID complete =
+        context ? find_method(env, hook.get(), "fieldModifiedComplete", FIELD_MODIFIED_COMPLETE) : nullptr;
+    if (complete != nullptr) {
+        answer = call_int_hook(env, hook.get(), complete, "fieldModifiedComplete", where.get(), context.get());
+        handle_breakpoint_hit_return(env, thread, method, location, *answer);
+    }
+    restore_user_events(thread, NO_SAVED_EVENTS);
+    return answer;
+}
+
+void JNICALL Breakpoint(jvmtiEnv*, JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
+    LOG_DEBUG("%p", static_cast<void*>(thread));
+    if (t_step_stop_method == method && t_step_stop_location == location) {
+        t_step_stop_method = nullptr;
+        return;
+    }
+    PendingExceptionKeeper keeper(env);
+    fire_breakpoint_hit(env, thread, method, location);
+}
+
+void forget_step_stop(jmethodID method, jlocation location) {
+    if (t_step_stop_method != method || t_step_stop_location != location) t_step_stop_method = nullptr;
+}
+
+void JNICALL FieldAccess(jvmtiEnv*, JNIEnv* env, jthread thread, jmethodID method, jlocation location,
+                         jclass field_klass, jobject object, jfieldID field) {
+    PendingExceptionKeeper keeper(env);
+    report_field_event(env, thread, method, location, field_klass, object, field, false, 0, jvalue{});
+}
+
+void JNICALL FieldModification(jvmtiEnv*, JNIEnv* env, jthread thread, jmethodID method, jlocation location,
+                               jclass field_klass, jobject object, jfieldID field, char signature_type,
+                               jvalue new_value) {
+    PendingExceptionKeeper keeper(env);
+    report_field_event(env, thread, method, location, field_klass, object, field, true, signature_type, new_value);
+}
+
+void JNICALL Exception(jvmtiEnv*, JNIEnv* env, jthread thread, jmethodID method, jlocation location,
+                       jobject exception, jmethodID catch_method, jlocation catch_location) {
+    PendingExceptionKeeper keeper(env);
+    report_exception(env, thread, method, location, exception, true, catch_method, catch_location);
+}
+
+void JNICALL ExceptionCatch(jvmtiEnv*, JNIEnv* env, jthread thread, jmethodID method, jlocation location,
+                            jobject exception) {
+    PendingExceptionKeeper keeper(env);
+    report_exception(env, thread, method, location, exception, false, nullptr, 0);
+}
+
+void JNICALL ClassPrepare(jvmtiEnv*, JNIEnv* env, jthread thread, jclass klass) {
+    ReferenceCountedJObject hook(g_classPrepareHook);
+    if (!hook.isSet()) return;
+    PendingExceptionKeeper keeper(env);
+    call_void_hook(env, hook.get(), "prepareClass", "(Ljava/lang/Thread;Ljava/lang/Class;)V", thread, klass);
+}
+
+// The class bytes are never replaced: the new-data arguments stay untouched.
+void JNICALL ClassFileLoadHook(jvmtiEnv*, JNIEnv* env, jclass class_being_redefined, jobject, const char*, jobject,
+                               jint, const unsigned char*, jint*, unsigned char**) {
+    if (class_being_redefined == nullptr) return;
+    ReferenceCountedJObject hook(g_fileLoadHook);
+    if (!hook.isSet()) return;
+    PendingExceptionKeeper keeper(env);
+    call_void_hook(env, hook.get(), "redefinedClass", "(Ljava/lang/Class;)V", class_being_redefined);
+}

@@ -1,0 +1,204 @@
+#include "stepping.h"
+
+#include "dispatch.h"
+#include "events.h"
+#include "frames.h"
+#include "global.h"
+#include "hooks.h"
+#include "log.h"
+#include "lookup.h"
+#include "step_command.h"
+#include "thread.h"
+
+namespace {
+// One single-step event of a thread that is stepping, as the shared first part of both variants
+// has judged it.
+struct StepEvent {
+    StepData* step;
+    jint line;   // mapped through the SMAP
+    jint depth;  // stack height, or CFML depth for a CFML step
+};
+
+void end_step_silently(jthread thread) {
+    clear_active_events(thread);
+    restore_user_events(thread, NO_SAVED_EVENTS);
+}
+
+void release_step(ThreadData* data, StepData* step) {
+    if (data->step_data == step) data->step_data = nullptr;
+    delete step;
+}
+
+// A FIELD_MODIFICATION_COMPLETE step lives for one event: it reports and ends here. When the hook
+// answered with a new command, the handler has already replaced the record.
+void complete_field_modification(JNIEnv* env, jthread thread, jmethodID method, jlocation location,
+                                 ThreadData* data, StepData* step) {
+    clear_active_events(thread);
+    std::optional<jint> answer = fire_field_modification_complete(env, thread, method, location);
+    restore_user_events(thread, NO_SAVED_EVENTS);
+    if (!answer || *answer == STEP_NOOP) release_step(data, step);
+}
+
+bool timed_out(JNIEnv* env, jthread thread, ThreadData* data, StepData* step) {
+    double now = get_time();
+    if (step->deadline > now) return false;
+    LOG_WARN("Stopping stepping %lf >= %lf after %ds.", now, step->deadline, MAX_STEP.load());
+    end_step_silently(thread);
+    release_step(data, step);
+    fire_stepping_aborted(env, thread);
+    return true;
+}
+
+void log_event(bool fast, const StepData* step, jint depth, jmethodID method, jlocation location) {
+    if (fast) {
+        LOG_DEBUG("SingleStep %d %d %p@%d - %p@%d %d", step->type, depth, static_cast<void*>(step->begin_method),
+                  static_cast<int>(step->begin_location), static_cast<void*>(method), static_cast<int>(location),
+                  step->lang);
+    } else {
+        LOG_DEBUG("SingleStepNoFramePop type=%s depth=%d begin=%p@%d now=%p@%d lang=%s",
+                  step_type_name(static_cast<jint>(step->type)), depth, static_cast<void*>(step->begin_method),
+                  static_cast<int>(step->begin_location), static_cast<void*>(method), static_cast<int>(location),
+                  frame_language_name(step->lang));
+    }
+}
+
+// The part both variants share. False when the event ends here; otherwise the step, the current
+// line and depth to judge it by.
+bool judge_common(JNIEnv* env, jthread thread, jmethodID method, jlocation location, bool fast, StepEvent* event) {
+    ThreadData* data = own_thread_data();
+    if (data == nullptr) return false;
+    forget_step_stop(method, location);
+    StepData* step = data->step_data;
+    if (step == nullptr) {
+        LOG_ERROR("step_data==NULL but SinglStep occurred!");
+        end_step_silently(thread);
+        fire_stepping_aborted(env, thread);
+        return false;
+    }
+    if (step->type == STEP_FIELD_MODIFICATION_COMPLETE) {
+        complete_field_modification(env, thread, method, location, data, step);
+        return false;
+    }
+    if (timed_out(env, thread, data, step)) return false;
+    jint line = map_line_number(env, method, line_no_for_method(method, location));
+    if (line <= 0) return false;
+    jint depth = 0;
+    if (g_jvmti->GetFrameCount(thread, &depth) != JVMTI_ERROR_NONE) return false;
+    log_event(fast, step, depth, method, location);
+    if (step->lang == LANG_CFML) depth = get_cf_depth(thread);
+    *event = StepEvent{step, line, depth};
+    return true;
+}
+
+bool is_cfml_target(JNIEnv* env, const StepEvent& event, jmethodID method) {
+    return event.step->lang != LANG_CFML || get_type(env, method) == LANG_CFML;
+}
+
+// A CFML step that stands in Java code waits for the return into the nearest CFML caller.
+void wait_for_cfml_parent(JNIEnv* env, jthread thread, const StepEvent& event, bool fast) {
+    jint parent = get_cf_parent(env, thread, event.depth);
+    if (parent == -1) {
+        end_step_silently(thread);
+        return;
+    }
+    if (fast) wait_for_frame_pop(thread, parent - 1);
+}
+
+void stop_or_wait_for_cfml(JNIEnv* env, jthread thread, jmethodID method, jlocation location,
+                           const StepEvent& event, bool fast) {
+    if (is_cfml_target(env, event, method)) {
+        fire_step_stop(env, thread, method, location);
+    } else {
+        wait_for_cfml_parent(env, thread, event, fast);
+    }
+}
+
+void step_in(JNIEnv* env, jthread thread, jmethodID method, jlocation location, const StepEvent& event, bool fast) {
+    LOG_DEBUG("StepIn");
+    const StepData* step = event.step;
+    if (method == step->begin_method && event.line == step->begin_line) return;
+    if (is_cfml_target(env, event, method)) {
+        fire_step_stop(env, thread, method, location);
+        return;
+    }
+    if (step->depth <= event.depth) return;
+    wait_for_cfml_parent(env, thread, event, fast);
+}
+
+void step_over(JNIEnv* env, jthread thread, jmethodID method, jlocation location, const StepEvent& event,
+               bool fast) {
+    const StepData* step = event.step;
+    if (step->depth > event.depth) {
+        LOG_DEBUG("StepOver - stepped out");
+        stop_or_wait_for_cfml(env, thread, method, location, event, fast);
+    } else if (step->depth < event.depth) {
+        if (fast) {
+            LOG_DEBUG("FRAMEPOP - OVER");
+            wait_for_frame_pop(thread, 0);
+        } else {
+            LOG_DEBUG("StepOver - went in");
+        }
+    } else {
+        LOG_DEBUG("StepOver - same depth");
+        if (event.line != step->begin_line) stop_or_wait_for_cfml(env, thread, method, location, event, fast);
+    }
+}
+
+void step_out_fast(JNIEnv* env, jthread thread, jmethodID method, jlocation location, const StepEvent& event) {
+    if (event.step->depth > event.depth) {
+        fire_step_stop(env, thread, method, location);
+        return;
+    }
+    LOG_WARN("STEP_OUT didnt step as expected");
+    wait_for_frame_pop(thread, 0);
+}
+
+void step_out_by_single_steps(JNIEnv* env, jthread thread, jmethodID method, jlocation location,
+                              const StepEvent& event) {
+    if (event.step->depth <= event.depth) return;
+    LOG_DEBUG("StepOut - stepped out");
+    if (event.step->lang == LANG_CFML && get_type(env, method) != LANG_CFML) return;
+    fire_step_stop(env, thread, method, location);
+}
+
+void single_step(JNIEnv* env, jthread thread, jmethodID method, jlocation location, bool fast) {
+    StepEvent event{};
+    if (!judge_common(env, thread, method, location, fast, &event)) return;
+    switch (event.step->type) {
+        case STEP_OUT:
+            if (fast) {
+                step_out_fast(env, thread, method, location, event);
+            } else {
+                step_out_by_single_steps(env, thread, method, location, event);
+            }
+            break;
+        case STEP_OVER:
+            step_over(env, thread, method, location, event, fast);
+            break;
+        case STEP_IN:
+            step_in(env, thread, method, location, event, fast);
+            break;
+        default:
+            break;
+    }
+}
+}  // namespace
+
+void JNICALL SingleStep(jvmtiEnv*, JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
+    LOG_DEBUG("SingleStep %p %p@%d", static_cast<void*>(thread), static_cast<void*>(method), static_cast<int>(location));
+    PendingExceptionKeeper keeper(env);
+    single_step(env, thread, method, location, true);
+}
+
+void JNICALL SingleStepNoFramePop(jvmtiEnv*, JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
+    LOG_DEBUG("SingleStepNoFramePop %p %p@%d", static_cast<void*>(thread), static_cast<void*>(method),
+              static_cast<int>(location));
+    PendingExceptionKeeper keeper(env);
+    single_step(env, thread, method, location, false);
+}
+
+void JNICALL FramePop(jvmtiEnv*, JNIEnv*, jthread thread, jmethodID, jboolean) {
+    LOG_DEBUG("%p", static_cast<void*>(thread));
+    disable_frame_pop(thread);
+    enable_single_step(thread);
+}

@@ -1,0 +1,118 @@
+package com.brantide.kelvane.plugin.jvmti.api;
+
+import static com.brantide.kelvane.plugin.jvmti.StepType.CONTINUE;
+import static com.brantide.kelvane.plugin.jvmti.StepType.NOOP;
+import static com.brantide.kelvane.plugin.jvmti.StepType.STEP_IN;
+import static com.brantide.kelvane.plugin.jvmti.StepType.STEP_OUT;
+import static com.brantide.kelvane.plugin.jvmti.StepType.STEP_OVER;
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import com.brantide.kelvane.plugin.jvmti.BreakpointLocation;
+import com.brantide.kelvane.plugin.jvmti.fixtures.StepTarget;
+import com.brantide.kelvane.plugin.jvmti.testing.Stops;
+import java.util.ArrayList;
+import java.util.List;
+import org.junit.jupiter.api.AfterEach;
+import org.junit.jupiter.api.BeforeEach;
+import org.junit.jupiter.api.Test;
+
+/**
+ * Breakpoints and the three steps on real code, checked by the exact lines at which the hook is
+ * called. The suite runs this class twice: with fast stepping and with single stepping only; both
+ * must land on the same lines.
+ */
+class SteppingTest {
+    private final JvmtiApi api = new JvmtiApi();
+    private final List<BreakpointLocation> set = new ArrayList<>();
+    private Stops stops;
+
+    @BeforeEach
+    void activate() {
+        api.registerClasses();
+        assertTrue(api.setActive(true));
+        StepTarget.outer(0); // prepared and initialised, so that breakpoints can be set
+        stops = new Stops();
+        api.registerBreakpointHook(stops);
+        api.registerSteppingAbortedHook(stops);
+    }
+
+    @AfterEach
+    void deactivate() {
+        set.forEach(api::clearBreakpoint);
+        api.registerBreakpointHook(null);
+        api.registerSteppingAbortedHook(null);
+        api.setMaxStepDuration(15);
+        api.setActive(false);
+    }
+
+    private void breakAt(String... markers) {
+        for (String marker : markers) {
+            BreakpointLocation location = Stops.breakpointAt(api, StepTarget.class, marker);
+            api.setBreakpoint(location);
+            set.add(location);
+        }
+    }
+
+    private static List<String> at(String... markers) {
+        return Stops.at(StepTarget.class, markers);
+    }
+
+    @Test
+    void stepOverWalksTheMethodOverTheCallAndOffTheEndIntoTheCaller() throws Exception {
+        breakAt("caller-a");
+        stops.answer(STEP_OVER, STEP_OVER, STEP_OVER, STEP_OVER, STEP_OVER);
+        assertEquals(13, (int) stops.run(api, () -> StepTarget.outer(1)));
+        assertEquals(at("caller-a", "caller-call", "caller-after", "caller-return", "outer-call", "outer-after"),
+                stops.stops());
+    }
+
+    @Test
+    void stepInEntersACallAndWalksALineWithoutOne() throws Exception {
+        breakAt("caller-call");
+        stops.answer(STEP_IN, STEP_IN, STEP_IN);
+        stops.run(api, () -> StepTarget.caller(1));
+        assertEquals(at("caller-call", "callee-first", "callee-return", "caller-call"), stops.stops(),
+                "off the end of the callee, back on the line of the call");
+    }
+
+    @Test
+    void stepOutStopsInTheCallerWhereTheCallReturns() throws Exception {
+        breakAt("callee-first");
+        stops.answer(STEP_OUT, STEP_OVER, STEP_OUT);
+        stops.run(api, () -> StepTarget.outer(1));
+        assertEquals(at("callee-first", "caller-call", "caller-after", "outer-call"), stops.stops());
+    }
+
+    @Test
+    void noopLetsAStepFinishAndContinueEndsIt() throws Exception {
+        breakAt("caller-call", "callee-first");
+        stops.answer(STEP_OVER, NOOP);
+        stops.run(api, () -> StepTarget.caller(1));
+        assertEquals(at("caller-call", "callee-first", "caller-after"), stops.stops(),
+                "the breakpoint inside the stepped-over call answered NOOP: the step goes on");
+
+        Stops continued = new Stops().answer(STEP_OVER, CONTINUE);
+        api.registerBreakpointHook(continued);
+        continued.run(api, () -> StepTarget.caller(1));
+        assertEquals(at("caller-call", "callee-first"), continued.stops(), "CONTINUE ended the step");
+    }
+
+    @Test
+    void aStepOntoABreakpointStopsOnce() throws Exception {
+        breakAt("caller-a", "caller-call");
+        stops.answer(STEP_OVER, STEP_OVER);
+        stops.run(api, () -> StepTarget.caller(1));
+        assertEquals(at("caller-a", "caller-call", "caller-after"), stops.stops());
+    }
+
+    @Test
+    void theTimeLimitEndsAStepOverALongCall() throws Exception {
+        api.setMaxStepDuration(1);
+        breakAt("callsBusy-call");
+        stops.answer(STEP_OVER);
+        stops.run(api, () -> StepTarget.callsBusy(1500));
+        assertEquals(at("callsBusy-call"), stops.stops());
+        assertEquals(1, stops.aborted(), "steppingAborted");
+    }
+}
