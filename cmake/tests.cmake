@@ -28,6 +28,16 @@ if(NOT EXISTS ${KV_JUNIT_JAR})
 endif()
 # ASM reads and rewrites class files for the lookup tests (Debian libasm-java).
 set(KV_ASM_JAR /usr/share/java/asm.jar)
+# The JSP compiler and what it needs to run (Debian libtomcat9-java and ant: the compiler's command
+# line class is an Ant task). The SMAP test compiles a page with it in a JVM of its own.
+set(KV_JSP_JARS "")
+foreach(name tomcat9-jasper tomcat9-jasper-el tomcat9-servlet-api tomcat9-jsp-api tomcat9-el-api
+             tomcat9-juli tomcat9-util tomcat9-util-scan tomcat9-api eclipse-jdt-core ant)
+  if(EXISTS /usr/share/java/${name}.jar)
+    list(APPEND KV_JSP_JARS /usr/share/java/${name}.jar)
+  endif()
+endforeach()
+list(JOIN KV_JSP_JARS ":" KV_JSP_CLASSPATH)
 file(GLOB_RECURSE KV_JUNIT_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/src/test/java/*.java)
 set(KV_TEST_JAR ${CMAKE_BINARY_DIR}/kvjvmti-tests.jar)
 kv_add_jar(kv_java_tests ${KV_TEST_JAR} "${KV_JUNIT_SOURCES}" "${KV_API_JAR}:${KV_JUNIT_JAR}:${KV_ASM_JAR}")
@@ -35,6 +45,22 @@ add_dependencies(kv_java_tests kv_api)
 
 # One JVM per test class: the agent's state is process-wide, so classes must not share a VM.
 # A class whose name ends in ProbeTest runs against the probe variant of the agent.
+function(kv_add_junit_test name class agent)
+  add_test(NAME ${name}
+           COMMAND bash ${CMAKE_SOURCE_DIR}/tools/run-junit.sh ${KV_JAVA} ${agent}
+                   "${KV_API_JAR}:${KV_TEST_JAR}:${KV_JUNIT_JAR}:${KV_ASM_JAR}" ${class}
+                   -Dkv.test.java=${KV_JAVA}
+                   -Dkv.test.agent=${CMAKE_BINARY_DIR}/libkvjvmti.so
+                   -Dkv.test.probe-agent=${CMAKE_BINARY_DIR}/test/libkvjvmti_probe.so
+                   -Dkv.test.classpath=${KV_API_JAR}:${KV_TEST_JAR}:${KV_ASM_JAR}
+                   -Dkv.test.jsp-classpath=${KV_JSP_CLASSPATH}
+                   -Dkv.test.jsp-dir=${CMAKE_SOURCE_DIR}/src/test/resources/jsp
+                   -Dkv.test.workdir=${CMAKE_BINARY_DIR}/test/work
+                   -Dkv.test.sources=${CMAKE_SOURCE_DIR}/src/test/java
+                   ${ARGN})
+  set_tests_properties(${name} PROPERTIES LABELS junit TIMEOUT 600)
+endfunction()
+
 foreach(source ${KV_JUNIT_SOURCES})
   file(RELATIVE_PATH relative ${CMAKE_SOURCE_DIR}/src/test/java ${source})
   string(REGEX REPLACE "\\.java$" "" class "${relative}")
@@ -47,13 +73,9 @@ foreach(source ${KV_JUNIT_SOURCES})
   if(simple MATCHES "ProbeTest$")
     set(agent ${CMAKE_BINARY_DIR}/test/libkvjvmti_probe.so)
   endif()
-  add_test(NAME junit.${simple}
-           COMMAND bash ${CMAKE_SOURCE_DIR}/tools/run-junit.sh ${KV_JAVA} ${agent}
-                   "${KV_API_JAR}:${KV_TEST_JAR}:${KV_JUNIT_JAR}:${KV_ASM_JAR}" ${class}
-                   -Dkv.test.java=${KV_JAVA}
-                   -Dkv.test.agent=${CMAKE_BINARY_DIR}/libkvjvmti.so
-                   -Dkv.test.probe-agent=${CMAKE_BINARY_DIR}/test/libkvjvmti_probe.so
-                   -Dkv.test.classpath=${KV_API_JAR}:${KV_TEST_JAR}:${KV_ASM_JAR}
-                   -Dkv.test.workdir=${CMAKE_BINARY_DIR}/test/work)
-  set_tests_properties(junit.${simple} PROPERTIES LABELS junit TIMEOUT 600)
+  kv_add_junit_test(junit.${simple} ${class} ${agent})
+  # Stepping behaves the same whichever way the called code is skipped.
+  if(simple MATCHES "^Stepping|^CfmlStepping|^SmapStepping")
+    kv_add_junit_test(junit.${simple}.singleStepping ${class} ${agent} -Dkv.jvmti.enable.fast.stepping=false)
+  endif()
 endforeach()

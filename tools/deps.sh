@@ -4,7 +4,7 @@
 set -eu
 packages="cmake make g++ binutils openjdk-17-jdk-headless"
 if [ "${1:-build}" = test ]; then
-  packages="$packages libgtest-dev libgmock-dev junit5 libasm-java"
+  packages="$packages libgtest-dev libgmock-dev junit5 libasm-java libtomcat9-java ant"
 fi
 missing=""
 for package in $packages; do

@@ -10,7 +10,8 @@ jobject box_with(JNIEnv* env, const char* wrapper, const char* signature, T valu
     if (!clazz) return nullptr;
     jmethodID valueOf = env->GetStaticMethodID(clazz.get(), "valueOf", signature);
     if (valueOf == nullptr) return nullptr;
-    return env->CallStaticObjectMethod(clazz.get(), valueOf, value);
+    jobject boxed = env->CallStaticObjectMethod(clazz.get(), valueOf, value);
+    return env->ExceptionCheck() ? nullptr : boxed;
 }
 
 // Calls the accessor when the value is an instance of the wrapper; false when it is not or the

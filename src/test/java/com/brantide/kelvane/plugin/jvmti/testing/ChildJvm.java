@@ -48,6 +48,11 @@ public final class ChildJvm {
         return this;
     }
 
+    public ChildJvm jvmOption(String option) {
+        jvmOptions.add(option);
+        return this;
+    }
+
     public ChildJvm logLevel(int level) {
         return property("KV_JVMTI_LOG_LEVEL", Integer.toString(level));
     }

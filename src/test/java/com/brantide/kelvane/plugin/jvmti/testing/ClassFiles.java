@@ -23,7 +23,7 @@ public final class ClassFiles {
     }
 
     public static byte[] bytesOf(Class<?> clazz) throws IOException {
-        try (InputStream in = clazz.getResourceAsStream(clazz.getSimpleName() + ".class")) {
+        try (InputStream in = clazz.getResourceAsStream(clazz.getName().substring(clazz.getName().lastIndexOf('.') + 1) + ".class")) {
             return in.readAllBytes();
         }
     }

@@ -46,6 +46,12 @@ public final class Stops implements BreakpointHook, SteppingAbortedHook {
         return this;
     }
 
+    /** Records the stops of a thread that the test runs itself. */
+    public Stops watching(Thread thread) {
+        subject = thread;
+        return this;
+    }
+
     @Override
     public int breakpointHit(BreakpointLocation location, ThreadContext context) {
         if (Thread.currentThread() != subject) {
