@@ -1,10 +1,14 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs (as root), or says which are missing.
-# Usage: deps.sh build|test
+# Usage: deps.sh build|test|fuzz
 set -eu
 packages="cmake make g++ binutils openjdk-17-jdk-headless"
 if [ "${1:-build}" = test ]; then
   packages="$packages libgtest-dev libgmock-dev junit5 libasm-java libtomcat9-java ant"
+fi
+if [ "${1:-build}" = fuzz ]; then
+  # libFuzzer's runtime comes with compiler-rt, packaged apart from clang itself.
+  packages="$packages clang-14 libclang-rt-14-dev"
 fi
 missing=""
 for package in $packages; do

@@ -7,23 +7,7 @@ seconds="${1:-180}"
 root="$(cd "$(dirname "$0")/.." && pwd)"
 out="$root/build-fuzz"
 
-# libFuzzer's runtime comes with compiler-rt, packaged apart from clang itself.
-packages="clang-14 libclang-rt-14-dev openjdk-17-jdk-headless"
-missing=""
-for package in $packages; do
-  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" || missing="$missing $package"
-done
-if [ -n "$missing" ]; then
-  if [ "$(id -u)" -ne 0 ]; then
-    echo "missing Debian packages:$missing (run as root to install them, or: sudo apt-get install$missing)" >&2
-    exit 1
-  fi
-  echo "installing:$missing"
-  export DEBIAN_FRONTEND=noninteractive
-  apt-get update -qq
-  # shellcheck disable=SC2086
-  apt-get install -y -qq --no-install-recommends $missing >/dev/null
-fi
+bash "$root/tools/deps.sh" fuzz
 cxx="$(command -v clang++-14 || command -v clang++)"
 
 # The JDK whose headers the library builds against, found as the CMake build finds it.

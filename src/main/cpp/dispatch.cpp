@@ -159,10 +159,10 @@ void report_exception(JNIEnv* env, jthread thread, jmethodID method, jlocation l
 }
 }  // namespace
 
-void fire_breakpoint_hit(JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
+bool fire_breakpoint_hit(JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
     LOG_DEBUG("%p", static_cast<void*>(thread));
     ReferenceCountedJObject hook(g_breakpointHook);
-    if (!hook.isSet()) return;
+    if (!hook.isSet()) return false;
     HookCall call(env, thread, method, location);
     LocalRef<jobject> where(env, call.location_object(method, location));
     LocalRef<jobject> context(env, get_thread_context(env, thread));
@@ -170,19 +170,20 @@ void fire_breakpoint_hit(JNIEnv* env, jthread thread, jmethodID method, jlocatio
     if (hit == nullptr) {
         LOG_DEBUG("rtn = %d %s", STEP_NOOP, "NOOP");
         call.abandon();
-        return;
+        return false;
     }
     jint command = call_int_hook(env, hook.get(), hit, "breakpointHit", where.get(), context.get());
     call.finish(command);
     LOG_DEBUG("rtn = %d %s", command, step_type_name(command));
+    return true;
 }
 
-void fire_step_stop(JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
+bool fire_step_stop(JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
     if (has_breakpoint(method, location)) {
         t_step_stop_method = method;
         t_step_stop_location = location;
     }
-    fire_breakpoint_hit(env, thread, method, location);
+    return fire_breakpoint_hit(env, thread, method, location);
 }
 
 std::optional<jint> fire_field_modification_complete(JNIEnv* env, jthread thread, jmethodID method,

@@ -7,11 +7,12 @@
 #include <optional>
 
 // Reports a stop to the breakpoint hook with the thread's events off, and acts on its answer.
-void fire_breakpoint_hit(JNIEnv* env, jthread thread, jmethodID method, jlocation location);
+// False when no hook could be called (none registered, no breakpointHit, no thread context).
+bool fire_breakpoint_hit(JNIEnv* env, jthread thread, jmethodID method, jlocation location);
 
 // The stepping engine's stop: like fire_breakpoint_hit, and when a breakpoint stands at the same
 // place, the VM's breakpoint event that follows the single step there is not reported again.
-void fire_step_stop(JNIEnv* env, jthread thread, jmethodID method, jlocation location);
+bool fire_step_stop(JNIEnv* env, jthread thread, jmethodID method, jlocation location);
 
 // Called at every single step: a step that moved on from its last stop forgets it.
 void forget_step_stop(jmethodID method, jlocation location);

@@ -90,6 +90,16 @@ bool judge_common(JNIEnv* env, jthread thread, jmethodID method, jlocation locat
     return true;
 }
 
+// A step whose stop nobody can hear (its hook was removed meanwhile) ends there: stepping on
+// would only slow the thread down until the time limit.
+void stop_here(JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
+    if (fire_step_stop(env, thread, method, location)) return;
+    LOG_DEBUG("no breakpoint hook to stop in, step ended");
+    end_step_silently(thread);
+    ThreadData* data = own_thread_data();
+    if (data != nullptr) release_step(data, data->step_data);
+}
+
 bool is_cfml_target(JNIEnv* env, const StepEvent& event, jmethodID method) {
     return event.step->lang != LANG_CFML || get_type(env, method) == LANG_CFML;
 }
@@ -107,7 +117,7 @@ void wait_for_cfml_parent(JNIEnv* env, jthread thread, const StepEvent& event, b
 void stop_or_wait_for_cfml(JNIEnv* env, jthread thread, jmethodID method, jlocation location,
                            const StepEvent& event, bool fast) {
     if (is_cfml_target(env, event, method)) {
-        fire_step_stop(env, thread, method, location);
+        stop_here(env, thread, method, location);
     } else {
         wait_for_cfml_parent(env, thread, event, fast);
     }
@@ -118,7 +128,7 @@ void step_in(JNIEnv* env, jthread thread, jmethodID method, jlocation location, 
     const StepData* step = event.step;
     if (method == step->begin_method && event.line == step->begin_line) return;
     if (is_cfml_target(env, event, method)) {
-        fire_step_stop(env, thread, method, location);
+        stop_here(env, thread, method, location);
         return;
     }
     if (step->depth <= event.depth) return;
@@ -146,7 +156,7 @@ void step_over(JNIEnv* env, jthread thread, jmethodID method, jlocation location
 
 void step_out_fast(JNIEnv* env, jthread thread, jmethodID method, jlocation location, const StepEvent& event) {
     if (event.step->depth > event.depth) {
-        fire_step_stop(env, thread, method, location);
+        stop_here(env, thread, method, location);
         return;
     }
     LOG_WARN("STEP_OUT didnt step as expected");
@@ -158,7 +168,7 @@ void step_out_by_single_steps(JNIEnv* env, jthread thread, jmethodID method, jlo
     if (event.step->depth <= event.depth) return;
     LOG_DEBUG("StepOut - stepped out");
     if (event.step->lang == LANG_CFML && get_type(env, method) != LANG_CFML) return;
-    fire_step_stop(env, thread, method, location);
+    stop_here(env, thread, method, location);
 }
 
 void single_step(JNIEnv* env, jthread thread, jmethodID method, jlocation location, bool fast) {

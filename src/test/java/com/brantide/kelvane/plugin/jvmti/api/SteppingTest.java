@@ -9,6 +9,7 @@ import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.brantide.kelvane.plugin.jvmti.BreakpointLocation;
+import com.brantide.kelvane.plugin.jvmti.ThreadContext;
 import com.brantide.kelvane.plugin.jvmti.fixtures.StepTarget;
 import com.brantide.kelvane.plugin.jvmti.testing.Stops;
 import java.util.ArrayList;
@@ -114,5 +115,28 @@ class SteppingTest {
         stops.run(api, () -> StepTarget.callsBusy(1500));
         assertEquals(at("callsBusy-call"), stops.stops());
         assertEquals(1, stops.aborted(), "steppingAborted");
+    }
+
+    @Test
+    void aHookThatAnswersGarbageOrLeavesMidStepLetsTheThreadGo() throws Exception {
+        api.setMaxStepDuration(1);
+        breakAt("caller-a");
+        stops.answer(99);
+        assertEquals(14, (int) stops.run(api, () -> StepTarget.caller(1)));
+        assertEquals(at("caller-a"), stops.stops(), "an unknown command ends the step");
+
+        Stops leaving = new Stops() {
+            @Override
+            public int breakpointHit(BreakpointLocation location, ThreadContext context) {
+                super.breakpointHit(location, context);
+                api.registerBreakpointHook(null);
+                return STEP_OVER;
+            }
+        };
+        api.registerBreakpointHook(leaving);
+        api.registerSteppingAbortedHook(leaving);
+        leaving.run(api, () -> StepTarget.caller(1) + StepTarget.callsBusy(1500));
+        assertEquals(at("caller-a"), leaving.stops());
+        assertEquals(0, leaving.aborted(), "the step ended where nobody could hear it, not at the time limit");
     }
 }

@@ -30,9 +30,9 @@ import java.util.regex.Pattern;
  * is ("method:line", the line of the stopped frame) and answers with the next command of a
  * script, CONTINUE once the script is used up. Other threads are answered CONTINUE.
  */
-public final class Stops implements BreakpointHook, SteppingAbortedHook {
+public class Stops implements BreakpointHook, SteppingAbortedHook {
     private static final Pattern MARKER = Pattern.compile("// @(\\S+)");
-    private static final StackWalker WALKER = StackWalker.getInstance();
+    private static final StackWalker WALKER = StackWalker.getInstance(StackWalker.Option.RETAIN_CLASS_REFERENCE);
 
     private final Deque<Integer> script = new ArrayDeque<>();
     private final List<String> stops = Collections.synchronizedList(new ArrayList<>());
@@ -57,7 +57,8 @@ public final class Stops implements BreakpointHook, SteppingAbortedHook {
         if (Thread.currentThread() != subject) {
             return StepType.CONTINUE;
         }
-        StackWalker.StackFrame frame = WALKER.walk(s -> s.skip(1).findFirst()).orElseThrow();
+        StackWalker.StackFrame frame = WALKER.walk(s -> s.dropWhile(f -> Stops.class.isAssignableFrom(f.getDeclaringClass()))
+                .findFirst()).orElseThrow();
         stops.add(frame.getMethodName() + ":" + frame.getLineNumber());
         Integer next = script.poll();
         return next == null ? StepType.CONTINUE : next;
