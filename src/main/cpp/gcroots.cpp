@@ -243,6 +243,7 @@ public:
     jvmtiError clean_up();
 
 private:
+    void recover_classes();
     void init_classinfo(ClassInfo* info);
     jint fields_above(const ClassInfo* info) const;
     jstring field_name(ClassInfo* holder, jint index);
@@ -304,11 +305,25 @@ jvmtiError Search::walk(jlong limit_millis) {
     }
     m_context.limit = m_limit ? &*m_limit : nullptr;
     m_context.arena = &m_arena;
+    // The walk reports this thread's local references as roots. Held across it, the references to
+    // every loaded class would make each class (and all it holds) look rooted right here, hiding
+    // the class loader paths that really keep them alive; they are found again by their tags.
+    for (ClassInfo& info : m_infos) info.klass = nullptr;
+    m_classes.release();
     jvmtiHeapCallbacks callbacks{};
     callbacks.heap_reference_callback = heapReferenceCallbackDump;
     jvmtiError error = g_jvmti->FollowReferences(0, nullptr, nullptr, &callbacks, &m_context);
     m_walk_end = get_time();
+    recover_classes();
     return error;
+}
+
+void Search::recover_classes() {
+    if (m_classes.read() != JVMTI_ERROR_NONE) return;
+    for (jint k = 0; k < m_classes.count(); k++) {
+        jlong tag = 0;
+        if (g_jvmti->GetTag(m_classes[k], &tag) == JVMTI_ERROR_NONE && tag != 0) record_of(tag)->info->klass = m_classes[k];
+    }
 }
 
 // Without a time limit every instance is merged; with one, merging stops at the same limit
@@ -326,7 +341,7 @@ void Search::compact(jlong limit_millis) {
 }
 
 void Search::init_classinfo(ClassInfo* info) {
-    if (info->fields_read) return;
+    if (info->fields_read || info->klass == nullptr) return;
     if (g_jvmti->GetClassFields(info->klass, &info->field_count, &info->field_ids) != JVMTI_ERROR_NONE) {
         LOG_ERROR("Failed to get fields for %s", info->signature.c_str());
         info->field_count = 0;

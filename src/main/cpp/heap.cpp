@@ -132,8 +132,12 @@ bool limit_reached(IterationLimit* limit, const char* where) {
     return true;
 }
 
-LoadedClasses::~LoadedClasses() {
+LoadedClasses::~LoadedClasses() { release(); }
+
+void LoadedClasses::release() {
     for (jint k = 0; m_classes && k < m_count; k++) m_env->DeleteLocalRef(m_classes[static_cast<size_t>(k)]);
+    m_classes.reset();
+    m_count = 0;
 }
 
 jvmtiError LoadedClasses::read() {

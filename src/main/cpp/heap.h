@@ -28,6 +28,8 @@ public:
     LoadedClasses& operator=(const LoadedClasses&) = delete;
 
     jvmtiError read();
+    // Gives the references back early; count() is 0 afterwards.
+    void release();
     jint count() const { return m_count; }
     jclass operator[](jint k) const { return m_classes[static_cast<size_t>(k)]; }
 

@@ -1,0 +1,77 @@
+package com.brantide.kelvane.plugin.jvmti.api;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import com.brantide.kelvane.plugin.jvmti.testing.ChildJvm;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.concurrent.TimeUnit;
+import java.util.regex.Pattern;
+import org.junit.jupiter.api.Test;
+
+/** The demo's transcript, so that the demo cannot rot: its stops, its table and its tree. */
+class DemoTest {
+    @Test
+    void theTranscriptShowsTheWholeSession() throws Exception {
+        Path out = Files.createTempDirectory(ChildJvm.workDirectory(), "demo");
+        Process demo = new ProcessBuilder(System.getProperty("kv.test.java"), "-Xcheck:jni",
+                "-agentpath:" + System.getProperty("kv.test.agent"), "-cp", System.getProperty("kv.test.demo-classpath"),
+                "com.brantide.kelvane.demo.Demo", out.toString()).redirectErrorStream(true).start();
+        String transcript = new String(demo.getInputStream().readAllBytes());
+        assertTrue(demo.waitFor(120, TimeUnit.SECONDS));
+        assertEquals(0, demo.exitValue(), transcript);
+        assertTrue(!transcript.contains("WARNING in native method") && !transcript.contains("ERROR Kelvane"), transcript);
+
+        assertInOrder(transcript,
+                "^  breakpoint PriceCalculator\\.total \\(PriceCalculator\\.java:\\d+\\) +locals: items=\\w+\\(2\\), discountPercent=10$",
+                "^  STEP_OVER  PriceCalculator\\.total \\(PriceCalculator\\.java:\\d+\\) +changed: sum=4998$",
+                "^  STEP_OVER  PriceCalculator\\.total \\(PriceCalculator\\.java:\\d+\\) +changed: shipping=499$",
+                "^  STEP_IN    PriceCalculator\\.applyDiscount \\(PriceCalculator\\.java:\\d+\\) +locals: amount=4998, percent=10$",
+                "^  STEP_OUT   PriceCalculator\\.total \\(PriceCalculator\\.java:\\d+\\) *$",
+                "^  quote: 4499 cents",
+                "^  Inventory\\.stock: 5 -> 2 at Inventory\\.take \\(Inventory\\.java:\\d+\\)$",
+                "^  IllegalStateException \"out of stock: 4 wanted, 2 left\"$",
+                "^    caught at Shop\\.placeOrder \\(Shop\\.java:\\d+\\)$",
+                "^  breakpoint checkout\\.tpl:1  <h1>Checkout</h1>",
+                "^  STEP_OVER  checkout\\.tpl:2  ",
+                "^  STEP_OVER  checkout\\.tpl:3  ",
+                "^  STEP_OVER  checkout\\.tpl:4  <p>Total",
+                "^  rank  class +instances +size$",
+                "^    15  \\S+ +\\d+ +[\\d.]+ [KM]?B$",
+                "^  \\.\\.\\.   com\\.brantide\\.kelvane\\.demo\\.shop\\.Order +2001 ",
+                "^  Order  x2001  ",
+                "^ +`- OrderCache\\.ORDERS \\(STATIC_FIELD\\)  x2001  ",
+                "^  suspended order-worker at Unsafe\\.park \\(Native Method\\)",
+                "^  threads the agent watches \\(application threads\\): main, order-worker$",
+                "^  switched off   true$");
+        List<String> csv = Files.readAllLines(out.resolve("kvjvmti-histogram.csv"));
+        assertEquals("CLASS_NAME,COUNT,SIZE", csv.get(0));
+        assertTrue(csv.stream().anyMatch(line -> line.startsWith("com.brantide.kelvane.demo.shop.Order,2001,")));
+    }
+
+    /** Each pattern matches a line of the transcript, in this order. */
+    private static void assertInOrder(String transcript, String... patterns) {
+        List<String> lines = transcript.lines().toList();
+        int from = 0;
+        List<String> missing = new ArrayList<>();
+        for (String pattern : patterns) {
+            Pattern compiled = Pattern.compile(pattern);
+            int found = -1;
+            for (int i = from; i < lines.size(); i++) {
+                if (compiled.matcher(lines.get(i)).find()) {
+                    found = i;
+                    break;
+                }
+            }
+            if (found < 0) {
+                missing.add(pattern);
+            } else {
+                from = found + 1;
+            }
+        }
+        assertEquals(List.of(), missing, transcript);
+    }
+}
