@@ -57,6 +57,7 @@ function(kv_add_junit_test name class agent)
                    -Dkv.test.jsp-dir=${CMAKE_SOURCE_DIR}/src/test/resources/jsp
                    -Dkv.test.workdir=${CMAKE_BINARY_DIR}/test/work
                    -Dkv.test.sources=${CMAKE_SOURCE_DIR}/src/test/java
+                   -Dkv.test.demo-classpath=${KV_API_JAR}:${KV_DEMO_JAR}
                    ${ARGN})
   set_tests_properties(${name} PROPERTIES LABELS junit TIMEOUT 600)
 endfunction()
