@@ -66,7 +66,53 @@ std::optional<BreakpointLocation> BreakpointLocation::from_java(JNIEnv* env, job
     return BreakpointLocation(method, location);
 }
 
+namespace {
+// The last places this thread handed to a hook. A breakpoint in a loop stops at the same place
+// over and over; reflecting its method and building the location again each time would cost
+// more than the rest of the hit. Held weakly, so that no class is kept from unloading.
+struct CachedLocation {
+    jmethodID method;
+    jlocation location;
+    unsigned long generation;
+    jweak object;
+};
+constexpr int LOCATION_CACHE_SIZE = 8;
+thread_local CachedLocation t_locations[LOCATION_CACHE_SIZE] = {};
+thread_local int t_next_location = 0;
+
+void remember_location(JNIEnv* env, const CachedLocation& entry) {
+    CachedLocation& slot = t_locations[t_next_location];
+    t_next_location = (t_next_location + 1) % LOCATION_CACHE_SIZE;
+    if (slot.object != nullptr) env->DeleteWeakGlobalRef(slot.object);
+    slot = entry;
+}
+}  // namespace
+
 jobject BreakpointLocation::to_java(JNIEnv* env) const {
+    unsigned long generation = registry_generation();
+    for (const CachedLocation& cached : t_locations) {
+        if (cached.object == nullptr || cached.method != m_method || cached.location != m_location ||
+            cached.generation != generation) {
+            continue;
+        }
+        jobject alive = env->NewLocalRef(cached.object);
+        if (alive != nullptr) return alive;
+    }
+    jobject made = make_java(env);
+    if (made == nullptr) return nullptr;
+    jweak weak = env->NewWeakGlobalRef(made);
+    if (weak != nullptr) remember_location(env, CachedLocation{m_method, m_location, generation, weak});
+    return made;
+}
+
+void BreakpointLocation::forget_thread_cache(JNIEnv* env) {
+    for (CachedLocation& cached : t_locations) {
+        if (cached.object != nullptr) env->DeleteWeakGlobalRef(cached.object);
+        cached = CachedLocation{};
+    }
+}
+
+jobject BreakpointLocation::make_java(JNIEnv* env) const {
     LocalRef<jclass> declaring(env);
     jvmtiError error = g_jvmti->GetMethodDeclaringClass(m_method, declaring.out());
     if (error != JVMTI_ERROR_NONE) {
@@ -84,15 +130,18 @@ jobject BreakpointLocation::to_java(JNIEnv* env) const {
         LOG_ERROR("ToReflectedMethod failed %d", 0);
         return fail_to_java(env);
     }
-    jclass clazz = get_osgi_class("BreakpointLocation");
-    if (clazz == nullptr) {
-        LOG_ERROR("OSGI class 'BreakpointLocation' is null");
-        return fail_to_java(env);
-    }
-    jmethodID constructor = env->GetMethodID(clazz, "<init>", "(Ljava/lang/reflect/Member;J)V");
-    if (constructor == nullptr) {
-        LOG_ERROR("OSGI class 'BreakpointLocation' constructor not found");
-        return fail_to_java(env);
+    static RegisteredConstructor location_constructor("BreakpointLocation", "(Ljava/lang/reflect/Member;J)V");
+    jclass clazz = nullptr;
+    jmethodID constructor = nullptr;
+    switch (location_constructor.get(env, &clazz, &constructor)) {
+        case RegisteredConstructor::NO_CLASS:
+            LOG_ERROR("OSGI class 'BreakpointLocation' is null");
+            return fail_to_java(env);
+        case RegisteredConstructor::NO_CONSTRUCTOR:
+            LOG_ERROR("OSGI class 'BreakpointLocation' constructor not found");
+            return fail_to_java(env);
+        case RegisteredConstructor::FOUND:
+            break;
     }
     jobject location = env->NewObject(clazz, constructor, member.get(), m_location);
     return location != nullptr ? location : fail_to_java(env);

@@ -24,8 +24,12 @@ public:
     jlocation location() const { return m_location; }
 
     // A new local reference to the managed BreakpointLocation, or null (one ERROR line, nothing
-    // left pending).
+    // left pending). A thread that asks for the same place again gets the same (immutable)
+    // object back while it lives.
     jobject to_java(JNIEnv* env) const;
+
+    // Lets go of the objects the calling thread keeps for to_java; at thread end.
+    static void forget_thread_cache(JNIEnv* env);
 
     // The location a managed BreakpointLocation names: its member class, member signature (name
     // and descriptor) and "location" field. Empty when it names no method of that class, or when
@@ -33,6 +37,8 @@ public:
     static std::optional<BreakpointLocation> from_java(JNIEnv* env, jobject object);
 
 private:
+    jobject make_java(JNIEnv* env) const;
+
     jmethodID m_method;
     jlocation m_location;
 };

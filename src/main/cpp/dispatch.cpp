@@ -6,6 +6,7 @@
 #include "global.h"
 #include "hooks.h"
 #include "log.h"
+#include "lookup.h"
 #include "resources.h"
 #include "step_command.h"
 #include "thread.h"
@@ -104,7 +105,7 @@ void report_field_event(JNIEnv* env, jthread thread, jmethodID method, jlocation
     HookCall call(env, thread, method, location);
     LocalRef<jobject> where(env, call.location_object(method, location));
     LocalRef<jobject> context(env, get_thread_context(env, thread));
-    jmethodID hook_method = context ? find_method(env, hook.get(), name, modified ? FIELD_MODIFIED : FIELD_ACCESS)
+    jmethodID hook_method = context ? hook.method(env, modified ? 1 : 0, name, modified ? FIELD_MODIFIED : FIELD_ACCESS)
                                     : nullptr;
     LocalRef<jobject> reflected(env, hook_method != nullptr ? reflect_field(env, field_klass, field) : nullptr);
     if (!reflected) {
@@ -147,7 +148,7 @@ void report_exception(JNIEnv* env, jthread thread, jmethodID method, jlocation l
     LocalRef<jobject> context(env, get_thread_context(env, thread));
     const char* name = thrown ? "exceptionThrown" : "exceptionCatch";
     jmethodID hook_method =
-        context ? find_method(env, hook.get(), name, thrown ? EXCEPTION_THROWN : EXCEPTION_CATCH) : nullptr;
+        context ? hook.method(env, thrown ? 0 : 1, name, thrown ? EXCEPTION_THROWN : EXCEPTION_CATCH) : nullptr;
     if (hook_method == nullptr) {
         call.abandon();
         return;
@@ -166,7 +167,7 @@ bool fire_breakpoint_hit(JNIEnv* env, jthread thread, jmethodID method, jlocatio
     HookCall call(env, thread, method, location);
     LocalRef<jobject> where(env, call.location_object(method, location));
     LocalRef<jobject> context(env, get_thread_context(env, thread));
-    jmethodID hit = context ? find_method(env, hook.get(), "breakpointHit", BREAKPOINT_HIT) : nullptr;
+    jmethodID hit = context ? hook.method(env, 0, "breakpointHit", BREAKPOINT_HIT) : nullptr;
     if (hit == nullptr) {
         LOG_DEBUG("rtn = %d %s", STEP_NOOP, "NOOP");
         call.abandon();
@@ -195,7 +196,7 @@ std::optional<jint> fire_field_modification_complete(JNIEnv* env, jthread thread
     LocalRef<jobject> where(env, BreakpointLocation(method, location).to_java(env));
     LocalRef<jobject> context(env, get_thread_context(env, thread));
     jmethodID complete =
-        context ? find_method(env, hook.get(), "fieldModifiedComplete", FIELD_MODIFIED_COMPLETE) : nullptr;
+        context ? hook.method(env, 2, "fieldModifiedComplete", FIELD_MODIFIED_COMPLETE) : nullptr;
     if (complete != nullptr) {
         answer = call_int_hook(env, hook.get(), complete, "fieldModifiedComplete", where.get(), context.get());
         handle_breakpoint_hit_return(env, thread, method, location, *answer);
@@ -205,6 +206,7 @@ std::optional<jint> fire_field_modification_complete(JNIEnv* env, jthread thread
 }
 
 void JNICALL Breakpoint(jvmtiEnv*, JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
+    if (!is_event_wanted(JVMTI_EVENT_BREAKPOINT)) return;
     LOG_DEBUG("%p", static_cast<void*>(thread));
     if (t_step_stop_method == method && t_step_stop_location == location) {
         t_step_stop_method = nullptr;
@@ -220,6 +222,7 @@ void forget_step_stop(jmethodID method, jlocation location) {
 
 void JNICALL FieldAccess(jvmtiEnv*, JNIEnv* env, jthread thread, jmethodID method, jlocation location,
                          jclass field_klass, jobject object, jfieldID field) {
+    if (!is_event_wanted(JVMTI_EVENT_FIELD_ACCESS)) return;
     PendingExceptionKeeper keeper(env);
     report_field_event(env, thread, method, location, field_klass, object, field, false, 0, jvalue{});
 }
@@ -227,18 +230,21 @@ void JNICALL FieldAccess(jvmtiEnv*, JNIEnv* env, jthread thread, jmethodID metho
 void JNICALL FieldModification(jvmtiEnv*, JNIEnv* env, jthread thread, jmethodID method, jlocation location,
                                jclass field_klass, jobject object, jfieldID field, char signature_type,
                                jvalue new_value) {
+    if (!is_event_wanted(JVMTI_EVENT_FIELD_MODIFICATION)) return;
     PendingExceptionKeeper keeper(env);
     report_field_event(env, thread, method, location, field_klass, object, field, true, signature_type, new_value);
 }
 
 void JNICALL Exception(jvmtiEnv*, JNIEnv* env, jthread thread, jmethodID method, jlocation location,
                        jobject exception, jmethodID catch_method, jlocation catch_location) {
+    if (!is_event_wanted(JVMTI_EVENT_EXCEPTION)) return;
     PendingExceptionKeeper keeper(env);
     report_exception(env, thread, method, location, exception, true, catch_method, catch_location);
 }
 
 void JNICALL ExceptionCatch(jvmtiEnv*, JNIEnv* env, jthread thread, jmethodID method, jlocation location,
                             jobject exception) {
+    if (!is_event_wanted(JVMTI_EVENT_EXCEPTION_CATCH)) return;
     PendingExceptionKeeper keeper(env);
     report_exception(env, thread, method, location, exception, false, nullptr, 0);
 }
@@ -247,15 +253,16 @@ void JNICALL ClassPrepare(jvmtiEnv*, JNIEnv* env, jthread thread, jclass klass) 
     ReferenceCountedJObject hook(g_classPrepareHook);
     if (!hook.isSet()) return;
     PendingExceptionKeeper keeper(env);
-    call_void_hook(env, hook.get(), "prepareClass", "(Ljava/lang/Thread;Ljava/lang/Class;)V", thread, klass);
+    call_void_hook(env, hook, 0, "prepareClass", "(Ljava/lang/Thread;Ljava/lang/Class;)V", thread, klass);
 }
 
 // The class bytes are never replaced: the new-data arguments stay untouched.
 void JNICALL ClassFileLoadHook(jvmtiEnv*, JNIEnv* env, jclass class_being_redefined, jobject, const char*, jobject,
                                jint, const unsigned char*, jint*, unsigned char**) {
     if (class_being_redefined == nullptr) return;
+    forget_source_lines();
     ReferenceCountedJObject hook(g_fileLoadHook);
     if (!hook.isSet()) return;
     PendingExceptionKeeper keeper(env);
-    call_void_hook(env, hook.get(), "redefinedClass", "(Ljava/lang/Class;)V", class_being_redefined);
+    call_void_hook(env, hook, 0, "redefinedClass", "(Ljava/lang/Class;)V", class_being_redefined);
 }

@@ -35,6 +35,38 @@ bool read_masks(jthread thread, jlong* user, jlong* active, jlong* thread_id) {
     return true;
 }
 
+// Events that leave the thread at full speed while on, so that switching them off for the length
+// of a hook can be done in the masks alone.
+bool is_free_while_on(jint event) {
+    switch (event) {
+        case JVMTI_EVENT_BREAKPOINT:
+        case JVMTI_EVENT_FIELD_ACCESS:
+        case JVMTI_EVENT_FIELD_MODIFICATION:
+        case JVMTI_EVENT_EXCEPTION:
+        case JVMTI_EVENT_EXCEPTION_CATCH:
+            return true;
+        default:
+            return false;
+    }
+}
+
+// Whether the switch needs the VM: not when it already reports the event, nor to switch off for
+// a while an event that is free while on.
+bool needs_vm(const ThreadData* data, jvmtiEventMode mode, jint event, bool user) {
+    bool vm_has = (data->vm_events.load() & event_bit(event)) != 0;
+    if (mode == JVMTI_ENABLE) return !vm_has;
+    if (!is_free_while_on(event)) return true;
+    return user && vm_has;
+}
+
+void record_vm_switch(ThreadData* data, jvmtiEventMode mode, jint event) {
+    if (mode == JVMTI_ENABLE) {
+        data->vm_events.fetch_or(event_bit(event));
+    } else {
+        data->vm_events.fetch_and(~event_bit(event));
+    }
+}
+
 void switch_from_bitmask(jvmtiEventMode mode, jlong mask, jthread thread) {
     for (int position = 0; position < EVENT_MASK_POSITIONS; position++) {
         jint event = JVMTI_MIN_EVENT_TYPE_VAL + position;
@@ -60,7 +92,9 @@ bool set_event(jvmtiEventMode mode, jint event, jthread thread, bool user) {
         return false;
     }
     std::lock_guard<std::mutex> guard(data->switch_lock);
-    jvmtiError error = g_jvmti->SetEventNotificationMode(mode, static_cast<jvmtiEvent>(event), thread);
+    bool call_vm = needs_vm(data, mode, event, user);
+    jvmtiError error =
+        call_vm ? g_jvmti->SetEventNotificationMode(mode, static_cast<jvmtiEvent>(event), thread) : JVMTI_ERROR_NONE;
     if (error == JVMTI_ERROR_THREAD_NOT_ALIVE) {
         LOG_DEBUG("Failed to set event for thread %s(%d)", get_error_message(error).c_str(), error);
         return false;
@@ -70,6 +104,7 @@ bool set_event(jvmtiEventMode mode, jint event, jthread thread, bool user) {
                   get_error_message(error).c_str(), error);
         return false;
     }
+    if (call_vm) record_vm_switch(data, mode, event);
     record_switch(data, mode, event, user);
     LOG_FINE("%s(%d)=%s active=%s thread(%ld,%s)", event_to_string(event), event,
              mode == JVMTI_ENABLE ? "enabled" : "disabled", event_mask_to_string(data->active_events).c_str(),
@@ -102,6 +137,11 @@ void restore_user_events(jthread thread, jlong saved) {
     if (saved == NO_SAVED_EVENTS) return;
     LOG_FINE("thread(%ld,%s) last=%s", thread_id, get_thread_name(thread).c_str(), event_mask_to_string(saved).c_str());
     set_events_from_bitmask(saved, thread);
+}
+
+bool is_event_wanted(jint event) {
+    const ThreadData* data = own_thread_data();
+    return data == nullptr || (data->active_events.load(std::memory_order_relaxed) & event_bit(event)) != 0;
 }
 
 bool enable_single_step(jthread thread) { return set_event(JVMTI_ENABLE, JVMTI_EVENT_SINGLE_STEP, thread, false); }

@@ -7,6 +7,10 @@
 // With user true the change is recorded in the user mask as well as the active one.
 bool set_event(jvmtiEventMode mode, jint event, jthread thread, bool user);
 
+// Whether an event that the VM reports for the calling thread is one the thread wants now: false
+// when its switch is off while the VM was left reporting it.
+bool is_event_wanted(jint event);
+
 void clear_events_from_bitmask(jlong mask, jthread thread);
 void set_events_from_bitmask(jlong mask, jthread thread);
 

@@ -30,6 +30,17 @@ void call_void_hook(JNIEnv* env, jobject object, const char* name, const char* s
     clear_hook_exception(env, name);
 }
 
+void call_void_hook(JNIEnv* env, const ReferenceCountedJObject& hook, int slot, const char* name,
+                    const char* signature, ...) {
+    jmethodID method = hook.method(env, slot, name, signature);
+    if (method == nullptr) return;
+    va_list args;
+    va_start(args, signature);
+    env->CallVoidMethodV(hook.get(), method, args);
+    va_end(args);
+    clear_hook_exception(env, name);
+}
+
 bool clear_hook_exception(JNIEnv* env, const char* method) {
     if (!env->ExceptionCheck()) return false;
     LOG_WARN("Hook method %s threw; exception cleared", method);

@@ -1,6 +1,8 @@
 // Calling methods of managed hook and callback objects.
 #pragma once
 
+#include "reference.h"
+
 #include <jni.h>
 
 // The method of the object's class, or null. A failed lookup leaves nothing pending.
@@ -13,6 +15,11 @@ jmethodID find_callback_method(JNIEnv* env, jobject object, const char* name, co
 // Calls a void method on the object when it has one. A managed exception the method throws is
 // logged and cleared: it must not stay pending in the application thread that raised the event.
 void call_void_hook(JNIEnv* env, jobject object, const char* name, const char* signature, ...);
+
+// The same for a hook held as a counted copy, its method looked up once per registration in the
+// given slot.
+void call_void_hook(JNIEnv* env, const ReferenceCountedJObject& hook, int slot, const char* name,
+                    const char* signature, ...);
 
 // Clears and logs an exception left pending by a hook method; true when there was one.
 bool clear_hook_exception(JNIEnv* env, const char* method);

@@ -10,6 +10,9 @@
 #include "smap.h"
 
 #include <map>
+#include <memory>
+#include <vector>
+#include <new>
 #include <mutex>
 #include <shared_mutex>
 
@@ -29,9 +32,44 @@ std::map<std::string, jclass>& osgi_class_map() {
 }
 }  // namespace
 
+namespace {
+// Counts registrations, so that what was looked up in the registry is known to be current.
+std::atomic<unsigned long> g_registry_generation{0};
+}  // namespace
+
 void register_osgi_class(const std::string& name, jclass clazz) {
     std::unique_lock<std::shared_mutex> guard(registry_lock());
     osgi_class_map()[name] = clazz;
+    g_registry_generation.fetch_add(1, std::memory_order_release);
+}
+
+unsigned long registry_generation() { return g_registry_generation.load(std::memory_order_acquire); }
+
+RegisteredConstructor::Status RegisteredConstructor::get(JNIEnv* env, jclass* clazz, jmethodID* constructor) {
+    unsigned long generation = g_registry_generation.load(std::memory_order_acquire);
+    const Found* found = m_found.load(std::memory_order_acquire);
+    if (found == nullptr || found->generation != generation) {
+        jclass registered = get_osgi_class(m_class_name);
+        if (registered == nullptr) return NO_CLASS;
+        jmethodID method = env->GetMethodID(registered, "<init>", m_signature);
+        if (method == nullptr) {
+            env->ExceptionClear();
+            return NO_CONSTRUCTOR;
+        }
+        // Replaced lookups are not freed: another thread may still be reading one, and there are
+        // only as many as there are registrations.
+        auto* fresh = new (std::nothrow) Found{generation, registered, method};
+        if (fresh == nullptr) {
+            *clazz = registered;
+            *constructor = method;
+            return FOUND;
+        }
+        m_found.store(fresh, std::memory_order_release);
+        found = fresh;
+    }
+    *clazz = found->clazz;
+    *constructor = found->constructor;
+    return FOUND;
 }
 
 jclass get_osgi_class(const std::string& name) {
@@ -147,6 +185,53 @@ jint map_line_number(JNIEnv* env, jmethodID method, jint line) {
     if (g_jvmti->GetSourceDebugExtension(declaring.get(), smap.out()) != JVMTI_ERROR_NONE) return line;
     return get_jsp_line_from_smap(smap.get(), line);
 }
+
+namespace {
+std::atomic<unsigned long> g_class_generation{0};
+
+struct MethodLines {
+    jmethodID method = nullptr;
+    unsigned long generation = 0;
+    std::unique_ptr<LineIndex> index;
+};
+
+constexpr int METHOD_LINES_KEPT = 4;
+thread_local MethodLines t_method_lines[METHOD_LINES_KEPT];
+thread_local int t_next_method_lines = 0;
+
+std::unique_ptr<LineIndex> index_lines(JNIEnv* env, jmethodID method) {
+    jint count = 0;
+    JvmtiBuffer<jvmtiLineNumberEntry> table;
+    if (g_jvmti->GetLineNumberTable(method, &count, table.out()) != JVMTI_ERROR_NONE) count = 0;
+    JvmtiBuffer<char> smap;
+    LocalRef<jclass> declaring(env);
+    if (g_jvmti->GetMethodDeclaringClass(method, declaring.out()) == JVMTI_ERROR_NONE) {
+        g_jvmti->GetSourceDebugExtension(declaring.get(), smap.out());
+    }
+    SourceMap source_map(smap.get());
+    std::vector<jint> mapped(static_cast<size_t>(count));
+    for (jint i = 0; i < count; i++) mapped[static_cast<size_t>(i)] = source_map.map(table[static_cast<size_t>(i)].line_number);
+    return std::unique_ptr<LineIndex>(new (std::nothrow) LineIndex(table.get(), count, mapped.data(), source_map.map(-1)));
+}
+}  // namespace
+
+jint source_line(JNIEnv* env, jmethodID method, jlocation location) {
+    unsigned long generation = g_class_generation.load(std::memory_order_acquire);
+    for (const MethodLines& kept : t_method_lines) {
+        if (kept.method == method && kept.generation == generation && kept.index) return kept.index->line_at(location);
+    }
+    std::unique_ptr<LineIndex> index = index_lines(env, method);
+    if (!index) return map_line_number(env, method, line_no_for_method(method, location));
+    jint line = index->line_at(location);
+    MethodLines& slot = t_method_lines[t_next_method_lines];
+    t_next_method_lines = (t_next_method_lines + 1) % METHOD_LINES_KEPT;
+    slot.method = method;
+    slot.generation = generation;
+    slot.index = std::move(index);
+    return line;
+}
+
+void forget_source_lines() { g_class_generation.fetch_add(1, std::memory_order_acq_rel); }
 
 KV_NATIVE(jstring, getSourceFileName)(JNIEnv* env, jobject, jclass clazz) {
     return source_attribute_native(env, clazz, &jvmtiEnv::GetSourceFileName);

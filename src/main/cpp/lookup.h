@@ -4,6 +4,7 @@
 #include <jni.h>
 #include <jvmti.h>
 
+#include <atomic>
 #include <string>
 
 // Stores a global class reference under a name, replacing what was there. A replaced reference
@@ -12,6 +13,31 @@ void register_osgi_class(const std::string& name, jclass clazz);
 
 // The class registered under exactly this name (case-sensitive), or null.
 jclass get_osgi_class(const std::string& name);
+
+// Changes with every registration: what was built from registered classes before is stale.
+unsigned long registry_generation();
+
+// A constructor of a registered class, looked up again only after a registration, so that the
+// objects built for every event cost no registry or method lookup.
+class RegisteredConstructor {
+public:
+    enum Status { FOUND, NO_CLASS, NO_CONSTRUCTOR };
+
+    RegisteredConstructor(const char* class_name, const char* signature)
+        : m_class_name(class_name), m_signature(signature) {}
+
+    Status get(JNIEnv* env, jclass* clazz, jmethodID* constructor);
+
+private:
+    struct Found {
+        unsigned long generation;
+        jclass clazz;
+        jmethodID constructor;
+    };
+    const char* m_class_name;
+    const char* m_signature;
+    std::atomic<Found*> m_found{nullptr};
+};
 
 // The first method declared by the class whose name followed by its JVM signature equals the key,
 // such as main([Ljava/lang/String;)V; null when there is none or the class cannot be read.
@@ -30,6 +56,15 @@ jint line_no_for_method(jmethodID method, jlocation location);
 
 // Reports every line-number entry of the method to the callback's "lineNumber" (JI)V.
 void line_no_for_method(JNIEnv* env, jmethodID method, jobject callback);
+
+// The source line of a bytecode location as a step judges it: the line of the location mapped
+// through the class's SMAP, that is map_line_number(env, method, line_no_for_method(method,
+// location)). The calling thread keeps the last methods' tables ready, so that a thread stepping
+// through a method reads its line table and SMAP once.
+jint source_line(JNIEnv* env, jmethodID method, jlocation location);
+
+// Classes are being redefined: tables kept ready may be stale.
+void forget_source_lines();
 
 // The template line for a Java line of the method, through its class's SMAP; the Java line
 // unchanged when the class has none.

@@ -1,18 +1,19 @@
 #include "reference.h"
 
 #include "global.h"
+#include "hooks.h"
 #include "log.h"
 
 ReferenceCountedJObject::ReferenceCountedJObject(JNIEnv* env, jobject object)
-    : m_object(env->NewGlobalRef(object)), m_count(new std::atomic<int>(0)) {
-    m_count->fetch_add(1);
+    : m_object(env->NewGlobalRef(object)), m_count(new Shared()) {
+    m_count->count.fetch_add(1);
 }
 
 ReferenceCountedJObject::ReferenceCountedJObject(const ReferenceCountedJObject& other) {
     SpinLockGuard guard(other.m_guard);
     m_object = other.m_object;
     m_count = other.m_count;
-    if (m_count != nullptr) m_count->fetch_add(1);
+    if (m_count != nullptr) m_count->count.fetch_add(1);
 }
 
 ReferenceCountedJObject& ReferenceCountedJObject::operator=(const ReferenceCountedJObject& other) {
@@ -23,7 +24,7 @@ ReferenceCountedJObject& ReferenceCountedJObject::operator=(const ReferenceCount
     {
         SpinLockGuard guard(m_guard);
         jobject object = m_object;
-        std::atomic<int>* count = m_count;
+        Shared* count = m_count;
         m_object = incoming.m_object;
         m_count = incoming.m_count;
         incoming.m_object = object;
@@ -36,7 +37,7 @@ ReferenceCountedJObject::~ReferenceCountedJObject() { decreaseRefCount(); }
 
 void ReferenceCountedJObject::decreaseRefCount() {
     jobject object;
-    std::atomic<int>* count;
+    Shared* count;
     {
         SpinLockGuard guard(m_guard);
         object = m_object;
@@ -45,14 +46,24 @@ void ReferenceCountedJObject::decreaseRefCount() {
         m_count = nullptr;
     }
     if (count == nullptr) return;
-    if (count->fetch_sub(1) != 1) return;
+    if (count->count.fetch_sub(1) != 1) return;
     if (object != nullptr && g_active) deleteGlobalRef(object);
     delete count;
 }
 
 int ReferenceCountedJObject::count() const {
     SpinLockGuard guard(m_guard);
-    return m_count != nullptr ? m_count->load() : 0;
+    return m_count != nullptr ? m_count->count.load() : 0;
+}
+
+jmethodID ReferenceCountedJObject::method(JNIEnv* env, int slot, const char* name, const char* signature) const {
+    // The caller holds a copy for its whole run, so the block cannot go away under this call.
+    if (m_count == nullptr || m_object == nullptr || slot < 0 || slot >= METHOD_SLOTS) return nullptr;
+    jmethodID cached = m_count->methods[slot].load(std::memory_order_acquire);
+    if (cached != nullptr) return cached;
+    jmethodID found = find_method(env, m_object, name, signature);
+    if (found != nullptr) m_count->methods[slot].store(found, std::memory_order_release);
+    return found;
 }
 
 void ReferenceCountedJObject::deleteGlobalRef(jobject object) {

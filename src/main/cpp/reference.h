@@ -22,14 +22,26 @@ public:
     // Deletes a global reference from any thread, attaching it to the VM for the call if needed.
     static void deleteGlobalRef(jobject object);
 
+    // A method of the object's class, looked up once per registration and kept in the block the
+    // copies share: a newly registered object starts with an empty cache. Null when the class has
+    // no such method (nothing left pending). Each caller uses its own fixed slot for one method.
+    static constexpr int METHOD_SLOTS = 4;
+    jmethodID method(JNIEnv* env, int slot, const char* name, const char* signature) const;
+
     jobject get() const { return m_object; }
     bool isSet() const { return m_object != nullptr; }
     // The number of live copies, for diagnostics and tests; 0 for an empty instance.
     int count() const;
 
 private:
+    // What the copies of one registration share: their count and the methods looked up.
+    struct Shared {
+        std::atomic<int> count{0};
+        std::atomic<jmethodID> methods[METHOD_SLOTS] = {};
+    };
+
     jobject m_object = nullptr;
-    std::atomic<int>* m_count = nullptr;
+    Shared* m_count = nullptr;
     // Guards the pair of fields, so that a copy taken while the instance is being reassigned
     // never pairs one hook's reference with another hook's counter.
     mutable SpinLock m_guard;

@@ -7,14 +7,7 @@
 #include <string>
 
 namespace {
-
-// One line-section entry: InputStartLine[#LineFileID][,RepeatCount][:OutputStartLine[,OutputLineIncrement]]
-struct LineEntry {
-    long long input_start = 0;
-    long long repeat = 1;
-    long long output_start = 0;
-    long long increment = 1;
-};
+using LineEntry = SourceMap::Entry;
 
 // Reads a decimal number as formatted input does (leading blanks skipped, a sign accepted),
 // clamped to the 32-bit range. False when there are no digits.
@@ -85,8 +78,11 @@ void apply_marker(const std::string& text, bool* in_line_section) {
 
 }  // namespace
 
-jint get_jsp_line_from_smap(const char* smap, jint line) {
-    if (smap == nullptr || strncmp(smap, "SMAP", 4) != 0) return line;
+namespace {
+// Calls `each` for every line-section entry of the text in order, until it answers false.
+template <typename Each>
+void for_each_entry(const char* smap, Each each) {
+    if (smap == nullptr || strncmp(smap, "SMAP", 4) != 0) return;
     const std::string text(smap);
     bool in_line_section = false;
     size_t start = 0;
@@ -101,10 +97,33 @@ jint get_jsp_line_from_smap(const char* smap, jint line) {
         }
         if (!in_line_section) continue;
         LineEntry entry;
+        if (parse_entry(current.c_str(), &entry) && !each(entry)) return;
+    }
+}
+}  // namespace
+
+jint get_jsp_line_from_smap(const char* smap, jint line) {
+    jint result = line;
+    for_each_entry(smap, [&](const LineEntry& entry) {
         long long template_line = 0;
-        if (parse_entry(current.c_str(), &entry) && covers(entry, line, &template_line)) {
-            return static_cast<jint>(template_line);
-        }
+        if (!covers(entry, line, &template_line)) return true;
+        result = static_cast<jint>(template_line);
+        return false;
+    });
+    return result;
+}
+
+SourceMap::SourceMap(const char* smap) {
+    for_each_entry(smap, [&](const LineEntry& entry) {
+        m_entries.push_back(entry);
+        return true;
+    });
+}
+
+jint SourceMap::map(jint line) const {
+    for (const Entry& entry : m_entries) {
+        long long template_line = 0;
+        if (covers(entry, line, &template_line)) return static_cast<jint>(template_line);
     }
     return line;
 }

@@ -167,12 +167,23 @@ bool is_step(jint command) {
 
 void handle_breakpoint_hit_return(JNIEnv* env, jthread thread, jmethodID method, jlocation location, jint command) {
     if (command == STEP_NOOP) return;
+    bool starts_step = is_step(command) || command == STEP_FIELD_MODIFICATION_COMPLETE;
+    // The stack height, language and line matter only to a step: a plain CONTINUE, the answer to
+    // almost every breakpoint hit, costs no stack walk and no lookup.
     jint height = 0;
-    jvmtiError height_error = g_jvmti->GetFrameCount(thread, &height);
+    jvmtiError height_error = starts_step ? g_jvmti->GetFrameCount(thread, &height) : JVMTI_ERROR_NONE;
     StepPtr previous;
     if (!take_step(thread, &previous)) return;
+    if (!starts_step) {
+        if (command == STEP_CONTINUE) {
+            LOG_DEBUG("Continue %p", static_cast<void*>(thread));
+        } else {
+            LOG_ERROR("ERROR: Unknown step %d %p", command, static_cast<void*>(thread));
+        }
+        return;
+    }
     StepOrigin origin{method, location, height, step_language(env, method, previous.get()),
-                      map_line_number(env, method, line_no_for_method(method, location)),
+                      source_line(env, method, location),
                       get_time() + MAX_STEP.load()};
     previous.reset();
     if (is_step(command) && height_error != JVMTI_ERROR_NONE) {
@@ -181,31 +192,21 @@ void handle_breakpoint_hit_return(JNIEnv* env, jthread thread, jmethodID method,
         fire_stepping_aborted(env, thread);
         return;
     }
-    switch (command) {
-        case STEP_CONTINUE:
-            LOG_DEBUG("Continue %p", static_cast<void*>(thread));
-            break;
-        case STEP_IN:
-        case STEP_OVER:
-        case STEP_FIELD_MODIFICATION_COMPLETE:
-            start_single_stepping(thread, static_cast<StepType>(command), origin);
-            break;
-        case STEP_OUT:
-            LOG_DEBUG("StepOut %p", static_cast<void*>(thread));
-            if (g_stepping_enabled) {
-                start_step_out_with_frame_pop(env, thread, origin);
-            } else {
-                start_step_out_by_single_steps(env, thread, origin);
-            }
-            break;
-        default:
-            LOG_ERROR("ERROR: Unknown step %d %p", command, static_cast<void*>(thread));
+    if (command == STEP_OUT) {
+        LOG_DEBUG("StepOut %p", static_cast<void*>(thread));
+        if (g_stepping_enabled) {
+            start_step_out_with_frame_pop(env, thread, origin);
+        } else {
+            start_step_out_by_single_steps(env, thread, origin);
+        }
+        return;
     }
+    start_single_stepping(thread, static_cast<StepType>(command), origin);
 }
 
 void fire_stepping_aborted(JNIEnv* env, jthread thread) {
     ReferenceCountedJObject hook(g_stepHook);
-    if (hook.isSet()) call_void_hook(env, hook.get(), "steppingAborted", "(Ljava/lang/Thread;)V", thread);
+    if (hook.isSet()) call_void_hook(env, hook, 0, "steppingAborted", "(Ljava/lang/Thread;)V", thread);
 }
 
 void wait_for_frame_pop(jthread thread, jint frame) {

@@ -80,7 +80,7 @@ bool judge_common(JNIEnv* env, jthread thread, jmethodID method, jlocation locat
         return false;
     }
     if (timed_out(env, thread, data, step)) return false;
-    jint line = map_line_number(env, method, line_no_for_method(method, location));
+    jint line = source_line(env, method, location);
     if (line <= 0) return false;
     jint depth = 0;
     if (g_jvmti->GetFrameCount(thread, &depth) != JVMTI_ERROR_NONE) return false;

@@ -1,5 +1,6 @@
 #include "thread.h"
 
+#include "breakpoint.h"
 #include "exception.h"
 #include "global.h"
 #include "hooks.h"
@@ -101,16 +102,18 @@ jobject get_thread_context(JNIEnv* env, jthread thread) {
         LOG_ERROR("GetFrameCount failed %d", error);
         return nullptr;
     }
-    jclass clazz = get_osgi_class("ThreadContext");
-    if (clazz == nullptr) {
-        LOG_ERROR("OSGI class 'ThreadContext' is null");
-        return nullptr;
-    }
-    jmethodID constructor = env->GetMethodID(clazz, "<init>", "(Ljava/lang/Thread;I)V");
-    if (constructor == nullptr) {
-        env->ExceptionClear();
-        LOG_ERROR("OSGI class 'ThreadContext' constructor not found");
-        return nullptr;
+    static RegisteredConstructor context_constructor("ThreadContext", "(Ljava/lang/Thread;I)V");
+    jclass clazz = nullptr;
+    jmethodID constructor = nullptr;
+    switch (context_constructor.get(env, &clazz, &constructor)) {
+        case RegisteredConstructor::NO_CLASS:
+            LOG_ERROR("OSGI class 'ThreadContext' is null");
+            return nullptr;
+        case RegisteredConstructor::NO_CONSTRUCTOR:
+            LOG_ERROR("OSGI class 'ThreadContext' constructor not found");
+            return nullptr;
+        case RegisteredConstructor::FOUND:
+            break;
     }
     jobject context = env->NewObject(clazz, constructor, thread, frames);
     if (context == nullptr && env->ExceptionCheck()) {
@@ -152,14 +155,15 @@ void JNICALL ThreadStart(jvmtiEnv*, JNIEnv* env, jthread thread) {
     LOG_DEBUG("ThreadStart thread(%ld,%s)", id, get_thread_name(thread).c_str());
     attach_thread_data(env, thread, id);
     ReferenceCountedJObject hook(g_threadHook);
-    if (hook.isSet()) call_void_hook(env, hook.get(), "threadStart", "(Ljava/lang/Thread;)V", thread);
+    if (hook.isSet()) call_void_hook(env, hook, 0, "threadStart", "(Ljava/lang/Thread;)V", thread);
 }
 
 void JNICALL ThreadEnd(jvmtiEnv*, JNIEnv* env, jthread thread) {
     LOG_DEBUG("ThreadEnd thread(%ld,%s)", get_thread_id(env, thread), get_thread_name(thread).c_str());
     {
         ReferenceCountedJObject hook(g_threadHook);
-        if (hook.isSet()) call_void_hook(env, hook.get(), "threadEnd", "(Ljava/lang/Thread;)V", thread);
+        if (hook.isSet()) call_void_hook(env, hook, 1, "threadEnd", "(Ljava/lang/Thread;)V", thread);
     }
     release_thread_data(env);
+    BreakpointLocation::forget_thread_cache(env);
 }

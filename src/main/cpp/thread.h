@@ -20,6 +20,10 @@ struct ThreadData {
     // Atomic: the owning thread and managed threads change them at the same time.
     std::atomic<jlong> user_events{0};
     std::atomic<jlong> active_events{0};
+    // What the VM has switched on for the thread. Events that cost nothing while on (breakpoint,
+    // field and exception events) stay on in the VM while a hook runs, and are dropped by their
+    // callbacks instead: the two VM calls per hook would cost more than the whole rest of a hit.
+    std::atomic<jlong> vm_events{0};
     // The step in progress; used by the owning thread, or by another one while it is suspended.
     StepData* step_data = nullptr;
     // Serialises one event switch (the JVMTI call and the mask update) against another, so the

@@ -138,3 +138,17 @@ TEST(Smap, HugeNumbersAndBoundaries) {
     map(lines("2147483647," + huge + ":0\n"), INT_MAX);
     map(lines(huge + "#" + huge + "," + huge + ":" + huge + "," + huge + "\n"), INT_MAX);
 }
+
+TEST(Smap, APreparedMapAnswersAsTheTextDoes) {
+    const char* texts[] = {WORKED_EXAMPLE, "SMAP\n*L\n5,3:20,0\n5,0:30\n7#2,2:40,3\r\n*S X\n9:41\n*L\n1:-1\n",
+                           "no smap\n*L\n1:1\n", "SMAP\n*L\n3,2147483647:2147483640,5\n-4,-2:-8,-1\n"};
+    for (const char* text : texts) {
+        SourceMap prepared(text);
+        for (jint line = -10; line < 100; line++) {
+            EXPECT_EQ(get_jsp_line_from_smap(text, line), prepared.map(line)) << text << " line " << line;
+        }
+        for (jint line : {INT_MAX, INT_MIN, 2147483641, 2147483646}) {
+            EXPECT_EQ(get_jsp_line_from_smap(text, line), prepared.map(line)) << text << " line " << line;
+        }
+    }
+}
