@@ -2,6 +2,7 @@
 
 JavaVM* g_vm = nullptr;
 jvmtiEnv* g_jvmti = nullptr;
+jint g_jvmti_version = 0;
 std::atomic<bool> g_active{false};
 bool g_stepping_enabled = true;
 bool g_exceptions_enabled = true;

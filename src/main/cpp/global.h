@@ -12,6 +12,8 @@ class JavaLock;
 
 extern JavaVM* g_vm;
 extern jvmtiEnv* g_jvmti;
+// The JVMTI version of the running VM (GetVersionNumber), read at load; 0 when unknown.
+extern jint g_jvmti_version;
 // Whether the agent holds the debugging capabilities; changed by setActive from any thread.
 extern std::atomic<bool> g_active;
 // Fixed at load.

@@ -193,6 +193,7 @@ extern "C" JNIEXPORT jint JNICALL Agent_OnLoad(JavaVM* vm, char* options, void* 
         g_active = false;
         return 0;
     }
+    if (g_jvmti->GetVersionNumber(&g_jvmti_version) != JVMTI_ERROR_NONE) g_jvmti_version = 0;
     read_configuration();
     LOG_DEBUG("agentargs = %s", options);
     PAUSE_LOCK = new JavaLock("SuspendPauseLock");

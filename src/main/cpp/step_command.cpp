@@ -174,6 +174,7 @@ void handle_breakpoint_hit_return(JNIEnv* env, jthread thread, jmethodID method,
     jvmtiError height_error = starts_step ? g_jvmti->GetFrameCount(thread, &height) : JVMTI_ERROR_NONE;
     StepPtr previous;
     if (!take_step(thread, &previous)) return;
+    if (previous) clear_frame_pops(thread);
     if (!starts_step) {
         if (command == STEP_CONTINUE) {
             LOG_DEBUG("Continue %p", static_cast<void*>(thread));
@@ -217,4 +218,14 @@ void wait_for_frame_pop(jthread thread, jint frame) {
     LOG_DEBUG("NotifyFramePop(%d) refused %s(%d), single stepping on", frame, get_error_message(error).c_str(), error);
     disable_frame_pop(thread);
     enable_single_step(thread);
+}
+
+void clear_frame_pops(jthread thread) {
+    constexpr jint FIRST_VERSION_WITH_CLEAR = 0x30000000 + (25 << 16);
+    if (!g_stepping_enabled || g_jvmti_version < FIRST_VERSION_WITH_CLEAR) return;
+    // The headers this library is built with predate the function: slot 67 of the table holds it
+    // in the VMs that have it.
+    using ClearAllFramePops = jvmtiError(JNICALL*)(jvmtiEnv*, jthread);
+    auto clear = reinterpret_cast<ClearAllFramePops>(g_jvmti->functions->reserved67);
+    if (clear != nullptr) clear(g_jvmti, thread);
 }

@@ -45,3 +45,7 @@ void fire_stepping_aborted(JNIEnv* env, jthread thread);
 // steps. When the VM refuses, single stepping stays on: the step goes on event by event (and is
 // still bounded by the step time limit) rather than dying silently.
 void wait_for_frame_pop(jthread thread, jint frame);
+
+// Drops every frame-pop request still pending for the thread, where the VM can (JVMTI 25 and
+// later): a finished step must leave nothing behind that could slow the thread or wake it.
+void clear_frame_pops(jthread thread);

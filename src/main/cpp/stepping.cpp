@@ -20,6 +20,7 @@ struct StepEvent {
 };
 
 void end_step_silently(jthread thread) {
+    clear_frame_pops(thread);
     clear_active_events(thread);
     restore_user_events(thread, NO_SAVED_EVENTS);
 }
