@@ -22,6 +22,9 @@ public final class Values {
         if (value instanceof Number || value instanceof Boolean) {
             return value.toString();
         }
+        if (value instanceof java.util.List<?> list) {
+            return "List(" + list.size() + ")";
+        }
         if (value instanceof Collection<?> collection) {
             return value.getClass().getSimpleName() + "(" + collection.size() + ")";
         }
