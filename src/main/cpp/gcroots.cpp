@@ -191,6 +191,22 @@ bool same_link(const ObjectInfo* a, const ObjectInfo* b) {
     return a->info == b->info && a->kind == b->kind && a->index == b->index;
 }
 
+// The last record of the run of equal links that `start` belongs to: a linked list's nodes, each
+// first reached through the same field of the one before. The records passed are pointed at that
+// last one (the walk is over: parents now serve the merging alone), so that the next instance
+// held along the same run crosses it in one step. Without that, instances spread along a chain of
+// n links cost n*n/2 steps, more than the walk itself.
+ObjectInfo* run_end(ObjectInfo* start) {
+    ObjectInfo* last = start;
+    while (last->parent != nullptr && same_link(last, last->parent)) last = last->parent;
+    for (ObjectInfo* record = start; record != last;) {
+        ObjectInfo* next = record->parent;
+        record->parent = last;
+        record = next;
+    }
+    return last;
+}
+
 // Merges one instance's chain of first references, from the instance up to its root. False when
 // the compaction deadline has passed.
 bool merge_instance(Tree& tree, ObjectInfo* instance, std::optional<double> deadline, jlong* steps) {
@@ -205,7 +221,10 @@ bool merge_instance(Tree& tree, ObjectInfo* instance, std::optional<double> dead
             LOG_DEBUG("TIMEOUT in compact");
             return false;
         }
-        if (same_link(child, holder)) continue;
+        if (same_link(child, holder)) {
+            holder = run_end(holder);
+            continue;
+        }
         current = add_link(tree, current, holder->info, child->kind, child->index, instance->size);
         if (current == nullptr) return true;
         level++;
