@@ -133,16 +133,7 @@ jobject BreakpointLocation::make_java(JNIEnv* env) const {
     static RegisteredConstructor location_constructor("BreakpointLocation", "(Ljava/lang/reflect/Member;J)V");
     jclass clazz = nullptr;
     jmethodID constructor = nullptr;
-    switch (location_constructor.get(env, &clazz, &constructor)) {
-        case RegisteredConstructor::NO_CLASS:
-            LOG_ERROR("OSGI class 'BreakpointLocation' is null");
-            return fail_to_java(env);
-        case RegisteredConstructor::NO_CONSTRUCTOR:
-            LOG_ERROR("OSGI class 'BreakpointLocation' constructor not found");
-            return fail_to_java(env);
-        case RegisteredConstructor::FOUND:
-            break;
-    }
+    if (!location_constructor.get_or_log(env, &clazz, &constructor)) return fail_to_java(env);
     jobject location = env->NewObject(clazz, constructor, member.get(), m_location);
     return location != nullptr ? location : fail_to_java(env);
 }

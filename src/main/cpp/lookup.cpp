@@ -43,6 +43,20 @@ void register_osgi_class(const std::string& name, jclass clazz) {
     g_registry_generation.fetch_add(1, std::memory_order_release);
 }
 
+bool RegisteredConstructor::get_or_log(JNIEnv* env, jclass* clazz, jmethodID* constructor) {
+    switch (get(env, clazz, constructor)) {
+        case NO_CLASS:
+            LOG_ERROR("OSGI class '%s' is null", m_class_name);
+            return false;
+        case NO_CONSTRUCTOR:
+            LOG_ERROR("OSGI class '%s' constructor not found", m_class_name);
+            return false;
+        case FOUND:
+            break;
+    }
+    return true;
+}
+
 unsigned long registry_generation() { return g_registry_generation.load(std::memory_order_acquire); }
 
 RegisteredConstructor::Status RegisteredConstructor::get(JNIEnv* env, jclass* clazz, jmethodID* constructor) {

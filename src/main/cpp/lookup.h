@@ -27,6 +27,9 @@ public:
         : m_class_name(class_name), m_signature(signature) {}
 
     Status get(JNIEnv* env, jclass* clazz, jmethodID* constructor);
+    // The same, with one ERROR line naming what is missing: "OSGI class '<name>' is null" or
+    // "OSGI class '<name>' constructor not found".
+    bool get_or_log(JNIEnv* env, jclass* clazz, jmethodID* constructor);
 
 private:
     struct Found {

@@ -105,16 +105,7 @@ jobject get_thread_context(JNIEnv* env, jthread thread) {
     static RegisteredConstructor context_constructor("ThreadContext", "(Ljava/lang/Thread;I)V");
     jclass clazz = nullptr;
     jmethodID constructor = nullptr;
-    switch (context_constructor.get(env, &clazz, &constructor)) {
-        case RegisteredConstructor::NO_CLASS:
-            LOG_ERROR("OSGI class 'ThreadContext' is null");
-            return nullptr;
-        case RegisteredConstructor::NO_CONSTRUCTOR:
-            LOG_ERROR("OSGI class 'ThreadContext' constructor not found");
-            return nullptr;
-        case RegisteredConstructor::FOUND:
-            break;
-    }
+    if (!context_constructor.get_or_log(env, &clazz, &constructor)) return nullptr;
     jobject context = env->NewObject(clazz, constructor, thread, frames);
     if (context == nullptr && env->ExceptionCheck()) {
         env->ExceptionClear();
