@@ -19,22 +19,6 @@ void record_switch(ThreadData* data, jvmtiEventMode mode, jint event, bool user)
     }
 }
 
-// Reads a mask of the thread's record: FINE names the caller's view of it. Returns false when the
-// thread has no record.
-bool read_masks(jthread thread, jlong* user, jlong* active, jlong* thread_id) {
-    ThreadDataAccess access(thread);
-    if (access.error() != JVMTI_ERROR_NONE) return false;
-    ThreadData* data = access.get();
-    if (data == nullptr) {
-        LOG_ERROR("tdata is null");
-        return false;
-    }
-    *user = data->user_events.load();
-    *active = data->active_events.load();
-    *thread_id = data->thread_id;
-    return true;
-}
-
 // Events that leave the thread at full speed while on, so that switching them off for the length
 // of a hook can be done in the masks alone.
 bool is_free_while_on(jint event) {
@@ -67,30 +51,12 @@ void record_vm_switch(ThreadData* data, jvmtiEventMode mode, jint event) {
     }
 }
 
-void switch_from_bitmask(jvmtiEventMode mode, jlong mask, jthread thread) {
-    for (int position = 0; position < EVENT_MASK_POSITIONS; position++) {
-        jint event = JVMTI_MIN_EVENT_TYPE_VAL + position;
-        if ((mask & event_bit(event)) != 0) set_event(mode, event, thread, false);
-    }
-}
 }  // namespace
 
-bool set_event(jvmtiEventMode mode, jint event, jthread thread, bool user) {
-    ThreadDataAccess access(thread);
-    if (access.error() == JVMTI_ERROR_THREAD_NOT_ALIVE) {
-        LOG_DEBUG("Failed to set event for thread %s(%d)", get_error_message(access.error()).c_str(), access.error());
-        return false;
-    }
-    if (access.error() != JVMTI_ERROR_NONE) {
-        LOG_ERROR("Failed to set event(%d) for thread(%s) = %s(%d)", event, get_thread_name(thread).c_str(),
-                  get_error_message(access.error()).c_str(), access.error());
-        return false;
-    }
-    ThreadData* data = access.get();
-    if (data == nullptr) {
-        LOG_DEBUG("data is null for thread(%s)", get_thread_name(thread).c_str());
-        return false;
-    }
+namespace {
+// One switch on a record already found: the VM call (when one is needed) and the masks, under the
+// record's switch lock.
+bool switch_event(ThreadData* data, jvmtiEventMode mode, jint event, jthread thread, bool user) {
     std::lock_guard<std::mutex> guard(data->switch_lock);
     bool call_vm = needs_vm(data, mode, event, user);
     jvmtiError error =
@@ -112,31 +78,80 @@ bool set_event(jvmtiEventMode mode, jint event, jthread thread, bool user) {
     return true;
 }
 
+// The record of the thread, or null with the line set_event writes for a missing one.
+ThreadData* record_for_switch(const ThreadDataAccess& access, jint event, jthread thread) {
+    if (access.error() == JVMTI_ERROR_THREAD_NOT_ALIVE) {
+        LOG_DEBUG("Failed to set event for thread %s(%d)", get_error_message(access.error()).c_str(), access.error());
+        return nullptr;
+    }
+    if (access.error() != JVMTI_ERROR_NONE) {
+        LOG_ERROR("Failed to set event(%d) for thread(%s) = %s(%d)", event, get_thread_name(thread).c_str(),
+                  get_error_message(access.error()).c_str(), access.error());
+        return nullptr;
+    }
+    if (access.get() == nullptr) LOG_DEBUG("data is null for thread(%s)", get_thread_name(thread).c_str());
+    return access.get();
+}
+
+// Switches every event of the mask, visiting only its set bits.
+void switch_bits(ThreadData* data, jvmtiEventMode mode, jlong mask, jthread thread) {
+    unsigned long long rest = static_cast<unsigned long long>(mask);
+    while (rest != 0) {
+        int position = __builtin_ctzll(rest);
+        rest &= rest - 1;
+        if (position < EVENT_MASK_POSITIONS) switch_event(data, mode, JVMTI_MIN_EVENT_TYPE_VAL + position, thread, false);
+    }
+}
+
+void switch_from_bitmask(jvmtiEventMode mode, jlong mask, jthread thread) {
+    if (mask == 0) return;
+    ThreadDataAccess access(thread);
+    ThreadData* data = record_for_switch(access, JVMTI_MIN_EVENT_TYPE_VAL, thread);
+    if (data != nullptr) switch_bits(data, mode, mask, thread);
+}
+
+// The record whose masks clear_active_events and restore_user_events work on; null (with the
+// ERROR line) when the thread has none.
+ThreadData* record_for_masks(const ThreadDataAccess& access) {
+    if (access.error() != JVMTI_ERROR_NONE) return nullptr;
+    if (access.get() == nullptr) LOG_ERROR("tdata is null");
+    return access.get();
+}
+}  // namespace
+
+bool set_event(jvmtiEventMode mode, jint event, jthread thread, bool user) {
+    ThreadDataAccess access(thread);
+    ThreadData* data = record_for_switch(access, event, thread);
+    return data != nullptr && switch_event(data, mode, event, thread, user);
+}
+
 void clear_events_from_bitmask(jlong mask, jthread thread) { switch_from_bitmask(JVMTI_DISABLE, mask, thread); }
 
 void set_events_from_bitmask(jlong mask, jthread thread) { switch_from_bitmask(JVMTI_ENABLE, mask, thread); }
 
 jlong clear_active_events(jthread thread) {
-    jlong user = 0;
-    jlong active = 0;
-    jlong thread_id = 0;
-    if (!read_masks(thread, &user, &active, &thread_id)) return NO_SAVED_EVENTS;
-    LOG_FINE("thread(%ld,%s) active=%s", thread_id, get_thread_name(thread).c_str(),
+    ThreadDataAccess access(thread);
+    ThreadData* data = record_for_masks(access);
+    if (data == nullptr) return NO_SAVED_EVENTS;
+    jlong active = data->active_events.load();
+    LOG_FINE("thread(%ld,%s) active=%s", data->thread_id, get_thread_name(thread).c_str(),
              event_mask_to_string(active).c_str());
-    clear_events_from_bitmask(active, thread);
+    switch_bits(data, JVMTI_DISABLE, active, thread);
     return active;
 }
 
 void restore_user_events(jthread thread, jlong saved) {
-    jlong user = 0;
-    jlong active = 0;
-    jlong thread_id = 0;
-    if (!read_masks(thread, &user, &active, &thread_id)) return;
-    LOG_FINE("thread(%ld,%s) user=%s", thread_id, get_thread_name(thread).c_str(), event_mask_to_string(user).c_str());
-    set_events_from_bitmask(user, thread);
+    ThreadDataAccess access(thread);
+    ThreadData* data = record_for_masks(access);
+    if (data == nullptr) return;
+    jlong user = data->user_events.load();
+    LOG_FINE("thread(%ld,%s) user=%s", data->thread_id, get_thread_name(thread).c_str(),
+             event_mask_to_string(user).c_str());
+    switch_bits(data, JVMTI_ENABLE, user, thread);
     if (saved == NO_SAVED_EVENTS) return;
-    LOG_FINE("thread(%ld,%s) last=%s", thread_id, get_thread_name(thread).c_str(), event_mask_to_string(saved).c_str());
-    set_events_from_bitmask(saved, thread);
+    LOG_FINE("thread(%ld,%s) last=%s", data->thread_id, get_thread_name(thread).c_str(),
+             event_mask_to_string(saved).c_str());
+    switch_bits(data, JVMTI_ENABLE, saved, thread);
 }
 
 bool is_event_wanted(jint event) {
