@@ -1,0 +1,172 @@
+package com.brantide.kelvane.bench.debug;
+
+import com.sun.jdi.Bootstrap;
+import com.sun.jdi.Location;
+import com.sun.jdi.Method;
+import com.sun.jdi.ReferenceType;
+import com.sun.jdi.VMDisconnectedException;
+import com.sun.jdi.VirtualMachine;
+import com.sun.jdi.connect.AttachingConnector;
+import com.sun.jdi.connect.Connector;
+import com.sun.jdi.event.BreakpointEvent;
+import com.sun.jdi.event.Event;
+import com.sun.jdi.event.EventSet;
+import com.sun.jdi.event.StepEvent;
+import com.sun.jdi.event.VMDisconnectEvent;
+import com.sun.jdi.request.BreakpointRequest;
+import com.sun.jdi.request.EventRequest;
+import com.sun.jdi.request.EventRequestManager;
+import com.sun.jdi.request.StepRequest;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.Map;
+
+/**
+ * The same benchmarks driven the way an out-of-process debugger does it: the target runs the JDK's
+ * JDWP agent and this JVM is its JDI client, resuming every event as soon as it arrives.
+ */
+final class Jdi {
+    private static final String JDWP = "-agentlib:jdwp=transport=dt_socket,server=y,suspend=n,address=127.0.0.1:0";
+    private static final String LISTENING = "Listening for transport dt_socket at address:";
+
+    private Jdi() {
+    }
+
+    /** What the debugger does: asks for events once the target is ready, then answers each. */
+    private interface Debugger {
+        void setUp(VirtualMachine vm, ReferenceType target) throws Exception;
+
+        void handle(EventRequestManager requests, Event event);
+    }
+
+    /** The breakpoint round trip; the target times its own loop. */
+    static Map<String, String> breakpoint(String classpath) throws Exception {
+        long[] hits = {0};
+        Map<String, String> results = session(classpath, new Debugger() {
+            @Override
+            public void setUp(VirtualMachine vm, ReferenceType target) {
+                Location hot = method(target, "hot").location();
+                BreakpointRequest request = vm.eventRequestManager().createBreakpointRequest(hot);
+                request.setSuspendPolicy(EventRequest.SUSPEND_EVENT_THREAD);
+                request.enable();
+            }
+
+            @Override
+            public void handle(EventRequestManager requests, Event event) {
+                if (event instanceof BreakpointEvent) {
+                    hits[0]++;
+                }
+            }
+        }, "breakpoint", "jdwp");
+        if (hits[0] != Long.parseLong(results.get("breakpoint.hits"))) {
+            throw new IllegalStateException("the debugger saw " + hits[0] + " breakpoint events");
+        }
+        return results;
+    }
+
+    /** Steps over the call line of Target.stepOverSubject, timed from the resume to the step event. */
+    static Map<String, String> stepOver(String classpath, int iterations) throws Exception {
+        List<Double> millis = new ArrayList<>();
+        List<String> wrong = new ArrayList<>();
+        int[] nextLine = {0};
+        long[] resumed = {0};
+        Map<String, String> results = session(classpath, new Debugger() {
+            @Override
+            public void setUp(VirtualMachine vm, ReferenceType target) throws Exception {
+                List<Location> lines = method(target, "stepOverSubject").allLineLocations();
+                Location call = lines.get(0);
+                nextLine[0] = lines.stream().mapToInt(Location::lineNumber).filter(l -> l != call.lineNumber())
+                        .findFirst().orElseThrow();
+                BreakpointRequest request = vm.eventRequestManager().createBreakpointRequest(call);
+                request.setSuspendPolicy(EventRequest.SUSPEND_EVENT_THREAD);
+                request.enable();
+            }
+
+            @Override
+            public void handle(EventRequestManager requests, Event event) {
+                if (event instanceof BreakpointEvent) {
+                    StepRequest step = requests.createStepRequest(((BreakpointEvent) event).thread(),
+                            StepRequest.STEP_LINE, StepRequest.STEP_OVER);
+                    step.addCountFilter(1);
+                    step.setSuspendPolicy(EventRequest.SUSPEND_EVENT_THREAD);
+                    step.enable();
+                    resumed[0] = System.nanoTime();
+                } else if (event instanceof StepEvent) {
+                    long now = System.nanoTime();
+                    Location at = ((StepEvent) event).location();
+                    if (at.method().name().equals("stepOverSubject") && at.lineNumber() == nextLine[0]) {
+                        millis.add((now - resumed[0]) / 1e6);
+                    } else {
+                        wrong.add(at.toString());
+                    }
+                    requests.deleteEventRequest(event.request());
+                }
+            }
+        }, "step", "jdwp", Integer.toString(iterations));
+        if (!wrong.isEmpty() || millis.size() != Target.REPEATS + 1) {
+            throw new IllegalStateException("steps stopped at " + millis.size() + " right places, and at " + wrong);
+        }
+        millis.remove(0); // warm-up
+        results.put("step.ms", Double.toString(Target.best(millis.stream().mapToDouble(Double::doubleValue).toArray())));
+        return results;
+    }
+
+    private static Method method(ReferenceType type, String name) {
+        return type.methodsByName(name).get(0);
+    }
+
+    /** Runs a Target under JDWP with this debugger attached; the target's results. */
+    private static Map<String, String> session(String classpath, Debugger debugger, String... args) throws Exception {
+        Child child = new Child(List.of(JDWP), classpath, args);
+        Thread pump = null;
+        try {
+            int port = Integer.parseInt(child.await(LISTENING).replaceAll(".*:", ""));
+            child.await("READY");
+            VirtualMachine vm = attach(port);
+            debugger.setUp(vm, vm.classesByName(Target.class.getName()).get(0));
+            EventRequestManager requests = vm.eventRequestManager();
+            Throwable[] failed = {null};
+            pump = new Thread(() -> {
+                try {
+                    while (true) {
+                        EventSet events = vm.eventQueue().remove();
+                        for (Event event : events) {
+                            if (event instanceof VMDisconnectEvent) {
+                                return;
+                            }
+                            debugger.handle(requests, event);
+                        }
+                        events.resume();
+                    }
+                } catch (VMDisconnectedException e) {
+                    // the target has ended
+                } catch (Throwable e) {
+                    failed[0] = e;
+                    child.kill();
+                }
+            }, "jdi-events");
+            pump.start();
+            child.send("GO");
+            Map<String, String> results = child.finish();
+            pump.join();
+            if (failed[0] != null) {
+                throw new IllegalStateException("the debugger failed", failed[0]);
+            }
+            return results;
+        } finally {
+            child.kill();
+            if (pump != null) {
+                pump.join(10_000);
+            }
+        }
+    }
+
+    private static VirtualMachine attach(int port) throws Exception {
+        AttachingConnector socket = Bootstrap.virtualMachineManager().attachingConnectors().stream()
+                .filter(c -> c.name().equals("com.sun.jdi.SocketAttach")).findFirst().orElseThrow();
+        Map<String, Connector.Argument> arguments = socket.defaultArguments();
+        arguments.get("hostname").setValue("127.0.0.1");
+        arguments.get("port").setValue(Integer.toString(port));
+        return socket.attach(arguments);
+    }
+}

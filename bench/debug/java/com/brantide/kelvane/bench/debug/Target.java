@@ -1,0 +1,323 @@
+package com.brantide.kelvane.bench.debug;
+
+import com.brantide.kelvane.plugin.jvmti.BreakpointLocation;
+import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
+import com.brantide.kelvane.plugin.jvmti.StepType;
+import com.brantide.kelvane.plugin.jvmti.ThreadContext;
+import com.brantide.kelvane.plugin.jvmti.api.BreakpointHook;
+import com.brantide.kelvane.plugin.jvmti.api.FrameCallback;
+import com.brantide.kelvane.plugin.jvmti.api.JvmtiApi;
+import com.brantide.kelvane.plugin.jvmti.api.LineNumberCallback;
+import com.brantide.kelvane.plugin.jvmti.api.VariableCallback;
+import java.io.BufferedReader;
+import java.io.IOException;
+import java.io.InputStreamReader;
+import java.lang.reflect.Method;
+import java.net.URL;
+import java.net.URLClassLoader;
+import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.List;
+import java.util.TreeMap;
+
+/**
+ * The debugged program, one benchmark per JVM. It reports its figures as "RESULT name value" lines
+ * on standard output; under JDWP it says READY and waits for GO on standard input while the
+ * debugger sets itself up.
+ *
+ * <pre>
+ * Target breakpoint none|library|floor|jdwp   the breakpoint round trip, ns per hit
+ * Target step library|jdwp ITERATIONS         step over a line whose call loops ITERATIONS times
+ * Target smap CLASS_DIR                       stepping through the generated 2,000-line method
+ * Target stacks HEIGHT                        listing a stack of HEIGHT frames and its locals
+ * </pre>
+ */
+public final class Target {
+    /** Timed repeats of each measurement; fewer (-Dkv.bench.repeats=1) for a reduced run under a profiler. */
+    static final int REPEATS = Integer.getInteger("kv.bench.repeats", 5);
+    static long sink;
+
+    private Target() {
+    }
+
+    public static void main(String[] args) throws Exception {
+        switch (args[0]) {
+            case "breakpoint": breakpoint(args[1]); break;
+            case "step": step(args[1], Integer.parseInt(args[2])); break;
+            case "smap": smap(Path.of(args[1])); break;
+            case "stacks": stacks(Integer.parseInt(args[1])); break;
+            default: throw new IllegalArgumentException(args[0]);
+        }
+    }
+
+    static void result(String name, Object value) {
+        System.out.println("RESULT " + name + " " + value);
+    }
+
+    static void awaitDebugger() throws IOException {
+        System.out.println("READY");
+        System.out.flush();
+        String go = new BufferedReader(new InputStreamReader(System.in)).readLine();
+        if (!"GO".equals(go)) {
+            throw new IllegalStateException("no GO from the debugger: " + go);
+        }
+    }
+
+    static JvmtiApi library() {
+        JvmtiApi api = new JvmtiApi();
+        api.registerClasses();
+        if (!api.setActive(true)) {
+            throw new IllegalStateException("the library did not switch on");
+        }
+        api.setMaxStepDuration(3600);
+        if (!api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, true)) {
+            throw new IllegalStateException("breakpoint events not switched on");
+        }
+        return api;
+    }
+
+    static Method method(Class<?> clazz, String name) {
+        return Arrays.stream(clazz.getDeclaredMethods()).filter(m -> m.getName().equals(name)).findFirst().orElseThrow();
+    }
+
+    /** Bytecode index of the first instruction of each line, in line order. */
+    static TreeMap<Integer, Long> lineStarts(JvmtiApi api, Method method) {
+        TreeMap<Integer, Long> starts = new TreeMap<>();
+        api.getLineNumbersV2(method.getDeclaringClass(), BreakpointLocation.signatureOf(method),
+                (LineNumberCallback) (location, line) -> starts.merge(line, location, Math::min));
+        return starts;
+    }
+
+    /** The best of the timed repeats: the machine may be shared, and interference only ever adds time. */
+    static double best(double[] values) {
+        return Arrays.stream(values).min().orElseThrow();
+    }
+
+    // ---- 1. breakpoint round trip
+
+    /** Where the breakpoint stands, at its first bytecode. */
+    static int hot(int x) {
+        return x + 1;
+    }
+
+    static double nanosPerCall(int calls) {
+        long start = System.nanoTime();
+        long sum = 0;
+        for (int i = 0; i < calls; i++) {
+            sum += hot(i);
+        }
+        long elapsed = System.nanoTime() - start;
+        sink += sum;
+        return (double) elapsed / calls;
+    }
+
+    static void breakpoint(String agent) throws Exception {
+        int calls = 20_000;
+        long[] hits = {0};
+        switch (agent) {
+            case "none":
+                calls = 10_000_000;
+                break;
+            case "library":
+                JvmtiApi api = library();
+                api.registerBreakpointHook((BreakpointHook) (location, context) -> {
+                    hits[0]++;
+                    return StepType.CONTINUE;
+                });
+                api.setBreakpoint(BreakpointLocation.forMethod(method(Target.class, "hot"), 0));
+                break;
+            case "floor":
+                if (!Floor.setBreakpoint(method(Target.class, "hot"), 0) || !Floor.enableBreakpoints(Thread.currentThread())) {
+                    throw new IllegalStateException("floor agent refused");
+                }
+                break;
+            case "jdwp":
+                calls = 500;
+                awaitDebugger();
+                break;
+            default:
+                throw new IllegalArgumentException(agent);
+        }
+        nanosPerCall(calls); // warm-up
+        double[] perCall = new double[REPEATS];
+        for (int i = 0; i < REPEATS; i++) {
+            perCall[i] = nanosPerCall(calls);
+        }
+        long expected = (long) calls * (REPEATS + 1);
+        long seen = agent.equals("library") ? hits[0] : agent.equals("floor") ? Floor.hits : expected;
+        if (!agent.equals("none") && seen != expected) {
+            throw new IllegalStateException(seen + " breakpoint hits, expected " + expected);
+        }
+        result("breakpoint.ns", best(perCall));
+        result("breakpoint.hits", expected);
+    }
+
+    // ---- 2. step over a long call
+
+    static long stepOverSubject(int iterations) {
+        long r = spin(iterations);
+        return r + 1;
+    }
+
+    static long spin(int iterations) {
+        long s = 0;
+        for (int i = 0; i < iterations; i++) {
+            s += i ^ (s >>> 3);
+        }
+        return s;
+    }
+
+    static void step(String agent, int iterations) throws Exception {
+        if (agent.equals("jdwp")) {
+            // The debugger times each step and checks where it stops.
+            awaitDebugger();
+            for (int i = 0; i <= REPEATS; i++) {
+                sink += stepOverSubject(iterations);
+            }
+            System.out.println("DONE");
+            return;
+        }
+        JvmtiApi api = library();
+        Method subject = method(Target.class, "stepOverSubject");
+        TreeMap<Integer, Long> lines = lineStarts(api, subject);
+        long call = lines.firstEntry().getValue();
+        long next = lines.higherEntry(lines.firstKey()).getValue();
+        List<Double> millis = new ArrayList<>();
+        List<String> wrong = new ArrayList<>();
+        long[] commanded = {0};
+        api.registerBreakpointHook((BreakpointHook) (location, context) -> {
+            long now = System.nanoTime();
+            if (location.getMember().equals(subject) && location.getLocation() == call) {
+                commanded[0] = System.nanoTime();
+                return StepType.STEP_OVER;
+            }
+            if (location.getMember().equals(subject) && location.getLocation() == next) {
+                millis.add((now - commanded[0]) / 1e6);
+            } else {
+                wrong.add(location.toString());
+            }
+            return StepType.CONTINUE;
+        });
+        api.setBreakpoint(BreakpointLocation.forMethod(subject, call));
+        for (int i = 0; i <= REPEATS; i++) {
+            sink += stepOverSubject(iterations);
+        }
+        if (!wrong.isEmpty() || millis.size() != REPEATS + 1) {
+            throw new IllegalStateException("steps stopped at " + millis.size() + " right places, and at " + wrong);
+        }
+        millis.remove(0); // warm-up
+        result("step.ms", best(millis.stream().mapToDouble(Double::doubleValue).toArray()));
+        result("step.fast", api.isFastSteppingEnabled());
+    }
+
+    // ---- 3. stepping through a long method, with or without an SMAP
+
+    static void smap(Path classes) throws Exception {
+        JvmtiApi api = library();
+        URLClassLoader loader = new URLClassLoader(new URL[] {classes.toUri().toURL()}, Target.class.getClassLoader());
+        Class<?> generated = Class.forName(LongMethod.CLASS_NAME, true, loader);
+        Method run = generated.getMethod("run", int.class);
+        TreeMap<Integer, Long> lines = lineStarts(api, run);
+        api.setBreakpoint(BreakpointLocation.forMethod(run, lines.firstEntry().getValue()));
+        String extension = api.getSourceDebugExtension(generated);
+        result("smap.extension", extension != null && extension.startsWith("SMAP"));
+        for (int command : new int[] {StepType.STEP_OVER, StepType.STEP_IN}) {
+            long[] stops = {0};
+            long[] first = {0};
+            long[] last = {0};
+            api.registerBreakpointHook((BreakpointHook) (location, context) -> {
+                if (location.getMemberClass() != generated) {
+                    return StepType.CONTINUE; // stepped off the end into the caller
+                }
+                last[0] = System.nanoTime();
+                if (stops[0]++ == 0) {
+                    first[0] = last[0];
+                }
+                return command;
+            });
+            double[] micros = new double[REPEATS];
+            for (int i = -1; i < REPEATS; i++) {
+                stops[0] = 0;
+                sink += (int) run.invoke(null, i);
+                if (stops[0] != lines.size()) {
+                    throw new IllegalStateException(stops[0] + " stops in " + lines.size() + " lines");
+                }
+                if (i >= 0) {
+                    micros[i] = (last[0] - first[0]) / 1e3 / (stops[0] - 1);
+                }
+            }
+            String name = command == StepType.STEP_OVER ? "over" : "in";
+            result("smap." + name + ".us", best(micros));
+            result("smap." + name + ".stops", lines.size());
+        }
+    }
+
+    // ---- 4. listing a deep stack
+
+    static int recurse(int remaining, long acc, String tag) {
+        if (remaining == 0) {
+            return leaf(acc);
+        }
+        int next = remaining - 1;
+        return recurse(next, acc + remaining, tag) + 1;
+    }
+
+    /** Where the breakpoint stands. */
+    static int leaf(long acc) {
+        return (int) acc;
+    }
+
+    interface Call {
+        void run();
+    }
+
+    /** Calls per second after a warm-up: the best of REPEATS windows of at least a tenth of a second. */
+    static double rate(Call call) {
+        for (int i = 0; i < 20; i++) {
+            call.run();
+        }
+        double[] rates = new double[REPEATS];
+        for (int window = 0; window < REPEATS; window++) {
+            long start = System.nanoTime();
+            long calls = 0;
+            long elapsed;
+            do {
+                call.run();
+                calls++;
+                elapsed = System.nanoTime() - start;
+            } while (elapsed < 100_000_000L);
+            rates[window] = calls * 1e9 / elapsed;
+        }
+        return Arrays.stream(rates).max().orElseThrow();
+    }
+
+    static void stacks(int height) {
+        JvmtiApi api = library();
+        StackWalker walker = StackWalker.getInstance(StackWalker.Option.RETAIN_CLASS_REFERENCE);
+        api.registerBreakpointHook((BreakpointHook) (location, context) -> {
+            Thread thread = context.getThread();
+            int frames = context.getFrameCount();
+            long[] items = {0, 0, 0};
+            result("stacks.height", frames);
+            result("stacks.listStack.per.s", rate(() -> api.listStack(thread, frames, (FrameCallback) frame -> items[0]++)));
+            result("stacks.listVariables.per.s", rate(() -> api.listVariables(thread, frames, frames,
+                    (VariableCallback) (name, value, signature) -> ++items[1] > 0)));
+            result("stacks.stackWalker.per.s", rate(() -> walker.forEach(frame -> {
+                items[2] += frame.getByteCodeIndex() + frame.getMethodName().length() + frame.getDeclaringClass().hashCode();
+            })));
+            // What one call reports, from a single listing of each.
+            items[0] = 0;
+            items[1] = 0;
+            api.listStack(thread, frames, (FrameCallback) frame -> items[0]++);
+            api.listVariables(thread, frames, frames, (VariableCallback) (name, value, signature) -> ++items[1] > 0);
+            result("stacks.frames", items[0]);
+            result("stacks.variables", items[1]);
+            return StepType.CONTINUE;
+        });
+        api.setBreakpoint(BreakpointLocation.forMethod(method(Target.class, "leaf"), 0));
+        // recurse(n) stands n + 1 frames high and leaf one more, on top of the frames below.
+        int below = walker.walk(s -> (int) s.count());
+        sink += recurse(height - below - 2, 0, "frame");
+    }
+}

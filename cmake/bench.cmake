@@ -1,0 +1,50 @@
+# Benchmarks. They leave the default build: each is built and run by its own target.
+
+# ---------------------------------------------------------------------------------------------
+# Heap analysis (bench/heap): heapHistogram and gcRoots against jcmd and against bare JVMTI walks
+# done by a floor agent of the benchmark's own, on every JDK 17+ present. Run: `bench-heap`.
+add_library(kv_bench_heap_floor SHARED EXCLUDE_FROM_ALL ${CMAKE_SOURCE_DIR}/bench/heap/floor_agent.cpp)
+target_include_directories(kv_bench_heap_floor PRIVATE ${KV_JNI_INCLUDE_DIRS})
+target_compile_options(kv_bench_heap_floor PRIVATE ${KV_STRICT_FLAGS})
+set_target_properties(kv_bench_heap_floor PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR})
+
+file(GLOB KV_BENCH_HEAP_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/bench/heap/*.java)
+set(KV_BENCH_HEAP_JAR ${CMAKE_BINARY_DIR}/kvjvmti-bench-heap.jar)
+kv_add_jar(kv_bench_heap_jar ${KV_BENCH_HEAP_JAR} "${KV_BENCH_HEAP_SOURCES}" "${KV_API_JAR}")
+add_dependencies(kv_bench_heap_jar kv_api)
+set_target_properties(kv_bench_heap_jar PROPERTIES EXCLUDE_FROM_ALL ON)
+
+add_custom_target(bench-heap
+  COMMAND ${KV_JAVA} -cp ${KV_BENCH_HEAP_JAR} com.brantide.kelvane.bench.heap.BenchDriver
+          ${KV_JAVA_HOME} $<TARGET_FILE:kvjvmti> $<TARGET_FILE:kv_bench_heap_floor>
+          ${KV_API_JAR}:${KV_BENCH_HEAP_JAR}
+  DEPENDS kvjvmti kv_bench_heap_floor kv_bench_heap_jar
+  WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
+  USES_TERMINAL
+  VERBATIM)
+
+# ---------------------------------------------------------------------------------------------
+# Debugging path (bench/debug): breakpoint round trip, step over a long call, stepping under an
+# SMAP and listing a deep stack, against a floor agent of the benchmark's own, JDWP driven by JDI
+# and plain loops. `tools/bench.sh debug` runs it on every JDK 17+ present; `bench-debug` on the
+# build's JDK only.
+add_library(kv_bench_debug_floor SHARED EXCLUDE_FROM_ALL ${CMAKE_SOURCE_DIR}/bench/debug/floor_agent.cpp)
+target_include_directories(kv_bench_debug_floor PRIVATE ${KV_JNI_INCLUDE_DIRS})
+target_compile_options(kv_bench_debug_floor PRIVATE ${KV_STRICT_FLAGS} -fvisibility=hidden)
+set_target_properties(kv_bench_debug_floor PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR})
+
+set(KV_BENCH_ASM_JAR /usr/share/java/asm.jar)
+file(GLOB_RECURSE KV_BENCH_DEBUG_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/bench/debug/*.java)
+set(KV_BENCH_DEBUG_JAR ${CMAKE_BINARY_DIR}/kvjvmti-bench-debug.jar)
+kv_add_jar(kv_bench_debug_jar ${KV_BENCH_DEBUG_JAR} "${KV_BENCH_DEBUG_SOURCES}" "${KV_API_JAR}:${KV_BENCH_ASM_JAR}")
+add_dependencies(kv_bench_debug_jar kv_api)
+set_target_properties(kv_bench_debug_jar PROPERTIES EXCLUDE_FROM_ALL ON)
+
+add_custom_target(bench-debug
+  COMMAND ${KV_JAVA} -cp ${KV_API_JAR}:${KV_BENCH_DEBUG_JAR}:${KV_BENCH_ASM_JAR}
+          com.brantide.kelvane.bench.debug.DebugBench $<TARGET_FILE:kvjvmti> $<TARGET_FILE:kv_bench_debug_floor>
+          ${KV_API_JAR}:${KV_BENCH_DEBUG_JAR}
+  DEPENDS kvjvmti kv_bench_debug_floor kv_bench_debug_jar
+  WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
+  USES_TERMINAL
+  VERBATIM)
