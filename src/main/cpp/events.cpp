@@ -1,5 +1,7 @@
 #include "events.h"
 
+#include <chrono>
+
 #include "event_mask.h"
 #include "exception.h"
 #include "global.h"
@@ -57,7 +59,11 @@ namespace {
 // One switch on a record already found: the VM call (when one is needed) and the masks, under the
 // record's switch lock.
 bool switch_event(ThreadData* data, jvmtiEventMode mode, jint event, jthread thread, bool user) {
-    std::lock_guard<std::mutex> guard(data->switch_lock);
+    // Held longer than this only by a thread suspended in the middle of its own switch: going on
+    // without it then risks a mask out of step for one event, waiting risks a deadlock.
+    constexpr auto SWITCH_LOCK_PATIENCE = std::chrono::milliseconds(100);
+    std::unique_lock<std::timed_mutex> guard(data->switch_lock, SWITCH_LOCK_PATIENCE);
+    if (!guard.owns_lock()) LOG_DEBUG("switch lock of thread %ld busy, switching without it", data->thread_id);
     bool call_vm = needs_vm(data, mode, event, user);
     jvmtiError error =
         call_vm ? g_jvmti->SetEventNotificationMode(mode, static_cast<jvmtiEvent>(event), thread) : JVMTI_ERROR_NONE;

@@ -8,18 +8,21 @@
 #include "lookup.h"
 #include "resources.h"
 
+#include <memory>
 #include <new>
 #include <unordered_map>
 
 namespace {
 // The records of live threads by Java thread id, for threads that read another thread's record.
 // They never ask JVMTI for another thread's storage: a thread that is exiting may have its JVMTI
-// state torn down under such a call. A record leaves the map in ThreadEnd, before the thread's
-// JVMTI state goes, so a record found here belongs to a thread that the VM still fully knows.
+// state torn down under such a call. A record leaves the map in ThreadEnd; a thread that found it
+// before holds a share of it, so it stays valid for that thread however long it takes. The lock
+// guards the map alone and is never held across a call into the VM: a thread can be suspended in
+// any such call, and a lock it held then would stop every other thread until it is resumed.
 // Both live as long as the process: a callback may still run while it exits.
 struct ThreadRegistry {
     std::mutex lock;
-    std::unordered_map<jlong, ThreadData*> records;
+    std::unordered_map<jlong, std::shared_ptr<ThreadData>> records;
 };
 
 ThreadRegistry& registry() {
@@ -43,36 +46,37 @@ bool is_own_thread(JNIEnv* env, jthread thread) {
 }
 
 void attach_thread_data(JNIEnv* env, jthread thread, jlong id) {
-    auto* record = new (std::nothrow) ThreadData();
-    if (record == nullptr) return;
+    std::shared_ptr<ThreadData> record(new (std::nothrow) ThreadData());
+    if (!record) return;
     record->thread_id = id;
-    jvmtiError error = g_jvmti->SetThreadLocalStorage(thread, record);
+    jvmtiError error = g_jvmti->SetThreadLocalStorage(thread, record.get());
     if (error != JVMTI_ERROR_NONE) {
         LOG_ERROR("SetThreadLocalStorage %s %d", get_error_message(error).c_str(), error);
-        delete record;
         return;
     }
     t_own_thread = env->NewGlobalRef(thread);
-    t_own_record = record;
+    t_own_record = record.get();
     std::lock_guard<std::mutex> guard(registry().lock);
-    registry().records[id] = record;
+    registry().records[id] = std::move(record);
 }
 
-// Takes the record out of the registry under its lock, so that no other thread can be using it or
-// find it again, then releases it with its stepping state.
+// Takes the record out of the registry, so that no other thread can find it again; the last of
+// the threads still holding a share of it releases it with its stepping state.
 void release_thread_data(JNIEnv* env) {
-    ThreadData* record = t_own_record;
-    if (record == nullptr) return;
+    if (t_own_record == nullptr) return;
+    std::shared_ptr<ThreadData> record;
     {
         std::lock_guard<std::mutex> guard(registry().lock);
-        registry().records.erase(record->thread_id);
+        auto found = registry().records.find(t_own_record->thread_id);
+        if (found != registry().records.end()) {
+            record = std::move(found->second);
+            registry().records.erase(found);
+        }
     }
     g_jvmti->SetThreadLocalStorage(nullptr, nullptr);
     env->DeleteGlobalRef(t_own_thread);
     t_own_thread = nullptr;
     t_own_record = nullptr;
-    delete record->step_data;
-    delete record;
 }
 }  // namespace
 
@@ -88,9 +92,11 @@ ThreadDataAccess::ThreadDataAccess(jthread thread) {
     }
     if (thread == nullptr) return;
     jlong id = get_thread_id(env, thread);
-    m_foreign_guard = std::unique_lock<std::mutex>(registry().lock);
+    std::lock_guard<std::mutex> guard(registry().lock);
     auto found = registry().records.find(id);
-    if (found != registry().records.end()) m_data = found->second;
+    if (found == registry().records.end()) return;
+    m_foreign_share = found->second;
+    m_data = m_foreign_share.get();
 }
 
 ThreadData* own_thread_data() { return t_own_record; }

@@ -7,6 +7,7 @@
 #include <jvmti.h>
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -15,6 +16,11 @@
 // attached as the thread's JVMTI thread-local storage; a thread whose storage cannot be set gets no
 // record.
 struct ThreadData {
+    ThreadData() = default;
+    ThreadData(const ThreadData&) = delete;
+    ThreadData& operator=(const ThreadData&) = delete;
+    ~ThreadData() { delete step_data; }
+
     jlong thread_id = 0;
     // Bit (e - 50) for JVMTI event e: what the managed side switched on, and what is on now.
     // Atomic: the owning thread and managed threads change them at the same time.
@@ -27,15 +33,15 @@ struct ThreadData {
     // The step in progress; used by the owning thread, or by another one while it is suspended.
     StepData* step_data = nullptr;
     // Serialises one event switch (the JVMTI call and the mask update) against another, so the
-    // masks always say what the VM was last told.
-    std::mutex switch_lock;
+    // masks always say what the VM was last told. Timed: its holder may be suspended inside the
+    // VM call, and a thread that waited for it without end could be the one that resumes it.
+    std::timed_mutex switch_lock;
 };
 
 // The record of a thread, held safely for the scope. The owning thread reads its own record with
-// no lock at all; any other thread finds it by Java thread id under a process-wide lock, held for
-// the scope, which ThreadEnd also takes before it releases a record. A record found by another
-// thread therefore belongs to a thread that has not yet finished its ThreadEnd, so JVMTI calls on
-// that thread are safe for the scope. Never nest two accesses on one thread.
+// no lock at all; any other thread finds it by Java thread id and holds a share of it for the
+// scope, so that the record outlives a ThreadEnd that comes meanwhile (JVMTI calls on an ended
+// thread then fail with THREAD_NOT_ALIVE, which every caller handles).
 class ThreadDataAccess {
 public:
     explicit ThreadDataAccess(jthread thread);
@@ -48,7 +54,7 @@ public:
     ThreadData* get() const { return m_data; }
 
 private:
-    std::unique_lock<std::mutex> m_foreign_guard;
+    std::shared_ptr<ThreadData> m_foreign_share;
     jvmtiError m_error = JVMTI_ERROR_NONE;
     ThreadData* m_data = nullptr;
 };
