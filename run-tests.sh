@@ -6,4 +6,4 @@ bash tools/deps.sh test
 cmake -S . -B build -DKV_BUILD_TESTS=ON >/dev/null
 cmake --build build -j"$(nproc)"
 cd build
-ctest --output-on-failure -j2
+ctest --output-on-failure -j2 -LE long

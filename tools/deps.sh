@@ -6,8 +6,9 @@ packages="cmake make g++ binutils openjdk-17-jdk-headless"
 if [ "${1:-build}" = test ]; then
   packages="$packages libgtest-dev libgmock-dev junit5 libasm-java libtomcat9-java ant"
 fi
-if [ "${1:-build}" = fuzz ]; then
-  # libFuzzer's runtime comes with compiler-rt, packaged apart from clang itself.
+if [ "${1:-build}" = test ] || [ "${1:-build}" = fuzz ]; then
+  # The suite runs short fuzzing runs; libFuzzer's runtime comes with compiler-rt, packaged apart
+  # from clang itself.
   packages="$packages clang-14 libclang-rt-14-dev"
 fi
 missing=""

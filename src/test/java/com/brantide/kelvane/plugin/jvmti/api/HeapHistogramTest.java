@@ -73,16 +73,20 @@ class HeapHistogramTest {
     }
 
     private static Map<String, long[]> jcmdHistogram() throws Exception {
+        // Into a file, not a pipe: newer VMs (JDK 25 here) stream the histogram to jcmd while they
+        // hold this VM at a safepoint, so a pipe that this VM must drain would never empty.
+        Path output = ChildJvm.workDirectory().resolve("jcmd-histogram.txt");
         Process jcmd = new ProcessBuilder(Path.of(System.getProperty("java.home"), "bin", "jcmd").toString(),
-                Long.toString(ProcessHandle.current().pid()), "GC.class_histogram", "-all").start();
+                Long.toString(ProcessHandle.current().pid()), "GC.class_histogram", "-all")
+                .redirectOutput(output.toFile()).start();
+        assertEquals(0, jcmd.waitFor());
         Map<String, long[]> byName = new HashMap<>();
-        for (String line : new String(jcmd.getInputStream().readAllBytes()).split("\n")) {
+        for (String line : Files.readAllLines(output)) {
             Matcher matcher = JCMD_LINE.matcher(line);
             if (matcher.find()) {
                 byName.put(matcher.group(3), new long[] {Long.parseLong(matcher.group(1)), Long.parseLong(matcher.group(2))});
             }
         }
-        assertEquals(0, jcmd.waitFor());
         return byName;
     }
 

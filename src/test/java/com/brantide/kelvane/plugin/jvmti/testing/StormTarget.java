@@ -1,0 +1,69 @@
+package com.brantide.kelvane.plugin.jvmti.testing;
+
+import java.util.ArrayList;
+import java.util.List;
+import java.util.concurrent.atomic.AtomicBoolean;
+
+/**
+ * Code the storm and shutdown programs stop in. The breakpoint stands at the first bytecode of
+ * {@link #hit}; keep one statement per line so that steps have lines to stop at.
+ */
+public final class StormTarget {
+    /** Instances exist only in {@link #KEPT}: a histogram must count exactly as many. */
+    public static final class Marker {
+        public final int id;
+
+        public Marker(int id) {
+            this.id = id;
+        }
+    }
+
+    public static final List<Marker> KEPT = new ArrayList<>();
+    /** Read and written by every hit, for field watches. */
+    public static int watched;
+    /** Turns of the worker's loop, so that others can tell that it runs its own code again. */
+    public static volatile long workTurns;
+
+    private StormTarget() {
+    }
+
+    public static void keep(int count) {
+        for (int i = 0; i < count; i++) {
+            KEPT.add(new Marker(i));
+        }
+    }
+
+    public static int hit(int x) {
+        int a = x + watched;
+        int b = inner(a);
+        watched = b & 0xff;
+        return a + b;
+    }
+
+    public static int inner(int y) {
+        int z = y * 3;
+        return z + 1;
+    }
+
+    /** The suspended worker's loop: holds a monitor, keeps locals, calls down one level. */
+    public static long work(AtomicBoolean stop, Object lock) {
+        long turns = 0;
+        synchronized (lock) {
+            int local = 7;
+            while (!stop.get()) {
+                turns += inner(local);
+                workTurns++;
+            }
+        }
+        return turns;
+    }
+
+    /** Throws and catches, for exception events. */
+    public static int throwAndCatch(int x) {
+        try {
+            throw new IllegalStateException("storm " + x);
+        } catch (IllegalStateException e) {
+            return e.getMessage().length();
+        }
+    }
+}
