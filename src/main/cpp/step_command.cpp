@@ -21,6 +21,7 @@ const char* step_type_name(jint command) {
 
 namespace {
 using StepPtr = std::unique_ptr<StepData>;
+using SharedStep = std::shared_ptr<StepData>;
 
 // Where the command was given, and what every step started from there records.
 struct StepOrigin {
@@ -34,7 +35,7 @@ struct StepOrigin {
 
 // Takes the step in progress off the thread's record. False, with the ERROR line, when the thread
 // has no record to take it from.
-bool take_step(jthread thread, StepPtr* previous) {
+bool take_step(jthread thread, SharedStep* previous) {
     ThreadDataAccess access(thread);
     if (access.error() != JVMTI_ERROR_NONE) {
         LOG_ERROR("GetThreadLocalStorage failed %s %d", get_error_message(access.error()).c_str(), access.error());
@@ -44,8 +45,7 @@ bool take_step(jthread thread, StepPtr* previous) {
         LOG_ERROR("tdata is null");
         return false;
     }
-    previous->reset(access.get()->step_data);
-    access.get()->step_data = nullptr;
+    *previous = std::atomic_exchange(&access.get()->step_data, SharedStep());
     return true;
 }
 
@@ -77,16 +77,13 @@ StepPtr new_step(StepType type, const StepOrigin& origin, jint depth) {
 void attach_step(jthread thread, StepPtr step) {
     ThreadDataAccess access(thread);
     if (access.get() == nullptr) return;
-    delete access.get()->step_data;
-    access.get()->step_data = step.release();
+    std::atomic_store(&access.get()->step_data, SharedStep(std::move(step)));
 }
 
 void forget_step(jthread thread) {
-    StepPtr dropped;
     ThreadDataAccess access(thread);
     if (access.get() == nullptr) return;
-    dropped.reset(access.get()->step_data);
-    access.get()->step_data = nullptr;
+    std::atomic_store(&access.get()->step_data, SharedStep());
 }
 
 jint step_depth(jthread thread, const StepOrigin& origin) {
@@ -172,7 +169,7 @@ void handle_breakpoint_hit_return(JNIEnv* env, jthread thread, jmethodID method,
     // almost every breakpoint hit, costs no stack walk and no lookup.
     jint height = 0;
     jvmtiError height_error = starts_step ? g_jvmti->GetFrameCount(thread, &height) : JVMTI_ERROR_NONE;
-    StepPtr previous;
+    SharedStep previous;
     if (!take_step(thread, &previous)) return;
     if (previous) clear_frame_pops(thread);
     if (!starts_step) {

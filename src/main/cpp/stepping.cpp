@@ -10,10 +10,13 @@
 #include "step_command.h"
 #include "thread.h"
 
+#include <memory>
+
 namespace {
 // One single-step event of a thread that is stepping, as the shared first part of both variants
 // has judged it.
 struct StepEvent {
+    std::shared_ptr<StepData> share;  // keeps the record alive while the event is judged
     StepData* step;
     jint line;   // mapped through the SMAP
     jint depth;  // stack height, or CFML depth for a CFML step
@@ -25,22 +28,23 @@ void end_step_silently(jthread thread) {
     restore_user_events(thread, NO_SAVED_EVENTS);
 }
 
-void release_step(ThreadData* data, StepData* step) {
-    if (data->step_data == step) data->step_data = nullptr;
-    delete step;
+// Ends the step the event was judged with, unless a new command has replaced it meanwhile.
+void release_step(ThreadData* data, const std::shared_ptr<StepData>& step) {
+    std::shared_ptr<StepData> expected = step;
+    std::atomic_compare_exchange_strong(&data->step_data, &expected, std::shared_ptr<StepData>());
 }
 
 // A FIELD_MODIFICATION_COMPLETE step lives for one event: it reports and ends here. When the hook
 // answered with a new command, the handler has already replaced the record.
 void complete_field_modification(JNIEnv* env, jthread thread, jmethodID method, jlocation location,
-                                 ThreadData* data, StepData* step) {
+                                 ThreadData* data, const std::shared_ptr<StepData>& step) {
     clear_active_events(thread);
     std::optional<jint> answer = fire_field_modification_complete(env, thread, method, location);
     restore_user_events(thread, NO_SAVED_EVENTS);
     if (!answer || *answer == STEP_NOOP) release_step(data, step);
 }
 
-bool timed_out(JNIEnv* env, jthread thread, ThreadData* data, StepData* step) {
+bool timed_out(JNIEnv* env, jthread thread, ThreadData* data, const std::shared_ptr<StepData>& step) {
     double now = get_time();
     if (step->deadline > now) return false;
     LOG_WARN("Stopping stepping %lf >= %lf after %ds.", now, step->deadline, MAX_STEP.load());
@@ -69,7 +73,8 @@ bool judge_common(JNIEnv* env, jthread thread, jmethodID method, jlocation locat
     ThreadData* data = own_thread_data();
     if (data == nullptr) return false;
     forget_step_stop(method, location);
-    StepData* step = data->step_data;
+    std::shared_ptr<StepData> share = std::atomic_load(&data->step_data);
+    StepData* step = share.get();
     if (step == nullptr) {
         LOG_ERROR("step_data==NULL but SinglStep occurred!");
         end_step_silently(thread);
@@ -77,28 +82,28 @@ bool judge_common(JNIEnv* env, jthread thread, jmethodID method, jlocation locat
         return false;
     }
     if (step->type == STEP_FIELD_MODIFICATION_COMPLETE) {
-        complete_field_modification(env, thread, method, location, data, step);
+        complete_field_modification(env, thread, method, location, data, share);
         return false;
     }
-    if (timed_out(env, thread, data, step)) return false;
+    if (timed_out(env, thread, data, share)) return false;
     jint line = source_line(env, method, location);
     if (line <= 0) return false;
     jint depth = 0;
     if (g_jvmti->GetFrameCount(thread, &depth) != JVMTI_ERROR_NONE) return false;
     log_event(fast, step, depth, method, location);
     if (step->lang == LANG_CFML) depth = get_cf_depth(thread);
-    *event = StepEvent{step, line, depth};
+    *event = StepEvent{share, step, line, depth};
     return true;
 }
 
 // A step whose stop nobody can hear (its hook was removed meanwhile) ends there: stepping on
 // would only slow the thread down until the time limit.
-void stop_here(JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
+void stop_here(JNIEnv* env, jthread thread, jmethodID method, jlocation location, const StepEvent& event) {
     if (fire_step_stop(env, thread, method, location)) return;
     LOG_DEBUG("no breakpoint hook to stop in, step ended");
     end_step_silently(thread);
     ThreadData* data = own_thread_data();
-    if (data != nullptr) release_step(data, data->step_data);
+    if (data != nullptr) release_step(data, event.share);
 }
 
 bool is_cfml_target(JNIEnv* env, const StepEvent& event, jmethodID method) {
@@ -118,7 +123,7 @@ void wait_for_cfml_parent(JNIEnv* env, jthread thread, const StepEvent& event, b
 void stop_or_wait_for_cfml(JNIEnv* env, jthread thread, jmethodID method, jlocation location,
                            const StepEvent& event, bool fast) {
     if (is_cfml_target(env, event, method)) {
-        stop_here(env, thread, method, location);
+        stop_here(env, thread, method, location, event);
     } else {
         wait_for_cfml_parent(env, thread, event, fast);
     }
@@ -129,7 +134,7 @@ void step_in(JNIEnv* env, jthread thread, jmethodID method, jlocation location, 
     const StepData* step = event.step;
     if (method == step->begin_method && event.line == step->begin_line) return;
     if (is_cfml_target(env, event, method)) {
-        stop_here(env, thread, method, location);
+        stop_here(env, thread, method, location, event);
         return;
     }
     if (step->depth <= event.depth) return;
@@ -157,7 +162,7 @@ void step_over(JNIEnv* env, jthread thread, jmethodID method, jlocation location
 
 void step_out_fast(JNIEnv* env, jthread thread, jmethodID method, jlocation location, const StepEvent& event) {
     if (event.step->depth > event.depth) {
-        stop_here(env, thread, method, location);
+        stop_here(env, thread, method, location, event);
         return;
     }
     LOG_WARN("STEP_OUT didnt step as expected");
@@ -169,7 +174,7 @@ void step_out_by_single_steps(JNIEnv* env, jthread thread, jmethodID method, jlo
     if (event.step->depth <= event.depth) return;
     LOG_DEBUG("StepOut - stepped out");
     if (event.step->lang == LANG_CFML && get_type(env, method) != LANG_CFML) return;
-    stop_here(env, thread, method, location);
+    stop_here(env, thread, method, location, event);
 }
 
 void single_step(JNIEnv* env, jthread thread, jmethodID method, jlocation location, bool fast) {

@@ -19,7 +19,7 @@ struct ThreadData {
     ThreadData() = default;
     ThreadData(const ThreadData&) = delete;
     ThreadData& operator=(const ThreadData&) = delete;
-    ~ThreadData() { delete step_data; }
+    ~ThreadData() = default;
 
     jlong thread_id = 0;
     // Bit (e - 50) for JVMTI event e: what the managed side switched on, and what is on now.
@@ -31,7 +31,11 @@ struct ThreadData {
     // callbacks instead: the two VM calls per hook would cost more than the whole rest of a hit.
     std::atomic<jlong> vm_events{0};
     // The step in progress; used by the owning thread, or by another one while it is suspended.
-    StepData* step_data = nullptr;
+    // Read and written only through std::atomic_load / atomic_store / atomic_exchange: a thread
+    // suspended from outside goes on running native code until its next call into the VM, so
+    // resumeThread may replace the record while the owner still judges an event with it. The owner
+    // holds a share of the record for that long, and the record never changes once attached.
+    std::shared_ptr<StepData> step_data;
     // Serialises one event switch (the JVMTI call and the mask update) against another, so the
     // masks always say what the VM was last told. Timed: its holder may be suspended inside the
     // VM call, and a thread that waited for it without end could be the one that resumes it.

@@ -48,13 +48,24 @@ public final class AgentMemoryMain {
     private static final AtomicInteger SCRIPT_INDEX = new AtomicInteger();
     private static final Object SPIN_LOCK = new Object();
     private static volatile boolean spinning;
+    private static volatile long spinTurns;
     private static volatile Thread worker;
     private static volatile Thread spinner;
 
     private AgentMemoryMain() {
     }
 
-    public static void main(String[] args) throws Exception {
+    public static void main(String[] args) {
+        try {
+            run(args);
+        } catch (Throwable t) {
+            // A thread left suspended would keep the VM alive: end it with the failure.
+            t.printStackTrace();
+            Runtime.getRuntime().halt(1);
+        }
+    }
+
+    private static void run(String[] args) throws Exception {
         int warmUp = Integer.parseInt(args[0]);
         int perBatch = Integer.parseInt(args[1]);
         int batches = Integer.parseInt(args[2]);
@@ -213,11 +224,13 @@ public final class AgentMemoryMain {
         spinning = true;
         Thread thread = new Thread(AgentMemoryMain::spin, "memory-spinner-" + round);
         spinner = thread;
+        spinTurns = 0;
         thread.start();
-        while (thread.getState() != Thread.State.RUNNABLE) {
+        // Suspended only once it runs its loop: a thread suspended before its first frame stays
+        // suspended although the call fails (see SuspendRaceTest).
+        while (spinTurns == 0) {
             Thread.onSpinWait();
         }
-        Thread.sleep(5);
         API.suspendThread(thread, (SuspendCallback) (location, context) -> LISTED.incrementAndGet());
         int depth = API.getStackDepth(thread);
         lookAt(thread, depth);
@@ -238,6 +251,7 @@ public final class AgentMemoryMain {
         synchronized (SPIN_LOCK) {
             while (spinning) {
                 turns++;
+                spinTurns = turns;
             }
         }
         if (turns == 42) {

@@ -90,8 +90,14 @@ public final class StormMain {
     private StormMain() {
     }
 
-    public static void main(String[] args) throws Exception {
-        new StormMain().run();
+    public static void main(String[] args) {
+        try {
+            new StormMain().run();
+        } catch (Throwable t) {
+            // The storm's threads never end by themselves: a failure must still end the VM.
+            t.printStackTrace();
+            Runtime.getRuntime().halt(1);
+        }
     }
 
     private void run() throws Exception {
