@@ -253,6 +253,9 @@ void JNICALL ClassPrepare(jvmtiEnv*, JNIEnv* env, jthread thread, jclass klass) 
     ReferenceCountedJObject hook(g_classPrepareHook);
     if (!hook.isSet()) return;
     PendingExceptionKeeper keeper(env);
+    // A class can be prepared inside one of the agent's natives that holds thousands of local
+    // references (a heap walk); a frame of its own keeps the hook's references out of that count.
+    LocalFrame frame(env, 16);
     call_void_hook(env, hook, 0, "prepareClass", "(Ljava/lang/Thread;Ljava/lang/Class;)V", thread, klass);
 }
 

@@ -67,7 +67,9 @@ bool switch_event(ThreadData* data, jvmtiEventMode mode, jint event, jthread thr
     bool call_vm = needs_vm(data, mode, event, user);
     jvmtiError error =
         call_vm ? g_jvmti->SetEventNotificationMode(mode, static_cast<jvmtiEvent>(event), thread) : JVMTI_ERROR_NONE;
-    if (error == JVMTI_ERROR_THREAD_NOT_ALIVE) {
+    // A thread that has ended, or a VM that is shutting down, refuses every switch: expected, not
+    // worth an error line each.
+    if (error == JVMTI_ERROR_THREAD_NOT_ALIVE || error == JVMTI_ERROR_WRONG_PHASE) {
         LOG_DEBUG("Failed to set event for thread %s(%d)", get_error_message(error).c_str(), error);
         return false;
     }
