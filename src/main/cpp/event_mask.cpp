@@ -1,8 +1,9 @@
 #include "event_mask.h"
 
 jlong event_bit(jint event) {
+    // Compared before subtracting: any jint may come in, and event - 50 would overflow near INT_MIN.
+    if (event < JVMTI_MIN_EVENT_TYPE_VAL || event >= JVMTI_MIN_EVENT_TYPE_VAL + 64) return 0;
     jint position = event - JVMTI_MIN_EVENT_TYPE_VAL;
-    if (position < 0 || position >= 64) return 0;
     return static_cast<jlong>(static_cast<unsigned long long>(1) << position);
 }
 
