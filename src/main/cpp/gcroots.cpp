@@ -479,10 +479,7 @@ jobject Search::build_entries(jint max_depth) {
 }
 
 void Search::log_timeout() const {
-    if (!timed_out()) return;
-    double now = get_time();
-    LOG_DEBUG("Calls=%ld now=%lf start=%lf timeout ts=%lf duration=%lf", static_cast<long>(m_limit->calls), now,
-              m_walk_end, m_limit->deadline, now - m_walk_end);
+    if (timed_out()) log_walk_timeout(*m_limit, m_walk_end);
 }
 
 jvmtiError Search::clean_up() {

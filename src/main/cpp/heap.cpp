@@ -64,10 +64,7 @@ public:
     bool timed_out() const { return m_limit && m_limit->timed_out; }
 
     void log_timeout() const {
-        if (!timed_out()) return;
-        double now = get_time();
-        LOG_DEBUG("Calls=%ld now=%lf start=%lf timeout ts=%lf duration=%lf", static_cast<long>(m_limit->calls), now,
-                  m_start, m_limit->deadline, now - m_start);
+        if (timed_out()) log_walk_timeout(*m_limit, m_start);
     }
 
     double start() const { return m_start; }
@@ -130,6 +127,12 @@ bool limit_reached(IterationLimit* limit, const char* where) {
     LOG_DEBUG("TIMEOUT in %s", where);
     limit->timed_out = JNI_TRUE;
     return true;
+}
+
+void log_walk_timeout(const IterationLimit& limit, double start) {
+    double now = get_time();
+    LOG_DEBUG("Calls=%ld now=%lf start=%lf timeout ts=%lf duration=%lf", static_cast<long>(limit.calls), now, start,
+              limit.deadline, now - start);
 }
 
 LoadedClasses::~LoadedClasses() { release(); }

@@ -19,6 +19,9 @@ constexpr jlong CHECK_EVERY = 100000;
 // line naming the walk.
 bool limit_reached(IterationLimit* limit, const char* where);
 
+// The DEBUG line of a walk cut short by its limit; `start` is when the walk (or its merge) began.
+void log_walk_timeout(const IterationLimit& limit, double start);
+
 // The loaded classes, each reference freed with the list.
 class LoadedClasses {
 public:

@@ -2,6 +2,7 @@
 
 #include "exception.h"
 #include "global.h"
+#include "heap.h"
 #include "hooks.h"
 #include "line_table.h"
 #include "log.h"
@@ -269,20 +270,16 @@ KV_NATIVE(void, listClasses)(JNIEnv* env, jobject, jobject callback) {
     }
     jmethodID classFound = find_callback_method(env, callback, "classFound", "(Ljava/lang/Class;)V");
     if (classFound == nullptr) return;
-    jint count = 0;
-    JvmtiBuffer<jclass> classes;
-    jvmtiError error = g_jvmti->GetLoadedClasses(&count, classes.out());
+    LoadedClasses classes(env);
+    jvmtiError error = classes.read();
     if (error != JVMTI_ERROR_NONE) {
         throw_jvmti_exception(env, error);
         return;
     }
-    ensure_local_capacity(env, count);
     // A callback that throws ends the listing; the exception goes back to the caller.
-    for (jint i = 0; i < count; i++) {
-        LocalRef<jclass> clazz(env, classes[static_cast<size_t>(i)]);
+    for (jint i = 0; i < classes.count() && !env->ExceptionCheck(); i++) {
         jint status = 0;
-        if (env->ExceptionCheck()) continue;
-        if (g_jvmti->GetClassStatus(clazz.get(), &status) != JVMTI_ERROR_NONE) continue;
-        if ((status & JVMTI_CLASS_STATUS_PREPARED) != 0) env->CallVoidMethod(callback, classFound, clazz.get());
+        if (g_jvmti->GetClassStatus(classes[i], &status) != JVMTI_ERROR_NONE) continue;
+        if ((status & JVMTI_CLASS_STATUS_PREPARED) != 0) env->CallVoidMethod(callback, classFound, classes[i]);
     }
 }
