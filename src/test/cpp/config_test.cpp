@@ -48,29 +48,6 @@ int count_held(const jvmtiCapabilities& caps) {
 }
 }  // namespace
 
-TEST(Capabilities, FieldTableFollowsTheRecordOrder) {
-    EXPECT_STREQ("can_tag_objects", CAPABILITY_FIELDS[0].name);
-    EXPECT_STREQ("can_generate_resource_exhaustion_threads_events", CAPABILITY_FIELDS[40].name);
-    jvmtiCapabilities one{};
-    one.can_suspend = 1;
-    EXPECT_EQ(1, count_held(one));
-    EXPECT_TRUE(held(one, "can_suspend"));
-}
-
-TEST(Capabilities, DebuggingSetFollowsTheSwitches) {
-    for (bool exceptions : {false, true}) {
-        for (bool stepping : {false, true}) {
-            jvmtiCapabilities caps = debugging_capabilities(exceptions, stepping);
-            EXPECT_EQ(exceptions, held(caps, "can_generate_exception_events"));
-            EXPECT_EQ(stepping, held(caps, "can_generate_frame_pop_events"));
-            EXPECT_EQ(12 + (exceptions ? 1 : 0) + (stepping ? 1 : 0), count_held(caps));
-            EXPECT_TRUE(held(caps, "can_generate_breakpoint_events") && held(caps, "can_suspend") &&
-                        held(caps, "can_get_owned_monitor_stack_depth_info"));
-            EXPECT_FALSE(held(caps, "can_get_owned_monitor_info") || held(caps, "can_pop_frame"));
-        }
-    }
-}
-
 TEST(Capabilities, WithoutBasicRemovesExactlyTheBasicSet) {
     jvmtiCapabilities basic = basic_capabilities();
     EXPECT_EQ(5, count_held(basic));
