@@ -131,10 +131,10 @@ jobject BreakpointLocation::make_java(JNIEnv* env) const {
         return fail_to_java(env);
     }
     static RegisteredConstructor location_constructor("BreakpointLocation", "(Ljava/lang/reflect/Member;J)V");
-    jclass clazz = nullptr;
+    LocalRef<jclass> clazz(env);
     jmethodID constructor = nullptr;
     if (!location_constructor.get_or_log(env, &clazz, &constructor)) return fail_to_java(env);
-    jobject location = env->NewObject(clazz, constructor, member.get(), m_location);
+    jobject location = env->NewObject(clazz.get(), constructor, member.get(), m_location);
     return location != nullptr ? location : fail_to_java(env);
 }
 
@@ -167,6 +167,7 @@ using BreakpointCall = jvmtiError (jvmtiEnv::*)(jmethodID, jlocation);
 using WatchCall = jvmtiError (jvmtiEnv::*)(jclass, jfieldID);
 
 void change_breakpoint(JNIEnv* env, jobject object, BreakpointCall call, int delta) {
+    if (!require_agent(env)) return;
     std::optional<BreakpointLocation> location = BreakpointLocation::from_java(env, object);
     if (!location) {
         throw_exception(env, ILLEGAL_ARGUMENT, "Invalid BreakpointLocation");
@@ -192,6 +193,7 @@ void change_breakpoint(JNIEnv* env, jobject object, BreakpointCall call, int del
 
 void change_watch(JNIEnv* env, jclass clazz, jobject field, WatchCall call, std::atomic<unsigned int>& counter,
                   int delta) {
+    if (!require_agent(env)) return;
     jfieldID id = field != nullptr ? env->FromReflectedField(field) : nullptr;
     if (id == nullptr) {
         if (env->ExceptionCheck()) env->ExceptionClear();

@@ -1,6 +1,7 @@
 // The natives that switch the agent on and off, report its versions and settings, and hold the
 // managed hooks.
 #include "capabilities.h"
+#include "exception.h"
 #include "global.h"
 #include "kvjvmti.h"
 #include "log.h"
@@ -11,6 +12,10 @@ namespace {
 void register_hook(JNIEnv* env, ReferenceCountedJObject& hook, jobject object) {
     ReferenceCountedJObject replacement = object != nullptr ? ReferenceCountedJObject(env, object)
                                                             : ReferenceCountedJObject();
+    if (object != nullptr && !replacement.isSet()) {
+        throw_exception(env, ILLEGAL_STATE, "Cannot register the hook: out of memory");
+        return;
+    }
     hook = replacement;
 }
 
@@ -24,9 +29,12 @@ void relinquish_debugging_capabilities() {
 
 KV_NATIVE(jboolean, isActive)(JNIEnv*, jobject) { return g_active ? JNI_TRUE : JNI_FALSE; }
 
-KV_NATIVE(jboolean, setActive)(JNIEnv*, jobject, jboolean active) {
+KV_NATIVE(jboolean, setActive)(JNIEnv* env, jobject, jboolean active) {
     LOG_DEBUG("%d", active ? 1 : 0);
-    if (g_jvmti == nullptr) return JNI_FALSE;
+    if (g_jvmti == nullptr) {
+        if (active) require_agent(env);
+        return JNI_FALSE;
+    }
     if (active) {
         g_active = add_upd_capabilities();
         return g_active ? JNI_TRUE : JNI_FALSE;

@@ -102,12 +102,12 @@ void report_field_event(JNIEnv* env, jthread thread, jmethodID method, jlocation
     if (!hook.isSet()) return;
     LOG_DEBUG("%p", static_cast<void*>(thread));
     const char* name = modified ? "fieldModified" : "fieldAccess";
+    jmethodID hook_method = hook.method(env, modified ? 1 : 0, name, modified ? FIELD_MODIFIED : FIELD_ACCESS);
+    if (hook_method == nullptr) return;
     HookCall call(env, thread, method, location);
     LocalRef<jobject> where(env, call.location_object(method, location));
     LocalRef<jobject> context(env, get_thread_context(env, thread));
-    jmethodID hook_method = context ? hook.method(env, modified ? 1 : 0, name, modified ? FIELD_MODIFIED : FIELD_ACCESS)
-                                    : nullptr;
-    LocalRef<jobject> reflected(env, hook_method != nullptr ? reflect_field(env, field_klass, field) : nullptr);
+    LocalRef<jobject> reflected(env, context ? reflect_field(env, field_klass, field) : nullptr);
     if (!reflected) {
         call.abandon();
         return;
@@ -137,19 +137,15 @@ void report_exception(JNIEnv* env, jthread thread, jmethodID method, jlocation l
     ReferenceCountedJObject hook(g_exceptionHook);
     if (!hook.isSet()) return;
     LOG_DEBUG("%p", static_cast<void*>(thread));
-    HookCall call(env, thread, method, location);
+    const char* name = thrown ? "exceptionThrown" : "exceptionCatch";
+    jmethodID hook_method = hook.method(env, thrown ? 0 : 1, name, thrown ? EXCEPTION_THROWN : EXCEPTION_CATCH);
     // Reporting a stack overflow would run managed code on the very stack that overflowed.
-    if (is_stack_overflow(env, exception)) {
-        call.abandon();
-        return;
-    }
+    if (hook_method == nullptr || is_stack_overflow(env, exception)) return;
+    HookCall call(env, thread, method, location);
     LocalRef<jobject> where(env, call.location_object(method, location));
     LocalRef<jobject> caught_at(env, thrown ? call.location_object(catch_method, catch_location) : nullptr);
     LocalRef<jobject> context(env, get_thread_context(env, thread));
-    const char* name = thrown ? "exceptionThrown" : "exceptionCatch";
-    jmethodID hook_method =
-        context ? hook.method(env, thrown ? 0 : 1, name, thrown ? EXCEPTION_THROWN : EXCEPTION_CATCH) : nullptr;
-    if (hook_method == nullptr) {
+    if (!context) {
         call.abandon();
         return;
     }
@@ -164,11 +160,15 @@ bool fire_breakpoint_hit(JNIEnv* env, jthread thread, jmethodID method, jlocatio
     LOG_DEBUG("%p", static_cast<void*>(thread));
     ReferenceCountedJObject hook(g_breakpointHook);
     if (!hook.isSet()) return false;
+    jmethodID hit = hook.method(env, 0, "breakpointHit", BREAKPOINT_HIT);
+    if (hit == nullptr) {
+        LOG_DEBUG("rtn = %d %s", STEP_NOOP, "NOOP");
+        return false;
+    }
     HookCall call(env, thread, method, location);
     LocalRef<jobject> where(env, call.location_object(method, location));
     LocalRef<jobject> context(env, get_thread_context(env, thread));
-    jmethodID hit = context ? hook.method(env, 0, "breakpointHit", BREAKPOINT_HIT) : nullptr;
-    if (hit == nullptr) {
+    if (!context) {
         LOG_DEBUG("rtn = %d %s", STEP_NOOP, "NOOP");
         call.abandon();
         return false;
@@ -180,11 +180,17 @@ bool fire_breakpoint_hit(JNIEnv* env, jthread thread, jmethodID method, jlocatio
 }
 
 bool fire_step_stop(JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
-    if (has_breakpoint(method, location)) {
+    bool marked = has_breakpoint(method, location);
+    if (marked) {
         t_step_stop_method = method;
         t_step_stop_location = location;
     }
-    return fire_breakpoint_hit(env, thread, method, location);
+    bool fired = fire_breakpoint_hit(env, thread, method, location);
+    // The breakpoint event follows only while the VM reports breakpoints for the thread. When the
+    // hook switched them off, nothing comes to take the marker away, and the next genuine hit here
+    // would be taken for the one it stands for.
+    if (marked && !is_reported_by_vm(JVMTI_EVENT_BREAKPOINT)) t_step_stop_method = nullptr;
+    return fired;
 }
 
 std::optional<jint> fire_field_modification_complete(JNIEnv* env, jthread thread, jmethodID method,
@@ -192,12 +198,12 @@ std::optional<jint> fire_field_modification_complete(JNIEnv* env, jthread thread
     std::optional<jint> answer;
     ReferenceCountedJObject hook(g_fieldHook);
     if (!hook.isSet()) return answer;
+    jmethodID complete = hook.method(env, 2, "fieldModifiedComplete", FIELD_MODIFIED_COMPLETE);
+    if (complete == nullptr) return answer;
     clear_active_events(thread);
     LocalRef<jobject> where(env, BreakpointLocation(method, location).to_java(env));
     LocalRef<jobject> context(env, get_thread_context(env, thread));
-    jmethodID complete =
-        context ? hook.method(env, 2, "fieldModifiedComplete", FIELD_MODIFIED_COMPLETE) : nullptr;
-    if (complete != nullptr) {
+    if (context) {
         answer = call_int_hook(env, hook.get(), complete, "fieldModifiedComplete", where.get(), context.get());
         handle_breakpoint_hit_return(env, thread, method, location, *answer);
     }
@@ -206,12 +212,12 @@ std::optional<jint> fire_field_modification_complete(JNIEnv* env, jthread thread
 }
 
 void JNICALL Breakpoint(jvmtiEnv*, JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
-    if (!is_event_wanted(JVMTI_EVENT_BREAKPOINT)) return;
+    // A step's marker stands for the one breakpoint event that follows its stop, whether or not the
+    // thread wants breakpoints now, and for no later one.
+    bool follows_step_stop = t_step_stop_method == method && t_step_stop_location == location;
+    t_step_stop_method = nullptr;
+    if (follows_step_stop || !is_event_wanted(JVMTI_EVENT_BREAKPOINT)) return;
     LOG_DEBUG("%p", static_cast<void*>(thread));
-    if (t_step_stop_method == method && t_step_stop_location == location) {
-        t_step_stop_method = nullptr;
-        return;
-    }
     PendingExceptionKeeper keeper(env);
     fire_breakpoint_hit(env, thread, method, location);
 }

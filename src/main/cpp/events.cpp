@@ -86,15 +86,23 @@ bool switch_event(ThreadData* data, jvmtiEventMode mode, jint event, jthread thr
     return true;
 }
 
-// The record of the thread, or null with the line set_event writes for a missing one.
+bool is_alive(jthread thread) {
+    jint state = 0;
+    return thread == nullptr || g_jvmti->GetThreadState(thread, &state) != JVMTI_ERROR_NONE ||
+           (state & JVMTI_THREAD_STATE_ALIVE) != 0;
+}
+
+// The record of the thread, or null with the line set_event writes for a missing one. A thread
+// that has not started or has ended is refused as the VM refuses it, whether or not it ever had a
+// record.
 ThreadData* record_for_switch(const ThreadDataAccess& access, jint event, jthread thread) {
-    if (access.error() == JVMTI_ERROR_THREAD_NOT_ALIVE) {
-        LOG_DEBUG("Failed to set event for thread %s(%d)", get_error_message(access.error()).c_str(), access.error());
-        return nullptr;
+    jvmtiError error = access.error();
+    if (error == JVMTI_ERROR_NONE && access.get() == nullptr && !is_alive(thread)) {
+        error = JVMTI_ERROR_THREAD_NOT_ALIVE;
     }
-    if (access.error() != JVMTI_ERROR_NONE) {
+    if (error != JVMTI_ERROR_NONE) {
         LOG_ERROR("Failed to set event(%d) for thread(%s) = %s(%d)", event, get_thread_name(thread).c_str(),
-                  get_error_message(access.error()).c_str(), access.error());
+                  get_error_message(error).c_str(), error);
         return nullptr;
     }
     if (access.get() == nullptr) LOG_DEBUG("data is null for thread(%s)", get_thread_name(thread).c_str());
@@ -162,6 +170,11 @@ void restore_user_events(jthread thread, jlong saved) {
     switch_bits(data, JVMTI_ENABLE, saved, thread);
 }
 
+bool is_reported_by_vm(jint event) {
+    const ThreadData* data = own_thread_data();
+    return data != nullptr && (data->vm_events.load(std::memory_order_relaxed) & event_bit(event)) != 0;
+}
+
 bool is_event_wanted(jint event) {
     const ThreadData* data = own_thread_data();
     return data == nullptr || (data->active_events.load(std::memory_order_relaxed) & event_bit(event)) != 0;
@@ -180,6 +193,20 @@ bool disable_exception_catch(jthread thread) {
     return set_event(JVMTI_DISABLE, JVMTI_EVENT_EXCEPTION_CATCH, thread, false);
 }
 
-KV_NATIVE(jboolean, setEventNotificationMode)(JNIEnv*, jobject, jthread thread, jint event, jboolean enable) {
+namespace {
+// The events that drive stepping belong to the agent alone: in a thread's user mask, every hook's
+// restore would switch them on with no step behind them, and each event would then abort a step.
+bool is_stepping_event(jint event) {
+    return event == JVMTI_EVENT_SINGLE_STEP || event == JVMTI_EVENT_FRAME_POP || event == JVMTI_EVENT_METHOD_ENTRY ||
+           event == JVMTI_EVENT_METHOD_EXIT;
+}
+}  // namespace
+
+KV_NATIVE(jboolean, setEventNotificationMode)(JNIEnv* env, jobject, jthread thread, jint event, jboolean enable) {
+    if (!require_agent(env)) return JNI_FALSE;
+    if (is_stepping_event(event)) {
+        LOG_ERROR("Event %s(%d) drives stepping and is switched by the agent alone", event_to_string(event), event);
+        return JNI_FALSE;
+    }
     return set_event(enable ? JVMTI_ENABLE : JVMTI_DISABLE, event, thread, true) ? JNI_TRUE : JNI_FALSE;
 }

@@ -11,6 +11,9 @@ bool set_event(jvmtiEventMode mode, jint event, jthread thread, bool user);
 // when its switch is off while the VM was left reporting it.
 bool is_event_wanted(jint event);
 
+// Whether the VM reports the event for the calling thread (switched on for it and not off since).
+bool is_reported_by_vm(jint event);
+
 void clear_events_from_bitmask(jlong mask, jthread thread);
 void set_events_from_bitmask(jlong mask, jthread thread);
 

@@ -3,6 +3,7 @@
 #include "global.h"
 #include "log.h"
 #include "lookup.h"
+#include "native.h"
 #include "resources.h"
 
 #include <cstdarg>
@@ -87,7 +88,8 @@ void throw_jvmti_exception(JNIEnv* env, jvmtiError error) {
     const char* registered =
         error == JVMTI_ERROR_MUST_POSSESS_CAPABILITY ? "JVMTICapabilityException" : "JVMTIException";
     if (exception_pending(env, registered)) return;
-    jclass clazz = get_osgi_class(registered);
+    ReferenceCountedJObject held = get_osgi_class(registered);
+    auto clazz = static_cast<jclass>(held.get());
     if (clazz == nullptr) {
         LOG_ERROR("OSGI class '%s' not configured", registered);
         throw_exception(env, ILLEGAL_STATE, "JVMTI Exception class not found");
@@ -110,4 +112,10 @@ void throw_errno(JNIEnv* env, int errnum) {
     }
     // The system's text goes through "%s", so a '%' in it is never read as a conversion.
     throw_exception(env, ILLEGAL_STATE, "%s", message);
+}
+
+bool require_agent(JNIEnv* env) {
+    if (g_jvmti != nullptr) return true;
+    throw_exception(env, ILLEGAL_STATE, "No JVMTI environment: the library was not loaded as a JVMTI agent (-agentpath)");
+    return false;
 }

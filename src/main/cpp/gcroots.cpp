@@ -428,7 +428,8 @@ jobject Search::new_entry(jclass entry_class, jmethodID constructor, const Path*
 // as deep as the heap). Only the entries of the nodes on the stack are held, so local references
 // stay bounded by the depth. A managed exception ends the building; the tree is freed anyway.
 jobject Search::build_entries(jint max_depth) {
-    jclass entry_class = get_osgi_class("GCPathEntry");
+    ReferenceCountedJObject registered = get_osgi_class("GCPathEntry");
+    auto entry_class = static_cast<jclass>(registered.get());
     if (entry_class == nullptr) {
         LOG_ERROR("Cannot find osgi class 'GCPathEntry'");
         return nullptr;

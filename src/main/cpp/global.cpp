@@ -4,6 +4,7 @@ JavaVM* g_vm = nullptr;
 jvmtiEnv* g_jvmti = nullptr;
 jint g_jvmti_version = 0;
 std::atomic<bool> g_active{false};
+std::atomic<bool> g_vm_alive{false};
 bool g_stepping_enabled = true;
 bool g_exceptions_enabled = true;
 std::atomic<jint> MAX_STEP{DEFAULT_MAX_STEP};

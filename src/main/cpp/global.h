@@ -16,6 +16,9 @@ extern jvmtiEnv* g_jvmti;
 extern jint g_jvmti_version;
 // Whether the agent holds the debugging capabilities; changed by setActive from any thread.
 extern std::atomic<bool> g_active;
+// Whether JNI calls may still be made: true from a successful load until the VM unloads the agent
+// or the process exits. Releasing references is gated on it, never on the active switch.
+extern std::atomic<bool> g_vm_alive;
 // Fixed at load.
 extern bool g_stepping_enabled;
 extern bool g_exceptions_enabled;

@@ -122,7 +122,10 @@ void enable_default_events() {
 
 // At process exit the hook globals are destroyed while the VM is going away: no JNI call may be
 // made then, whether or not the VM unloaded the agent first.
-void forget_references_at_exit() { g_active = false; }
+void forget_references_at_exit() {
+    g_vm_alive = false;
+    g_active = false;
+}
 
 }  // namespace
 
@@ -193,6 +196,7 @@ extern "C" JNIEXPORT jint JNICALL Agent_OnLoad(JavaVM* vm, char* options, void* 
         g_active = false;
         return 0;
     }
+    g_vm_alive = true;
     if (g_jvmti->GetVersionNumber(&g_jvmti_version) != JVMTI_ERROR_NONE) g_jvmti_version = 0;
     read_configuration();
     LOG_DEBUG("agentargs = %s", options);
@@ -209,6 +213,7 @@ extern "C" JNIEXPORT jint JNICALL Agent_OnLoad(JavaVM* vm, char* options, void* 
 extern "C" JNIEXPORT void JNICALL Agent_OnUnload(JavaVM* /*vm*/) {
     LOG_DEBUG("");
     g_active = false;
+    g_vm_alive = false;
     if (g_jvmti == nullptr) return;
     for (const GlobalEvent& global : UNLOAD_EVENTS) {
         g_jvmti->SetEventNotificationMode(JVMTI_DISABLE, global.event, nullptr);

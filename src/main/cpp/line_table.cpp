@@ -22,8 +22,8 @@ bool has_suffix(const char* text, const char* suffix) {
 }
 
 LineIndex::LineIndex(const jvmtiLineNumberEntry* table, jint count, const jint* mapped, jint not_found)
-    : m_not_found(not_found) {
-    m_entries.reserve(static_cast<size_t>(count > 0 ? count : 0));
+    : m_complete(m_entries.reserve(static_cast<size_t>(count > 0 ? count : 0))), m_not_found(not_found) {
+    if (!m_complete) return;
     for (jint i = 0; i < count; i++) m_entries.push_back(Entry{table[i].start_location, i, mapped[i]});
     std::sort(m_entries.begin(), m_entries.end(), [](const Entry& a, const Entry& b) {
         return a.start != b.start ? a.start < b.start : a.order < b.order;

@@ -1,9 +1,9 @@
 // Searching a method's line-number table (pure: no VM involved).
 #pragma once
 
-#include <jvmti.h>
+#include "nothrow_array.h"
 
-#include <vector>
+#include <jvmti.h>
 
 // The line of a bytecode location: the first entry that starts exactly there, else the entry with
 // the greatest start below it (the earlier one among equal starts), else -1. The table is taken in
@@ -21,6 +21,8 @@ public:
     // mapped[i] is the line reported for table[i]; not_found the one for a location no entry covers.
     LineIndex(const jvmtiLineNumberEntry* table, jint count, const jint* mapped, jint not_found);
     jint line_at(jlocation location) const;
+    // False when memory ran out while it was built: line_at must not be trusted then.
+    bool complete() const { return m_complete; }
 
 private:
     struct Entry {
@@ -28,6 +30,7 @@ private:
         jint order;
         jint line;
     };
-    std::vector<Entry> m_entries;  // by start, then table order
+    NothrowArray<Entry> m_entries;  // by start, then table order
+    bool m_complete;
     jint m_not_found;
 };

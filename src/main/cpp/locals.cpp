@@ -242,6 +242,7 @@ void set_named_local(JNIEnv* env, const Frame& frame, const std::string& name, j
 }  // namespace
 
 KV_NATIVE(void, listVariables)(JNIEnv* env, jobject, jthread thread, jint stackFrame, jint depth, jobject callback) {
+    if (!require_agent(env)) return;
     if (stackFrame < 0) {
         throw_exception(env, ILLEGAL_ARGUMENT, "stackFrame must be > 1");
         return;
@@ -258,16 +259,18 @@ KV_NATIVE(void, listVariables)(JNIEnv* env, jobject, jthread thread, jint stackF
     if (!read_frames(env, thread, &frames, true)) return;
     jint n = static_cast<jint>(frames.size());
     jint start = n - stackFrame;
-    jint end = start + depth;
-    LOG_DEBUG("Frames = %d, StackFrame = %d, Start = %d, End = %d", n, stackFrame, start, end);
-    if (start < 0 || end > n || end < start) return;
-    for (jint i = start; i < end; i++) {
+    // In 64 bits: a depth near the int limit must not wrap around into a valid-looking range.
+    jlong end = static_cast<jlong>(start) + depth;
+    LOG_DEBUG("Frames = %d, StackFrame = %d, Start = %d, End = %ld", n, stackFrame, start, static_cast<long>(end));
+    if (start < 0 || end > n) return;
+    for (jint i = start; i < static_cast<jint>(end); i++) {
         if (!dump_local_vars(env, Frame{thread, i, frames[static_cast<size_t>(i)].method}, callback)) return;
     }
 }
 
 KV_NATIVE(void, setVariable)(JNIEnv* env, jobject, jthread thread, jint stackFrameDepth, jstring variableName,
                              jobject value) {
+    if (!require_agent(env)) return;
     if (stackFrameDepth < 1) {
         throw_exception(env, ILLEGAL_ARGUMENT, "stackFrameDepth must be >= 1");
         return;

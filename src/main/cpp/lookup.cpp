@@ -12,39 +12,74 @@
 
 #include <map>
 #include <memory>
-#include <vector>
-#include <new>
 #include <mutex>
+#include <new>
 #include <shared_mutex>
 
 namespace {
 // Lookups come from every event thread, registrations rarely from the managed side: a
-// reader-writer lock lets lookups run side by side and never see a map being rebuilt. Both live
-// as long as the process and are never destroyed, so that a callback still running on another
-// thread while the process exits cannot meet a destroyed map.
+// reader-writer lock lets lookups run side by side and never see a map being rebuilt. Neither
+// side makes a JNI call under it (a thread can be suspended in any call into the VM, and a lock it
+// held then would stop every registration until it is resumed): a lookup only copies a counted
+// holder, and a replaced holder is released after the lock is left. Both live as long as the
+// process and are never destroyed, so that a callback still running on another thread while the
+// process exits cannot meet a destroyed map.
 std::shared_mutex& registry_lock() {
     static auto* lock = new std::shared_mutex();
     return *lock;
 }
 
-std::map<std::string, jclass>& osgi_class_map() {
-    static auto* map = new std::map<std::string, jclass>();
+std::map<std::string, ReferenceCountedJObject>& osgi_class_map() {
+    static auto* map = new std::map<std::string, ReferenceCountedJObject>();
     return *map;
 }
-}  // namespace
 
-namespace {
 // Counts registrations, so that what was looked up in the registry is known to be current.
 std::atomic<unsigned long> g_registry_generation{0};
+
+// What one thread keeps of one registered constructor.
+struct CachedConstructor {
+    unsigned long generation;
+    jweak clazz;
+    jmethodID constructor;
+};
+constexpr int CONSTRUCTOR_SLOTS = 4;
+thread_local CachedConstructor t_constructors[CONSTRUCTOR_SLOTS] = {};
+std::atomic<int> g_constructor_slots{0};
+
+void forget_constructor(JNIEnv* env, CachedConstructor& cached) {
+    if (cached.clazz != nullptr) env->DeleteWeakGlobalRef(cached.clazz);
+    cached = CachedConstructor{};
+}
 }  // namespace
 
-void register_osgi_class(const std::string& name, jclass clazz) {
-    std::unique_lock<std::shared_mutex> guard(registry_lock());
-    osgi_class_map()[name] = clazz;
-    g_registry_generation.fetch_add(1, std::memory_order_release);
+bool register_osgi_class(JNIEnv* env, const std::string& name, jclass clazz) {
+    ReferenceCountedJObject incoming(env, clazz);
+    if (!incoming.isSet()) return false;
+    ReferenceCountedJObject replaced;
+    {
+        std::unique_lock<std::shared_mutex> guard(registry_lock());
+        ReferenceCountedJObject& slot = osgi_class_map()[name];
+        replaced = slot;
+        slot = incoming;
+        g_registry_generation.fetch_add(1, std::memory_order_release);
+    }
+    return true;
 }
 
-bool RegisteredConstructor::get_or_log(JNIEnv* env, jclass* clazz, jmethodID* constructor) {
+ReferenceCountedJObject get_osgi_class(const std::string& name) {
+    std::shared_lock<std::shared_mutex> guard(registry_lock());
+    const auto& map = osgi_class_map();
+    auto found = map.find(name);
+    return found != map.end() ? found->second : ReferenceCountedJObject();
+}
+
+unsigned long registry_generation() { return g_registry_generation.load(std::memory_order_acquire); }
+
+RegisteredConstructor::RegisteredConstructor(const char* class_name, const char* signature)
+    : m_class_name(class_name), m_signature(signature), m_slot(g_constructor_slots.fetch_add(1)) {}
+
+bool RegisteredConstructor::get_or_log(JNIEnv* env, LocalRef<jclass>* clazz, jmethodID* constructor) {
     switch (get(env, clazz, constructor)) {
         case NO_CLASS:
             LOG_ERROR("OSGI class '%s' is null", m_class_name);
@@ -58,40 +93,34 @@ bool RegisteredConstructor::get_or_log(JNIEnv* env, jclass* clazz, jmethodID* co
     return true;
 }
 
-unsigned long registry_generation() { return g_registry_generation.load(std::memory_order_acquire); }
-
-RegisteredConstructor::Status RegisteredConstructor::get(JNIEnv* env, jclass* clazz, jmethodID* constructor) {
-    unsigned long generation = g_registry_generation.load(std::memory_order_acquire);
-    const Found* found = m_found.load(std::memory_order_acquire);
-    if (found == nullptr || found->generation != generation) {
-        jclass registered = get_osgi_class(m_class_name);
-        if (registered == nullptr) return NO_CLASS;
-        jmethodID method = env->GetMethodID(registered, "<init>", m_signature);
-        if (method == nullptr) {
-            env->ExceptionClear();
-            return NO_CONSTRUCTOR;
-        }
-        // Replaced lookups are not freed: another thread may still be reading one, and there are
-        // only as many as there are registrations.
-        auto* fresh = new (std::nothrow) Found{generation, registered, method};
-        if (fresh == nullptr) {
-            *clazz = registered;
-            *constructor = method;
-            return FOUND;
-        }
-        m_found.store(fresh, std::memory_order_release);
-        found = fresh;
+RegisteredConstructor::Status RegisteredConstructor::get(JNIEnv* env, LocalRef<jclass>* clazz,
+                                                         jmethodID* constructor) {
+    unsigned long generation = registry_generation();
+    CachedConstructor* cached = m_slot < CONSTRUCTOR_SLOTS ? &t_constructors[m_slot] : nullptr;
+    if (cached != nullptr && cached->clazz != nullptr && cached->generation == generation) {
+        clazz->reset(static_cast<jclass>(env->NewLocalRef(cached->clazz)));
+        *constructor = cached->constructor;
+        if (*clazz) return FOUND;
     }
-    *clazz = found->clazz;
-    *constructor = found->constructor;
-    return FOUND;
+    ReferenceCountedJObject registered = get_osgi_class(m_class_name);
+    if (!registered.isSet()) return NO_CLASS;
+    auto registered_class = static_cast<jclass>(registered.get());
+    jmethodID method = env->GetMethodID(registered_class, "<init>", m_signature);
+    if (method == nullptr) {
+        env->ExceptionClear();
+        return NO_CONSTRUCTOR;
+    }
+    if (cached != nullptr) {
+        forget_constructor(env, *cached);
+        *cached = CachedConstructor{generation, env->NewWeakGlobalRef(registered_class), method};
+    }
+    clazz->reset(static_cast<jclass>(env->NewLocalRef(registered_class)));
+    *constructor = method;
+    return *clazz ? FOUND : NO_CLASS;
 }
 
-jclass get_osgi_class(const std::string& name) {
-    std::shared_lock<std::shared_mutex> guard(registry_lock());
-    const auto& map = osgi_class_map();
-    auto found = map.find(name);
-    return found != map.end() ? found->second : nullptr;
+void RegisteredConstructor::forget_thread_cache(JNIEnv* env) {
+    for (CachedConstructor& cached : t_constructors) forget_constructor(env, cached);
 }
 
 KV_NATIVE(void, registerOsgiClass)(JNIEnv* env, jobject /*self*/, jstring name, jclass clazz) {
@@ -105,10 +134,10 @@ KV_NATIVE(void, registerOsgiClass)(JNIEnv* env, jobject /*self*/, jstring name, 
     }
     StringUtfChars chars(env, name);
     if (chars.get() == nullptr) return;  // out of memory: the VM's error stays pending
-    jclass global = static_cast<jclass>(env->NewGlobalRef(clazz));
-    if (global == nullptr) return;
     LOG_DEBUG("registered %s", chars.get());
-    register_osgi_class(chars.get(), global);
+    if (!register_osgi_class(env, chars.get(), clazz)) {
+        throw_exception(env, ILLEGAL_STATE, "Cannot register the class: out of memory");
+    }
 }
 
 // ---- class, method and line lookup
@@ -224,9 +253,12 @@ std::unique_ptr<LineIndex> index_lines(JNIEnv* env, jmethodID method) {
         g_jvmti->GetSourceDebugExtension(declaring.get(), smap.out());
     }
     SourceMap source_map(smap.get());
-    std::vector<jint> mapped(static_cast<size_t>(count));
+    NothrowArray<jint> mapped;
+    if (!source_map.complete() || !mapped.resize_zeroed(static_cast<size_t>(count))) return nullptr;
     for (jint i = 0; i < count; i++) mapped[static_cast<size_t>(i)] = source_map.map(table[static_cast<size_t>(i)].line_number);
-    return std::unique_ptr<LineIndex>(new (std::nothrow) LineIndex(table.get(), count, mapped.data(), source_map.map(-1)));
+    std::unique_ptr<LineIndex> index(new (std::nothrow) LineIndex(table.get(), count, mapped.data(), source_map.map(-1)));
+    if (index && !index->complete()) index.reset();
+    return index;
 }
 }  // namespace
 
@@ -249,14 +281,17 @@ jint source_line(JNIEnv* env, jmethodID method, jlocation location) {
 void forget_source_lines() { g_class_generation.fetch_add(1, std::memory_order_acq_rel); }
 
 KV_NATIVE(jstring, getSourceFileName)(JNIEnv* env, jobject, jclass clazz) {
+    if (!require_agent(env)) return nullptr;
     return source_attribute_native(env, clazz, &jvmtiEnv::GetSourceFileName);
 }
 
 KV_NATIVE(jstring, getSourceDebugExtension)(JNIEnv* env, jobject, jclass clazz) {
+    if (!require_agent(env)) return nullptr;
     return source_attribute_native(env, clazz, &jvmtiEnv::GetSourceDebugExtension);
 }
 
 KV_NATIVE(void, getLineNumbersV2)(JNIEnv* env, jobject, jclass clazz, jstring key, jobject callback) {
+    if (!require_agent(env)) return;
     StringUtfChars chars(env, key);
     if (chars.get() == nullptr) return;
     jmethodID method = find_method_by_key(clazz, chars.get());
@@ -264,6 +299,7 @@ KV_NATIVE(void, getLineNumbersV2)(JNIEnv* env, jobject, jclass clazz, jstring ke
 }
 
 KV_NATIVE(void, listClasses)(JNIEnv* env, jobject, jobject callback) {
+    if (!require_agent(env)) return;
     if (callback == nullptr) {
         throw_exception(env, ILLEGAL_ARGUMENT, "callback is null");
         return;

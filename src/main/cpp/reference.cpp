@@ -4,8 +4,18 @@
 #include "hooks.h"
 #include "log.h"
 
-ReferenceCountedJObject::ReferenceCountedJObject(JNIEnv* env, jobject object)
-    : m_object(env->NewGlobalRef(object)), m_count(new Shared()) {
+#include <new>
+
+ReferenceCountedJObject::ReferenceCountedJObject(JNIEnv* env, jobject object) {
+    if (object == nullptr) return;
+    auto* count = new (std::nothrow) Shared();
+    if (count == nullptr) return;
+    m_object = env->NewGlobalRef(object);
+    if (m_object == nullptr) {
+        delete count;
+        return;
+    }
+    m_count = count;
     m_count->count.fetch_add(1);
 }
 
@@ -47,7 +57,7 @@ void ReferenceCountedJObject::decreaseRefCount() {
     }
     if (count == nullptr) return;
     if (count->count.fetch_sub(1) != 1) return;
-    if (object != nullptr && g_active) deleteGlobalRef(object);
+    if (object != nullptr && g_vm_alive) deleteGlobalRef(object);
     delete count;
 }
 
@@ -61,13 +71,19 @@ jmethodID ReferenceCountedJObject::method(JNIEnv* env, int slot, const char* nam
     if (m_count == nullptr || m_object == nullptr || slot < 0 || slot >= METHOD_SLOTS) return nullptr;
     jmethodID cached = m_count->methods[slot].load(std::memory_order_acquire);
     if (cached != nullptr) return cached;
+    unsigned bit = 1u << slot;
+    if ((m_count->missing.load(std::memory_order_acquire) & bit) != 0) return nullptr;
     jmethodID found = find_method(env, m_object, name, signature);
-    if (found != nullptr) m_count->methods[slot].store(found, std::memory_order_release);
+    if (found != nullptr) {
+        m_count->methods[slot].store(found, std::memory_order_release);
+    } else {
+        m_count->missing.fetch_or(bit, std::memory_order_release);
+    }
     return found;
 }
 
 void ReferenceCountedJObject::deleteGlobalRef(jobject object) {
-    if (g_vm == nullptr) return;
+    if (g_vm == nullptr || !g_vm_alive) return;
     JNIEnv* env = nullptr;
     jint status = g_vm->GetEnv(reinterpret_cast<void**>(&env), JNI_VERSION_1_6);
     if (status == JNI_OK) {

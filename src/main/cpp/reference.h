@@ -11,20 +11,24 @@
 class ReferenceCountedJObject {
 public:
     ReferenceCountedJObject() = default;
+    // A new global reference to the object; the instance stays empty when the reference or its
+    // counter cannot be had (out of memory).
     ReferenceCountedJObject(JNIEnv* env, jobject object);
     ReferenceCountedJObject(const ReferenceCountedJObject& other);
     ReferenceCountedJObject& operator=(const ReferenceCountedJObject& other);
     ~ReferenceCountedJObject();
 
-    // Drops this holder's count; the last holder deletes the global reference (while the agent
-    // is active) and frees the counter.
+    // Drops this holder's count; the last holder deletes the global reference (while the VM is
+    // alive: at process exit no JNI call may be made) and frees the counter.
     void decreaseRefCount();
     // Deletes a global reference from any thread, attaching it to the VM for the call if needed.
     static void deleteGlobalRef(jobject object);
 
     // A method of the object's class, looked up once per registration and kept in the block the
     // copies share: a newly registered object starts with an empty cache. Null when the class has
-    // no such method (nothing left pending). Each caller uses its own fixed slot for one method.
+    // no such method (nothing left pending); a miss is remembered too, so that a hook without the
+    // method does not make the VM build and drop a NoSuchMethodError at every event. Each caller
+    // uses its own fixed slot for one method.
     static constexpr int METHOD_SLOTS = 4;
     jmethodID method(JNIEnv* env, int slot, const char* name, const char* signature) const;
 
@@ -38,6 +42,7 @@ private:
     struct Shared {
         std::atomic<int> count{0};
         std::atomic<jmethodID> methods[METHOD_SLOTS] = {};
+        std::atomic<unsigned> missing{0};  // bit per slot: looked up, not there
     };
 
     jobject m_object = nullptr;

@@ -1,48 +1,43 @@
 #include "smap.h"
 
-#include <cerrno>
 #include <climits>
-#include <cstdlib>
 #include <cstring>
-#include <string>
 
 namespace {
 using LineEntry = SourceMap::Entry;
 
-// Reads a decimal number as formatted input does (leading blanks skipped, a sign accepted),
-// clamped to the 32-bit range. False when there are no digits.
-bool read_number(const char*& cursor, long long* value) {
-    char* end = nullptr;
-    errno = 0;
-    long parsed = strtol(cursor, &end, 10);
-    if (end == cursor) return false;
-    cursor = end;
-    if (parsed > INT_MAX) parsed = INT_MAX;
-    if (parsed < INT_MIN) parsed = INT_MIN;
-    *value = parsed;
+bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\v' || c == '\f' || c == '\r' || c == '\n'; }
+
+// Reads a decimal number of the line as formatted input does (leading blanks skipped, a sign
+// accepted), clamped to the 32-bit range. False, with the cursor unmoved, when there are no digits.
+bool read_number(const char*& cursor, const char* end, long long* value) {
+    const char* at = cursor;
+    while (at < end && is_blank(*at)) at++;
+    bool negative = at < end && *at == '-';
+    if (at < end && (*at == '-' || *at == '+')) at++;
+    if (at == end || *at < '0' || *at > '9') return false;
+    long long magnitude = 0;
+    for (; at < end && *at >= '0' && *at <= '9'; at++) {
+        if (magnitude <= INT_MAX) magnitude = magnitude * 10 + (*at - '0');
+    }
+    long long parsed = negative ? -magnitude : magnitude;
+    *value = parsed > INT_MAX ? INT_MAX : parsed < INT_MIN ? INT_MIN : parsed;
+    cursor = at;
     return true;
 }
 
-// A separator must follow the number before it immediately; anything else ends the entry.
-bool parse_entry(const char* text, LineEntry* entry) {
+// One line of the line section, [text, end). A separator must follow the number before it
+// immediately; anything else ends the entry.
+bool parse_entry(const char* text, const char* end, LineEntry* entry) {
     const char* cursor = text;
-    if (!read_number(cursor, &entry->input_start)) return false;
+    if (!read_number(cursor, end, &entry->input_start)) return false;
     long long ignored_file_id = 0;
-    if (*cursor == '#') {
-        cursor++;
-        if (!read_number(cursor, &ignored_file_id)) return true;
-    }
-    if (*cursor == ',') {
-        cursor++;
-        if (!read_number(cursor, &entry->repeat)) return true;
-    }
-    if (*cursor == ':') {
-        cursor++;
-        if (!read_number(cursor, &entry->output_start)) return true;
-        if (*cursor == ',') {
-            cursor++;
-            read_number(cursor, &entry->increment);
-        }
+    auto separator = [&](char wanted) { return cursor < end && *cursor == wanted && ++cursor; };
+    if (separator('#') && !read_number(cursor, end, &ignored_file_id)) return true;
+    if (separator(',') && !read_number(cursor, end, &entry->repeat)) return true;
+    if (separator(':')) {
+        if (!read_number(cursor, end, &entry->output_start)) return true;
+        if (separator(',')) read_number(cursor, end, &entry->increment);
     }
     return true;
 }
@@ -65,8 +60,8 @@ bool covers(const LineEntry& entry, long long line, long long* template_line) {
 
 // Section markers: "*L" opens the line section, "*E", "*F", "*S" and "*V" close it, any other
 // marker leaves it as it is. A lone "*" is no marker.
-void apply_marker(const std::string& text, bool* in_line_section) {
-    switch (text[1]) {
+void apply_marker(char marker, bool* in_line_section) {
+    switch (marker) {
         case 'L': *in_line_section = true; break;
         case 'E':
         case 'F':
@@ -76,28 +71,23 @@ void apply_marker(const std::string& text, bool* in_line_section) {
     }
 }
 
-}  // namespace
-
-namespace {
-// Calls `each` for every line-section entry of the text in order, until it answers false.
+// Calls `each` for every line-section entry of the text in order, until it answers false. Reads
+// the text in place: nothing is allocated, whatever its size.
 template <typename Each>
 void for_each_entry(const char* smap, Each each) {
     if (smap == nullptr || strncmp(smap, "SMAP", 4) != 0) return;
-    const std::string text(smap);
     bool in_line_section = false;
-    size_t start = 0;
-    while (start <= text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) end = text.size();
-        const std::string current = text.substr(start, end - start);
-        start = end + 1;
-        if (current.size() >= 2 && current[0] == '*') {
-            apply_marker(current, &in_line_section);
-            continue;
+    for (const char* line = smap;;) {
+        const char* end = strchr(line, '\n');
+        if (end == nullptr) end = line + strlen(line);
+        if (end - line >= 2 && line[0] == '*') {
+            apply_marker(line[1], &in_line_section);
+        } else if (in_line_section) {
+            LineEntry entry;
+            if (parse_entry(line, end, &entry) && !each(entry)) return;
         }
-        if (!in_line_section) continue;
-        LineEntry entry;
-        if (parse_entry(current.c_str(), &entry) && !each(entry)) return;
+        if (*end == '\0') return;
+        line = end + 1;
     }
 }
 }  // namespace
@@ -115,8 +105,8 @@ jint get_jsp_line_from_smap(const char* smap, jint line) {
 
 SourceMap::SourceMap(const char* smap) {
     for_each_entry(smap, [&](const LineEntry& entry) {
-        m_entries.push_back(entry);
-        return true;
+        m_complete = m_entries.push_back(entry);
+        return m_complete;
     });
 }
 

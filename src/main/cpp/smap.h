@@ -2,9 +2,9 @@
 // source map (SMAP) that template compilers put into the class's source debug extension.
 #pragma once
 
-#include <jni.h>
+#include "nothrow_array.h"
 
-#include <vector>
+#include <jni.h>
 
 // The template line for a Java line, or the Java line unchanged when the text is not an SMAP or no
 // line-section entry covers it. Every line section is searched, whatever its stratum; the first
@@ -27,7 +27,10 @@ public:
     explicit SourceMap(const char* smap);
     jint map(jint line) const;
     bool empty() const { return m_entries.empty(); }
+    // False when memory ran out before every entry was kept: map() must not be trusted then.
+    bool complete() const { return m_complete; }
 
 private:
-    std::vector<Entry> m_entries;
+    NothrowArray<Entry> m_entries;
+    bool m_complete = true;
 };

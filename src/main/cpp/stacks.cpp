@@ -66,6 +66,7 @@ private:
 }  // namespace
 
 KV_NATIVE(void, listStack)(JNIEnv* env, jobject, jthread thread, jint stackFrame, jobject callback) {
+    if (!require_agent(env)) return;
     if (!require_frame(env, stackFrame) || !require(env, callback, "callback is null") ||
         !require(env, thread, "thread is null")) {
         return;
@@ -92,12 +93,14 @@ KV_NATIVE(void, listStack)(JNIEnv* env, jobject, jthread thread, jint stackFrame
 }
 
 KV_NATIVE(jint, getStackDepth)(JNIEnv* env, jobject, jthread thread) {
+    if (!require_agent(env)) return -1;
     if (!require(env, thread, "thread is null")) return -1;
     jint count = 0;
     return frame_count(env, thread, &count) ? count : -1;
 }
 
 KV_NATIVE(void, listThreads)(JNIEnv* env, jobject, jobject callback) {
+    if (!require_agent(env)) return;
     if (!require(env, callback, "callback is null")) return;
     jmethodID found = find_callback_method(env, callback, "thread", THREAD);
     if (found == nullptr) return;
@@ -122,6 +125,7 @@ KV_NATIVE(void, listThreads)(JNIEnv* env, jobject, jobject callback) {
 }
 
 KV_NATIVE(void, listOwnedMonitors)(JNIEnv* env, jobject, jthread thread, jint stackFrame, jobject callback) {
+    if (!require_agent(env)) return;
     if (!require(env, callback, "callback is null") || !require_frame(env, stackFrame) ||
         !require(env, thread, "thread is null")) {
         return;
@@ -148,6 +152,7 @@ KV_NATIVE(void, listOwnedMonitors)(JNIEnv* env, jobject, jthread thread, jint st
 }
 
 KV_NATIVE(void, listContendedMonitor)(JNIEnv* env, jobject, jthread thread, jobject callback) {
+    if (!require_agent(env)) return;
     if (!require(env, callback, "callback is null") || !require(env, thread, "thread is null")) return;
     LocalRef<jobject> contended(env);
     jvmtiError error = g_jvmti->GetCurrentContendedMonitor(thread, contended.out());

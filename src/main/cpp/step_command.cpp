@@ -115,46 +115,47 @@ void start_single_stepping(jthread thread, StepType type, const StepOrigin& orig
     attach_step(thread, std::move(step));
 }
 
-// For a CFML step out, the frame index of the nearest CFML caller, or -1 after telling the
-// managed side that there is none.
-jint cfml_parent_or_abort(JNIEnv* env, jthread thread, const StepOrigin& origin) {
-    jint parent = get_cf_parent(env, thread, origin.height);
-    if (parent == -1) fire_stepping_aborted(env, thread);
-    return parent;
-}
+// The step outcomes: whether the stepping hook must be told that the step asked for ended
+// before it began.
+constexpr bool STEP_ABORTED = true;
+constexpr bool STEP_GOES_ON = false;
 
-void start_step_out_with_frame_pop(JNIEnv* env, jthread thread, const StepOrigin& origin) {
-    if (!enable_frame_pop(thread)) return;
+// Starts a step out by a frame-pop request; for a CFML step, of the nearest CFML caller (the step
+// is aborted when there is none).
+bool start_step_out_with_frame_pop(JNIEnv* env, jthread thread, const StepOrigin& origin) {
+    if (!enable_frame_pop(thread)) return STEP_GOES_ON;
     StepPtr step = new_step(STEP_OUT, origin, origin.height);
-    if (!step) return;
+    if (!step) return STEP_GOES_ON;
     jint frame = 0;
     if (origin.lang == LANG_CFML) {
-        jint parent = cfml_parent_or_abort(env, thread, origin);
-        if (parent == -1) return;
+        jint parent = get_cf_parent(env, thread, origin.height);
+        if (parent == -1) return STEP_ABORTED;
         frame = parent - 1;
         step->depth = get_cf_depth(thread);
     }
     LOG_FINE("StepOut set step_data %p", static_cast<void*>(step.get()));
     attach_step(thread, std::move(step));
     jvmtiError error = g_jvmti->NotifyFramePop(thread, frame);
-    if (error == JVMTI_ERROR_NONE) return;
+    if (error == JVMTI_ERROR_NONE) return STEP_GOES_ON;
     // A frame the VM cannot watch (a native one, say): step out by single steps instead, which
     // stop once the stack is lower than it is now.
     LOG_DEBUG("NotifyFramePop refused %s(%d), stepping out by single steps", get_error_message(error).c_str(), error);
     disable_frame_pop(thread);
     if (!enable_single_step(thread)) forget_step(thread);
+    return STEP_GOES_ON;
 }
 
-void start_step_out_by_single_steps(JNIEnv* env, jthread thread, const StepOrigin& origin) {
+bool start_step_out_by_single_steps(JNIEnv* env, jthread thread, const StepOrigin& origin) {
     StepPtr step = new_step(STEP_OUT, origin, origin.height);
-    if (!step) return;
+    if (!step) return STEP_GOES_ON;
     if (origin.lang == LANG_CFML) {
-        if (cfml_parent_or_abort(env, thread, origin) == -1) return;
+        if (get_cf_parent(env, thread, origin.height) == -1) return STEP_ABORTED;
         step->depth = get_cf_depth(thread);
     }
-    if (!enable_single_step(thread)) return;
+    if (!enable_single_step(thread)) return STEP_GOES_ON;
     LOG_FINE("StepOut set step_data %p", static_cast<void*>(step.get()));
     attach_step(thread, std::move(step));
+    return STEP_GOES_ON;
 }
 
 bool is_step(jint command) {
@@ -162,23 +163,29 @@ bool is_step(jint command) {
 }
 }  // namespace
 
+bool starts_step(jint command) { return is_step(command) || command == STEP_FIELD_MODIFICATION_COMPLETE; }
+
 void handle_breakpoint_hit_return(JNIEnv* env, jthread thread, jmethodID method, jlocation location, jint command) {
-    if (command == STEP_NOOP) return;
-    bool starts_step = is_step(command) || command == STEP_FIELD_MODIFICATION_COMPLETE;
+    if (apply_step_command(env, thread, method, location, command)) fire_stepping_aborted(env, thread);
+}
+
+bool apply_step_command(JNIEnv* env, jthread thread, jmethodID method, jlocation location, jint command) {
+    if (command == STEP_NOOP) return STEP_GOES_ON;
+    bool begins_step = starts_step(command);
     // The stack height, language and line matter only to a step: a plain CONTINUE, the answer to
     // almost every breakpoint hit, costs no stack walk and no lookup.
     jint height = 0;
-    jvmtiError height_error = starts_step ? g_jvmti->GetFrameCount(thread, &height) : JVMTI_ERROR_NONE;
+    jvmtiError height_error = begins_step ? g_jvmti->GetFrameCount(thread, &height) : JVMTI_ERROR_NONE;
     SharedStep previous;
-    if (!take_step(thread, &previous)) return;
+    if (!take_step(thread, &previous)) return STEP_GOES_ON;
     if (previous) clear_frame_pops(thread);
-    if (!starts_step) {
+    if (!begins_step) {
         if (command == STEP_CONTINUE) {
             LOG_DEBUG("Continue %p", static_cast<void*>(thread));
         } else {
             LOG_ERROR("ERROR: Unknown step %d %p", command, static_cast<void*>(thread));
         }
-        return;
+        return STEP_GOES_ON;
     }
     StepOrigin origin{method, location, height, step_language(env, method, previous.get()),
                       source_line(env, method, location),
@@ -187,19 +194,15 @@ void handle_breakpoint_hit_return(JNIEnv* env, jthread thread, jmethodID method,
     if (is_step(command) && height_error != JVMTI_ERROR_NONE) {
         // Without the stack height no step can be judged: say so rather than step blindly.
         LOG_WARN("GetFrameCount failed %s(%d), no step", get_error_message(height_error).c_str(), height_error);
-        fire_stepping_aborted(env, thread);
-        return;
+        return STEP_ABORTED;
     }
     if (command == STEP_OUT) {
         LOG_DEBUG("StepOut %p", static_cast<void*>(thread));
-        if (g_stepping_enabled) {
-            start_step_out_with_frame_pop(env, thread, origin);
-        } else {
-            start_step_out_by_single_steps(env, thread, origin);
-        }
-        return;
+        return g_stepping_enabled ? start_step_out_with_frame_pop(env, thread, origin)
+                                  : start_step_out_by_single_steps(env, thread, origin);
     }
     start_single_stepping(thread, static_cast<StepType>(command), origin);
+    return STEP_GOES_ON;
 }
 
 void fire_stepping_aborted(JNIEnv* env, jthread thread) {

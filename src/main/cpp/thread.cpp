@@ -8,6 +8,7 @@
 #include "lookup.h"
 #include "resources.h"
 
+#include <atomic>
 #include <memory>
 #include <new>
 #include <unordered_map>
@@ -109,10 +110,10 @@ jobject get_thread_context(JNIEnv* env, jthread thread) {
         return nullptr;
     }
     static RegisteredConstructor context_constructor("ThreadContext", "(Ljava/lang/Thread;I)V");
-    jclass clazz = nullptr;
+    LocalRef<jclass> clazz(env);
     jmethodID constructor = nullptr;
     if (!context_constructor.get_or_log(env, &clazz, &constructor)) return nullptr;
-    jobject context = env->NewObject(clazz, constructor, thread, frames);
+    jobject context = env->NewObject(clazz.get(), constructor, thread, frames);
     if (context == nullptr && env->ExceptionCheck()) {
         env->ExceptionClear();
         LOG_ERROR("OSGI class 'ThreadContext' could not be constructed");
@@ -136,15 +137,30 @@ std::string get_thread_name(jthread thread) {
     return name;
 }
 
-jlong get_thread_id(JNIEnv* env, jthread thread) {
-    jmethodID getId = find_method(env, thread, "getId", "()J");
-    if (getId == nullptr) return -1;
-    jlong id = env->CallLongMethod(thread, getId);
-    if (env->ExceptionCheck()) {
+namespace {
+// java.lang.Thread's own id field. Reading it runs no application code, where getId() may be
+// overridden by a subclass (and then made to block, throw, or answer another thread's id). The
+// class is never unloaded, so its field ID stays valid for the life of the process.
+jfieldID thread_id_field(JNIEnv* env) {
+    static std::atomic<jfieldID> field{nullptr};
+    jfieldID known = field.load(std::memory_order_acquire);
+    if (known != nullptr) return known;
+    LocalRef<jclass> thread_class(env, env->FindClass("java/lang/Thread"));
+    jfieldID found = thread_class ? env->GetFieldID(thread_class.get(), "tid", "J") : nullptr;
+    if (found == nullptr) {
         env->ExceptionClear();
-        return -1;
+        LOG_ERROR("Cannot find the id field of java.lang.Thread");
+        return nullptr;
     }
-    return id;
+    field.store(found, std::memory_order_release);
+    return found;
+}
+}  // namespace
+
+jlong get_thread_id(JNIEnv* env, jthread thread) {
+    if (thread == nullptr) return -1;
+    jfieldID id = thread_id_field(env);
+    return id != nullptr ? env->GetLongField(thread, id) : -1;
 }
 
 void JNICALL ThreadStart(jvmtiEnv*, JNIEnv* env, jthread thread) {
@@ -163,4 +179,5 @@ void JNICALL ThreadEnd(jvmtiEnv*, JNIEnv* env, jthread thread) {
     }
     release_thread_data(env);
     BreakpointLocation::forget_thread_cache(env);
+    RegisteredConstructor::forget_thread_cache(env);
 }

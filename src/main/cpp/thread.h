@@ -71,7 +71,7 @@ ThreadData* own_thread_data();
 jobject get_thread_context(JNIEnv* env, jthread thread);
 // The thread's name, or "unknown".
 std::string get_thread_name(jthread thread);
-// The thread's Java id (getId), or -1.
+// The thread's Java id, read from java.lang.Thread's own field (no application code runs), or -1.
 jlong get_thread_id(JNIEnv* env, jthread thread);
 
 void JNICALL ThreadStart(jvmtiEnv* jvmti, JNIEnv* env, jthread thread);
