@@ -496,6 +496,7 @@ jvmtiError Search::clean_up() {
 }  // namespace
 
 KV_NATIVE(void, gcRoots)(JNIEnv* env, jobject, jobject callback, jstring signature, jlong limit, jint maxDepth) {
+    if (!require_agent(env)) return;
     if (callback == nullptr) {
         throw_exception(env, ILLEGAL_ARGUMENT, "callback is null");
         return;

@@ -167,6 +167,7 @@ jint JNICALL heapIterationCallback(jlong class_tag, jlong size, jlong*, jint, vo
 }
 
 KV_NATIVE(void, heapHistogram)(JNIEnv* env, jobject, jobject callback, jlong limit) {
+    if (!require_agent(env)) return;
     if (callback == nullptr) {
         throw_exception(env, ILLEGAL_ARGUMENT, "callback is null");
         return;
@@ -201,6 +202,7 @@ KV_NATIVE(void, heapHistogram)(JNIEnv* env, jobject, jobject callback, jlong lim
 }
 
 KV_NATIVE(void, heapHistogramToFile)(JNIEnv* env, jobject, jstring fileName, jlong limit) {
+    if (!require_agent(env)) return;
     if (fileName == nullptr) {
         throw_exception(env, ILLEGAL_ARGUMENT, "filename is null");
         return;
@@ -232,6 +234,7 @@ KV_NATIVE(void, heapHistogramToFile)(JNIEnv* env, jobject, jstring fileName, jlo
 }
 
 KV_NATIVE(void, forceGC)(JNIEnv* env, jobject) {
+    if (!require_agent(env)) return;
     jvmtiError error = g_jvmti->ForceGarbageCollection();
     if (error != JVMTI_ERROR_NONE) throw_jvmti_exception(env, error);
 }

@@ -5,8 +5,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <type_traits>
 
 template <typename T>
@@ -15,7 +15,7 @@ class NothrowArray {
 
 public:
     NothrowArray() = default;
-    ~NothrowArray() { std::free(m_data); }
+    ~NothrowArray() { ::operator delete(m_data); }
     NothrowArray(const NothrowArray&) = delete;
     NothrowArray& operator=(const NothrowArray&) = delete;
 
@@ -23,8 +23,11 @@ public:
     bool reserve(size_t capacity) {
         if (capacity <= m_capacity) return true;
         if (capacity > SIZE_MAX / sizeof(T)) return false;
-        void* grown = std::realloc(m_data, capacity * sizeof(T));
+        // The nothrow operator rather than malloc: the agent's heap accounting sees every block.
+        void* grown = ::operator new(capacity * sizeof(T), std::nothrow);
         if (grown == nullptr) return false;
+        if (m_size != 0) std::memcpy(grown, static_cast<const void*>(m_data), m_size * sizeof(T));
+        ::operator delete(m_data);
         m_data = static_cast<T*>(grown);
         m_capacity = capacity;
         return true;

@@ -13,6 +13,8 @@
 
 #include <jni.h>
 
+#include <pthread.h>
+
 #define KV_PROBE(returns, name) \
     extern "C" JNIEXPORT returns JNICALL Java_com_brantide_kelvane_plugin_jvmti_api_AgentProbe_##name
 
@@ -116,3 +118,62 @@ KV_PROBE(jint, frameCount)(JNIEnv*, jclass) {
 KV_PROBE(jint, cfDepth)(JNIEnv*, jclass) { return get_cf_depth(nullptr); }
 
 KV_PROBE(jint, cfParent)(JNIEnv* env, jclass, jint height) { return get_cf_parent(env, nullptr, height); }
+
+// ---- threads as the agent meets them outside managed code
+
+namespace {
+// A thread attached from native code that never runs Java: it has no Java frame at all, as a
+// thread that is just starting or ending has none.
+struct FramelessThread {
+    pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t changed = PTHREAD_COND_INITIALIZER;
+    jobject thread = nullptr;  // global reference, set once attached
+    bool attached = false;
+    bool stop = false;
+};
+
+FramelessThread s_frameless;
+
+void* run_frameless(void*) {
+    JNIEnv* env = nullptr;
+    char name[] = "frameless";
+    JavaVMAttachArgs args{JNI_VERSION_1_6, name, nullptr};
+    if (g_vm->AttachCurrentThreadAsDaemon(reinterpret_cast<void**>(&env), &args) != JNI_OK) env = nullptr;
+    jthread self = nullptr;
+    if (env != nullptr && g_jvmti->GetCurrentThread(&self) == JVMTI_ERROR_NONE) {
+        s_frameless.thread = env->NewGlobalRef(self);
+        env->DeleteLocalRef(self);
+    }
+    pthread_mutex_lock(&s_frameless.lock);
+    s_frameless.attached = true;
+    pthread_cond_broadcast(&s_frameless.changed);
+    while (!s_frameless.stop) pthread_cond_wait(&s_frameless.changed, &s_frameless.lock);
+    pthread_mutex_unlock(&s_frameless.lock);
+    if (env != nullptr) g_vm->DetachCurrentThread();
+    return nullptr;
+}
+}  // namespace
+
+// Starts the frameless thread once and returns it; it waits in native code until the process ends.
+KV_PROBE(jthread, framelessThread)(JNIEnv* env, jclass) {
+    pthread_mutex_lock(&s_frameless.lock);
+    static bool started = false;
+    pthread_t id;
+    if (!started && pthread_create(&id, nullptr, run_frameless, nullptr) == 0) {
+        started = true;
+        pthread_detach(id);
+    }
+    while (started && !s_frameless.attached) pthread_cond_wait(&s_frameless.changed, &s_frameless.lock);
+    pthread_mutex_unlock(&s_frameless.lock);
+    return s_frameless.thread != nullptr ? static_cast<jthread>(env->NewLocalRef(s_frameless.thread)) : nullptr;
+}
+
+// Suspends a thread as another tool would, behind the agent's back; the JVMTI error code.
+KV_PROBE(jint, suspendDirectly)(JNIEnv*, jclass, jthread thread) { return g_jvmti->SuspendThread(thread); }
+
+KV_PROBE(jboolean, isSuspended)(JNIEnv*, jclass, jthread thread) {
+    jint state = 0;
+    return g_jvmti->GetThreadState(thread, &state) == JVMTI_ERROR_NONE && (state & JVMTI_THREAD_STATE_SUSPENDED) != 0
+               ? JNI_TRUE
+               : JNI_FALSE;
+}

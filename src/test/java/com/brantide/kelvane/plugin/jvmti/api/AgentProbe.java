@@ -77,4 +77,12 @@ final class AgentProbe {
     static native int cfDepth();
 
     static native int cfParent(int height);
+
+    /** A thread attached from native code that runs no Java at all: it has no Java frame. */
+    static native Thread framelessThread();
+
+    /** Suspends a thread with JVMTI directly, as another tool would; the JVMTI error code. */
+    static native int suspendDirectly(Thread thread);
+
+    static native boolean isSuspended(Thread thread);
 }

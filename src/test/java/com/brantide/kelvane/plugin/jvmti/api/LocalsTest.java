@@ -152,9 +152,11 @@ class LocalsTest {
                 assertThrows(IllegalArgumentException.class, () -> api.setVariable(null, 1, null, 1)).getMessage());
         assertEquals("thread is null",
                 assertThrows(IllegalArgumentException.class, () -> api.setVariable(null, 1, "x", 1)).getMessage());
-        api.listVariables(self, 0, 1, (VariableCallback) (name, value, signature) -> {
-            throw new AssertionError("stackFrame 0 lists nothing");
-        });
+        VariableCallback none = (name, value, signature) -> {
+            throw new AssertionError("nothing to list");
+        };
+        api.listVariables(self, 0, 1, none);
+        api.listVariables(self, 1, Integer.MAX_VALUE, none); // a range past the stack, not one that wraps around
         Thread ended = new Thread(() -> { });
         ended.start();
         ended.join();

@@ -60,12 +60,6 @@ class StartupTest {
         assertTrue(result.stderr.contains("Agent_OnUnload() ThreadStart - events disabled"));
     }
 
-    @Test
-    void missingAgentOptionsPrintAsNull() throws Exception {
-        Result result = ChildJvm.main(StartupMain.class).logLevel(4).run().assertClean();
-        assertTrue(result.agentMessages().contains("DEBUG agentargs = (null)"));
-    }
-
     @ParameterizedTest(name = "{0}")
     @CsvSource(delimiter = '|', value = {
         "no properties                         | com.brantide.kelvane.plugin.jvmti.testing.StartupMain |                                        | true  | true",
@@ -127,12 +121,25 @@ class StartupTest {
     }
 
     @Test
-    void threadsStartedBeforeTheAgentListenedAreRefused() throws Exception {
-        Result result = ChildJvm.main(StartupMain.class, "on", "early").logLevel(4).run().assertClean();
-        assertTrue(result.stdout.contains("early=false"));
-        assertTrue(result.agentMessages().contains("DEBUG data is null for thread(Reference Handler)"));
+    void refusedSwitchesSayWhy() throws Exception {
+        Result result = ChildJvm.main(StartupMain.class, "on", "refused").logLevel(4).run().assertClean();
+        assertTrue(result.stdoutLines().containsAll(List.of("early=false", "ended=false", "stepping=false")), result.stdout);
+        List<String> messages = result.agentMessages();
+        assertTrue(messages.contains("DEBUG data is null for thread(Reference Handler)"), "no record: never seen starting");
+        assertTrue(messages.contains("ERROR Failed to set event(62) for thread(ended) = JVMTI_ERROR_THREAD_NOT_ALIVE(15)"));
+        assertTrue(messages.contains("ERROR Event SINGLE_STEP(60) drives stepping and is switched by the agent alone"));
         // The main thread's id is 1 up to JDK 18 and larger since (thread ids changed in JDK 19).
-        assertTrue(result.agentMessages().stream().anyMatch(m -> m.matches("DEBUG ThreadStart thread\\(\\d+,main\\)")),
+        assertTrue(messages.stream().anyMatch(m -> m.matches("DEBUG ThreadStart thread\\(\\d+,main\\)")),
                 "the main thread has a record");
+    }
+
+    @Test
+    void withoutTheAgentNativesThatNeedItRaiseAClearError() throws Exception {
+        Result result = ChildJvm.main(StartupMain.class, "plain").withoutAgent().run().assertClean();
+        String noAgent = "No JVMTI environment: the library was not loaded as a JVMTI agent (-agentpath)";
+        List<String> lines = result.stdoutLines();
+        assertTrue(lines.get(0).matches(BANNER), lines.get(0));
+        assertEquals("version=" + JvmtiApi.API_VERSION + " active=false", lines.get(1));
+        assertEquals(List.of(noAgent, noAgent, noAgent, noAgent, noAgent, noAgent, noAgent), lines.subList(2, lines.size()));
     }
 }

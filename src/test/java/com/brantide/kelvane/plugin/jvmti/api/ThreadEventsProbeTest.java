@@ -19,7 +19,6 @@ import org.junit.jupiter.api.Test;
 class ThreadEventsProbeTest {
     private static final long BREAKPOINT = 1L << (JvmtiEvent.BREAKPOINT - 50);
     private static final long SINGLE_STEP = 1L << (JvmtiEvent.SINGLE_STEP - 50);
-    private static final long FIELD_ACCESS = 1L << (JvmtiEvent.FIELD_ACCESS - 50);
 
     private final JvmtiApi api = new JvmtiApi();
     private final CountDownLatch release = new CountDownLatch(1);
@@ -66,21 +65,21 @@ class ThreadEventsProbeTest {
         assertFalse(api.setEventNotificationMode(worker, JvmtiEvent.THREAD_START, true),
                 "thread start cannot be switched per thread");
         assertFalse(api.setEventNotificationMode(worker, 999, true));
+        for (int stepping : new int[] {JvmtiEvent.SINGLE_STEP, JvmtiEvent.FRAME_POP, JvmtiEvent.METHOD_ENTRY,
+                JvmtiEvent.METHOD_EXIT}) {
+            assertFalse(api.setEventNotificationMode(worker, stepping, true), "stepping's own events: " + stepping);
+            assertFalse(api.setEventNotificationMode(worker, stepping, false));
+        }
         assertMasks(BREAKPOINT, BREAKPOINT | SINGLE_STEP);
+        api.setActive(false);
+        assertFalse(api.setEventNotificationMode(worker, JvmtiEvent.FIELD_ACCESS, true), "capability given back");
+        assertMasks(BREAKPOINT, BREAKPOINT | SINGLE_STEP);
+        assertTrue(api.setActive(true));
 
         assertTrue(api.setEventNotificationMode(worker, JvmtiEvent.BREAKPOINT, false));
         assertMasks(0, SINGLE_STEP);
         assertTrue(AgentProbe.setEvent(false, JvmtiEvent.SINGLE_STEP, worker, false));
         assertMasks(0, 0);
-    }
-
-    @Test
-    void aRefusedSwitchLeavesTheMasksAlone() {
-        assertTrue(api.setEventNotificationMode(worker, JvmtiEvent.FIELD_ACCESS, true));
-        api.setActive(false);
-        assertFalse(api.setEventNotificationMode(worker, JvmtiEvent.BREAKPOINT, true), "capability given back");
-        assertMasks(FIELD_ACCESS, FIELD_ACCESS);
-        assertTrue(api.setActive(true));
     }
 
     @Test

@@ -57,6 +57,12 @@ public final class ChildJvm {
         return property("KV_JVMTI_LOG_LEVEL", Integer.toString(level));
     }
 
+    /** Starts the JVM without the agent: the program may still load the library as a plain one. */
+    public ChildJvm withoutAgent() {
+        agentProperty = null;
+        return property("kv.test.library", required("kv.test.agent"));
+    }
+
     /** Loads the probe variant of the agent, whose extra natives the tests use. */
     public ChildJvm withProbeAgent() {
         agentProperty = "kv.test.probe-agent";
@@ -73,7 +79,9 @@ public final class ChildJvm {
         List<String> command = new ArrayList<>();
         command.add(required("kv.test.java"));
         command.add("-Xcheck:jni");
-        command.add("-agentpath:" + required(agentProperty) + (agentOptions == null ? "" : "=" + agentOptions));
+        if (agentProperty != null) {
+            command.add("-agentpath:" + required(agentProperty) + (agentOptions == null ? "" : "=" + agentOptions));
+        }
         command.addAll(jvmOptions);
         command.add("-cp");
         command.add(required("kv.test.classpath"));

@@ -1,6 +1,7 @@
 package com.brantide.kelvane.plugin.jvmti.api;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
@@ -14,8 +15,8 @@ import java.util.Set;
 import org.junit.jupiter.api.BeforeEach;
 import org.junit.jupiter.api.Test;
 
-/** Source files, debug extensions, line tables and the class list. */
-class LookupTest {
+/** The control natives and the class registry; source files, debug extensions, line tables and the class list. */
+class ControlAndLookupTest {
     private static final String NO_DEBUG_SOURCE = "package nodebug; public class Plain {"
             + " public int twice(int x) { int y = x * 2; return y; } }";
 
@@ -25,6 +26,32 @@ class LookupTest {
     void register() {
         api.registerClasses();
         new Target(1); // the VM lists the methods of prepared classes only
+    }
+
+    @Test
+    void switchesOnAndOff() {
+        assertFalse(api.isActive(), "inactive after load");
+        assertFalse(api.setActive(false), "switching off an inactive agent");
+        assertTrue(api.setActive(true));
+        assertTrue(api.isActive());
+        assertTrue(api.setActive(true), "switching on again acquires the same set again");
+        assertFalse(api.setActive(false));
+        assertFalse(api.isActive());
+        assertTrue(api.setActive(true));
+        assertFalse(api.setActive(false));
+    }
+
+    @Test
+    void registryRejectsNullsNamingTheFirstOne() {
+        IllegalArgumentException noName =
+                assertThrows(IllegalArgumentException.class, () -> api.registerOsgiClass(null, String.class));
+        assertEquals("name is null", noName.getMessage());
+        noName = assertThrows(IllegalArgumentException.class, () -> api.registerOsgiClass(null, null));
+        assertEquals("name is null", noName.getMessage());
+        IllegalArgumentException noClass =
+                assertThrows(IllegalArgumentException.class, () -> api.registerOsgiClass("ThreadContext", null));
+        assertEquals("clazz is null", noClass.getMessage());
+        api.registerClasses();
     }
 
     @Test

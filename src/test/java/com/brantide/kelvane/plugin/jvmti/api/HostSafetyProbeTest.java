@@ -1,0 +1,302 @@
+package com.brantide.kelvane.plugin.jvmti.api;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertNotEquals;
+import static org.junit.jupiter.api.Assertions.assertThrows;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import com.brantide.kelvane.plugin.jvmti.BreakpointLocation;
+import com.brantide.kelvane.plugin.jvmti.JVMTIException;
+import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
+import com.brantide.kelvane.plugin.jvmti.StepType;
+import com.brantide.kelvane.plugin.jvmti.ThreadContext;
+import com.brantide.kelvane.plugin.jvmti.fixtures.StepTarget;
+import com.brantide.kelvane.plugin.jvmti.testing.Stops;
+import java.io.File;
+import java.lang.management.ManagementFactory;
+import java.lang.ref.WeakReference;
+import java.net.MalformedURLException;
+import java.net.URL;
+import java.net.URLClassLoader;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.Set;
+import java.util.concurrent.CountDownLatch;
+import java.util.concurrent.TimeUnit;
+import org.junit.jupiter.api.AfterEach;
+import org.junit.jupiter.api.BeforeEach;
+import org.junit.jupiter.api.Test;
+
+/**
+ * What the agent must never do to its host: leave a thread suspended that nobody will resume, hold
+ * a lock of its own while managed code runs, run application code by accident, pin a class loader,
+ * or lose a breakpoint hit to its own bookkeeping.
+ */
+class HostSafetyProbeTest {
+    private static final long BREAKPOINT = 1L << (JvmtiEvent.BREAKPOINT - 50);
+
+    private final JvmtiApi api = new JvmtiApi();
+    private final List<Thread> started = new ArrayList<>();
+    private volatile boolean running = true;
+
+    @BeforeEach
+    void activate() {
+        api.registerClasses();
+        assertTrue(api.setActive(true));
+    }
+
+    @AfterEach
+    void release() throws InterruptedException {
+        running = false;
+        for (Thread thread : started) {
+            thread.join(10_000);
+        }
+        api.registerBreakpointHook(null);
+        api.setActive(false);
+    }
+
+    @Test
+    void aThreadWithoutJavaFramesIsNeverLeftSuspended() {
+        Thread frameless = AgentProbe.framelessThread();
+        JVMTIException noFrames = assertThrows(JVMTIException.class,
+                () -> api.suspendThread(frameless, (SuspendCallback) (location, context) -> { }));
+        assertEquals("JVMTI_ERROR_NO_MORE_FRAMES", noFrames.getMessage());
+        assertFalse(AgentProbe.isSuspended(frameless), "an error says: not suspended");
+        // Suspended behind the agent's back, it is resumed by every command; a step has nowhere to
+        // begin and says so once the thread runs again.
+        for (int op : new int[] {StepType.CONTINUE, StepType.NOOP, StepType.STEP_OVER, StepType.STEP_IN, StepType.STEP_OUT}) {
+            assertEquals(0, AgentProbe.suspendDirectly(frameless));
+            if (op == StepType.CONTINUE || op == StepType.NOOP) {
+                api.resumeThread(frameless, op);
+            } else {
+                assertEquals("JVMTI_ERROR_NO_MORE_FRAMES",
+                        assertThrows(JVMTIException.class, () -> api.resumeThread(frameless, op)).getMessage());
+            }
+            assertFalse(AgentProbe.isSuspended(frameless), "resumed after " + StepType.name(op));
+        }
+    }
+
+    @Test
+    void noLockOfTheAgentIsHeldWhileACallbackRuns() throws Exception {
+        Object monitor = new Object();
+        CountDownLatch holding = new CountDownLatch(1);
+        Thread target = start("holder", () -> {
+            synchronized (monitor) {
+                holding.countDown();
+                while (running) {
+                    Thread.onSpinWait();
+                }
+            }
+        });
+        holding.await();
+        // The callback needs the monitor that the suspended target holds: only another thread's
+        // resumeThread lets it go on, which no lock of the agent may hold up.
+        Thread resumer = new Thread(() -> {
+            api.resumeThread(target, StepType.CONTINUE);
+            running = false;
+        }, "resumer");
+        resumer.setDaemon(true);
+        Thread debugger = start("debugger", () -> api.suspendThread(target, (SuspendCallback) (location, context) -> {
+            resumer.start();
+            synchronized (monitor) {
+                assertEquals(target, context.getThread());
+            }
+        }));
+        debugger.join(20_000);
+        assertFalse(debugger.isAlive(), "the callback waited for a resume that never came");
+    }
+
+    @Test
+    void aStepStopThatSwitchesBreakpointsOffLosesNoLaterHit() throws Exception {
+        BreakpointLocation first = Stops.breakpointAt(api, StepTarget.class, "caller-a");
+        BreakpointLocation after = Stops.breakpointAt(api, StepTarget.class, "caller-after");
+        api.setBreakpoint(first);
+        api.setBreakpoint(after);
+        // The step stops where a breakpoint stands, and its hook switches breakpoints off there.
+        Stops stops = new Stops() {
+            @Override
+            public int breakpointHit(BreakpointLocation location, ThreadContext context) {
+                int answer = super.breakpointHit(location, context);
+                if (stops().size() == 3) {
+                    api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, false);
+                }
+                return answer;
+            }
+        }.answer(StepType.STEP_OVER, StepType.STEP_OVER, StepType.CONTINUE);
+        api.registerBreakpointHook(stops);
+        try {
+            stops.run(api, () -> {
+                StepTarget.caller(1);
+                api.clearBreakpoint(first);
+                api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, true);
+                return StepTarget.caller(2);
+            });
+        } finally {
+            api.clearBreakpoint(after);
+        }
+        assertEquals(Stops.at(StepTarget.class, "caller-a", "caller-call", "caller-after", "caller-after"), stops.stops());
+    }
+
+    @Test
+    void noApplicationCodeRunsInsideTheAgent() throws Exception {
+        // A thread whose getId() claims to be the caller: the agent must tell the two apart.
+        Thread caller = Thread.currentThread();
+        long callerEvents = AgentProbe.userEvents(caller);
+        CountDownLatch spinning = new CountDownLatch(1);
+        Thread liar = start(new Thread("liar") {
+            @Override
+            public long getId() {
+                return caller.getId();
+            }
+
+            @Override
+            public void run() {
+                spinning.countDown();
+                while (running) {
+                    Thread.onSpinWait();
+                }
+            }
+        });
+        spinning.await();
+        List<ThreadContext> seen = new ArrayList<>();
+        api.suspendThread(liar, (SuspendCallback) (location, context) -> seen.add(context));
+        api.resumeThread(liar, StepType.CONTINUE);
+        assertEquals(liar, seen.get(0).getThread());
+        assertTrue(api.setEventNotificationMode(liar, JvmtiEvent.BREAKPOINT, true));
+        assertEquals(BREAKPOINT, AgentProbe.userEvents(liar));
+        assertEquals(callerEvents, AgentProbe.userEvents(caller), "the switch went to the liar's own record");
+
+        // A hook without breakpointHit is looked for once, not at every hit (each failed lookup
+        // makes the VM build a NoSuchMethodError with its stack trace).
+        api.registerBreakpointHook(new Object());
+        BreakpointLocation tick = BreakpointLocation.forMethod(HostSafetyProbeTest.class.getDeclaredMethod("tick", int.class), 0);
+        api.setBreakpoint(tick);
+        assertTrue(api.setEventNotificationMode(caller, JvmtiEvent.BREAKPOINT, true));
+        com.sun.management.ThreadMXBean threads = (com.sun.management.ThreadMXBean) ManagementFactory.getThreadMXBean();
+        long before = threads.getCurrentThreadAllocatedBytes();
+        int sum = 0;
+        for (int i = 0; i < 10_000; i++) {
+            sum += tick(i);
+        }
+        long allocated = threads.getCurrentThreadAllocatedBytes() - before;
+        api.setEventNotificationMode(caller, JvmtiEvent.BREAKPOINT, false);
+        api.clearBreakpoint(tick);
+        assertNotEquals(0, sum);
+        assertTrue(allocated < 10_000 * 16L, allocated + " bytes allocated by 10,000 hits");
+    }
+
+    @Test
+    void registrationsLetTheirClassLoadersGo() throws Exception {
+        List<WeakReference<ClassLoader>> loaders = new ArrayList<>();
+        for (int round = 0; round < 100; round++) {
+            loaders.add(new WeakReference<>(registerFromAPlugIn()));
+        }
+        assertTrue(api.setActive(true));
+        long alive = loaders.size();
+        for (int attempt = 0; attempt < 50 && alive > 0; attempt++) {
+            System.gc();
+            TimeUnit.MILLISECONDS.sleep(20);
+            alive = loaders.stream().filter(loader -> loader.get() != null).count();
+        }
+        assertEquals(0, alive, "class loaders still held after their hooks and classes were replaced");
+    }
+
+    /**
+     * A plug-in's round: its own copies of the classes the agent constructs and of a hook, all
+     * registered and used (a hit, a JVMTI error raised), then the agent switched off, the hooks
+     * cleared and the classes registered again from the application: the plug-in is gone.
+     */
+    private ClassLoader registerFromAPlugIn() throws Exception {
+        PlugInLoader loader = new PlugInLoader();
+        for (String name : PlugInLoader.REGISTERED) {
+            api.registerOsgiClass(name, loader.loadClass("com.brantide.kelvane.plugin.jvmti." + name));
+        }
+        Object hook = loader.loadClass(LooseHook.class.getName()).getConstructor().newInstance();
+        registerHooks(hook);
+        assertTrue(api.setActive(true));
+        BreakpointLocation tick = BreakpointLocation.forMethod(HostSafetyProbeTest.class.getDeclaredMethod("tick", int.class), 0);
+        api.setBreakpoint(tick);
+        assertTrue(api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, true));
+        tick(0);
+        api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, false);
+        api.clearBreakpoint(tick);
+        assertEquals(1, hook.getClass().getField("hits").getInt(hook), "the plug-in's hook heard the hit");
+        RuntimeException raised = assertThrows(RuntimeException.class, () -> api.getStackDepth(new Thread()));
+        assertEquals(loader, raised.getClass().getClassLoader());
+        api.setActive(false);
+        registerHooks(null);
+        api.registerClasses();
+        return loader;
+    }
+
+    private void registerHooks(Object hook) {
+        api.registerClassPrepareHook(hook);
+        api.registerBreakpointHook(hook);
+        api.registerExceptionHook(hook);
+        api.registerThreadHook(hook);
+        api.registerFieldHook(hook);
+        api.registerSteppingAbortedHook(hook);
+        api.registerFileLoadHook(hook);
+    }
+
+    /** Where the tests set their breakpoints. */
+    static int tick(int value) {
+        return value + 1;
+    }
+
+    /** A hook as a plug-in writes it: found by name and descriptor, typed with the plug-in's classes. */
+    public static final class LooseHook {
+        public int hits;
+
+        public int breakpointHit(BreakpointLocation location, ThreadContext context) {
+            hits += location.getMember() != null && context.getThread() != null ? 1 : 0;
+            return StepType.CONTINUE;
+        }
+    }
+
+    /** Defines the agent's managed classes and the hook itself, as a plug-in's own class loader does. */
+    private static final class PlugInLoader extends URLClassLoader {
+        static final List<String> REGISTERED = List.of("ThreadContext", "BreakpointLocation", "GCPathEntry",
+                "JVMTIException", "JVMTICapabilityException");
+        private static final Set<String> OWN = Set.of("com.brantide.kelvane.plugin.jvmti.ThreadContext",
+                "com.brantide.kelvane.plugin.jvmti.BreakpointLocation", "com.brantide.kelvane.plugin.jvmti.GCPathEntry",
+                "com.brantide.kelvane.plugin.jvmti.JVMTIException",
+                "com.brantide.kelvane.plugin.jvmti.JVMTICapabilityException", LooseHook.class.getName());
+
+        PlugInLoader() throws MalformedURLException {
+            super(classPath(), HostSafetyProbeTest.class.getClassLoader());
+        }
+
+        @Override
+        protected Class<?> loadClass(String name, boolean resolve) throws ClassNotFoundException {
+            if (!OWN.contains(name)) {
+                return super.loadClass(name, resolve);
+            }
+            synchronized (getClassLoadingLock(name)) {
+                Class<?> loaded = findLoadedClass(name);
+                return loaded != null ? loaded : findClass(name);
+            }
+        }
+
+        private static URL[] classPath() throws MalformedURLException {
+            List<URL> urls = new ArrayList<>();
+            for (String entry : System.getProperty("java.class.path").split(File.pathSeparator)) {
+                urls.add(new File(entry).toURI().toURL());
+            }
+            return urls.toArray(new URL[0]);
+        }
+    }
+
+    private Thread start(String name, Runnable body) {
+        Thread thread = new Thread(body, name);
+        return start(thread);
+    }
+
+    private Thread start(Thread thread) {
+        thread.setDaemon(true);
+        started.add(thread);
+        thread.start();
+        return thread;
+    }
+}
