@@ -90,6 +90,17 @@ class HostSafetyProbeTest {
             }
         });
         holding.await();
+        // A callback that waits for another thread suspending and resuming a third one.
+        Thread other = start("other", this::spin);
+        Thread nested = start("nested", () -> {
+            api.suspendThread(target, (SuspendCallback) (location, context) -> finish(start("inner", () -> {
+                api.suspendThread(other, (SuspendCallback) (where, suspended) -> { });
+                api.resumeThread(other, StepType.CONTINUE);
+            })));
+            api.resumeThread(target, StepType.CONTINUE);
+        });
+        finish(nested);
+        assertFalse(nested.isAlive(), "the callback waited for a suspension on another thread");
         // The callback needs the monitor that the suspended target holds: only another thread's
         // resumeThread lets it go on, which no lock of the agent may hold up.
         Thread resumer = new Thread(() -> {
@@ -103,7 +114,7 @@ class HostSafetyProbeTest {
                 assertEquals(target, context.getThread());
             }
         }));
-        debugger.join(20_000);
+        finish(debugger);
         assertFalse(debugger.isAlive(), "the callback waited for a resume that never came");
     }
 
@@ -153,9 +164,7 @@ class HostSafetyProbeTest {
             @Override
             public void run() {
                 spinning.countDown();
-                while (running) {
-                    Thread.onSpinWait();
-                }
+                spin();
             }
         });
         spinning.await();
@@ -285,6 +294,21 @@ class HostSafetyProbeTest {
                 urls.add(new File(entry).toURI().toURL());
             }
             return urls.toArray(new URL[0]);
+        }
+    }
+
+    private void spin() {
+        while (running) {
+            Thread.onSpinWait();
+        }
+    }
+
+    /** Waits for the thread, a while at most: a thread still alive afterwards is stuck. */
+    private static void finish(Thread thread) {
+        try {
+            thread.join(20_000);
+        } catch (InterruptedException e) {
+            Thread.currentThread().interrupt();
         }
     }
 
