@@ -4,6 +4,7 @@
 #include "exception.h"
 #include "global.h"
 #include "heap.h"
+#include "heap_memory.h"
 #include "lock.h"
 #include "log.h"
 #include "lookup.h"
@@ -129,12 +130,6 @@ jint JNICALL heapReferenceCallbackDump(jvmtiHeapReferenceKind kind, const jvmtiH
         *record = ObjectInfo{static_cast<uint32_t>(kind), index, 0, size, nullptr, cls->info};
         *tag_ptr = reinterpret_cast<jlong>(record);
     }
-    return JVMTI_VISIT_OBJECTS;
-}
-
-// The records live in the search's arena, freed at once afterwards: only the tag is cleared here.
-jint JNICALL heapIterationCallbackFreeTag(jlong, jlong, jlong* tag_ptr, jint, void*) {
-    *tag_ptr = 0;
     return JVMTI_VISIT_OBJECTS;
 }
 
