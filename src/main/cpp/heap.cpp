@@ -8,8 +8,13 @@
 #include "log.h"
 #include "native.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -151,13 +156,73 @@ void deliver(JNIEnv* env, jobject callback, jmethodID instance, const Histogram&
     env->CallVoidMethod(callback, instance, names.get(), counts.get(), sizes.get());
 }
 
-// Closes the file however the native ends.
-struct FileCloser {
-    FILE* file;
-    ~FileCloser() {
-        if (file != nullptr) fclose(file);
-    }
+// The histogram file. It is written under a new name beside the target path, created exclusively
+// so that nothing already there is followed or truncated, and then renamed over the path: a file
+// or a link there is replaced, never written through, and no reader sees half a file. The
+// temporary file is removed on every other way out.
+class ReplacementFile {
+public:
+    ReplacementFile() = default;
+    ~ReplacementFile();
+    ReplacementFile(const ReplacementFile&) = delete;
+    ReplacementFile& operator=(const ReplacementFile&) = delete;
+
+    // 0, or the errno of the failure.
+    int create(const char* target);
+    FILE* stream() const { return m_stream; }
+    int publish();
+
+private:
+    int open_exclusive();
+
+    const char* m_target = nullptr;
+    char* m_temporary = nullptr;
+    size_t m_capacity = 0;
+    bool m_created = false;
+    FILE* m_stream = nullptr;
 };
+
+ReplacementFile::~ReplacementFile() {
+    if (m_stream != nullptr) fclose(m_stream);
+    if (m_created) unlink(m_temporary);
+    std::free(m_temporary);
+}
+
+int ReplacementFile::create(const char* target) {
+    m_target = target;
+    m_capacity = std::strlen(target) + 48;
+    m_temporary = static_cast<char*>(std::malloc(m_capacity));
+    if (m_temporary == nullptr) return ENOMEM;
+    int fd = open_exclusive();
+    if (fd < 0) return errno;
+    m_created = true;
+    m_stream = fdopen(fd, "w");
+    if (m_stream != nullptr) return 0;
+    int error = errno;
+    close(fd);
+    return error;
+}
+
+// The descriptor of a newly created "<target>.<pid>.<n>.tmp"; names that a process of the same
+// id left behind are passed over.
+int ReplacementFile::open_exclusive() {
+    static std::atomic<unsigned> s_sequence{0};
+    for (int attempt = 0; attempt < 100; attempt++) {
+        snprintf(m_temporary, m_capacity, "%s.%ld.%u.tmp", m_target, static_cast<long>(getpid()), s_sequence++);
+        int fd = open(m_temporary, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+        if (fd >= 0 || errno != EEXIST) return fd;
+    }
+    return -1;
+}
+
+int ReplacementFile::publish() {
+    int error = fflush(m_stream) != 0 || ferror(m_stream) ? (errno != 0 ? errno : EIO) : 0;
+    if (fclose(m_stream) != 0 && error == 0) error = errno;
+    m_stream = nullptr;
+    if (error == 0 && rename(m_temporary, m_target) != 0) error = errno;
+    if (error == 0) m_created = false;
+    return error;
+}
 
 // The header, one line per class, and "#TIMEOUT" last when the time limit cut the walk short.
 void write_lines(JNIEnv* env, FILE* file, const Histogram& histogram, bool complete) {
@@ -246,7 +311,7 @@ KV_NATIVE(void, heapHistogram)(JNIEnv* env, jobject, jobject callback, jlong lim
     if (histogram.timed_out() && !env->ExceptionCheck()) throw_exception(env, TIMEOUT_EXCEPTION, "Timeout occurred");
 }
 
-// The file is written whenever the walk ran, even when it failed or timed out.
+// The file is replaced whenever the walk ran, even when it failed or timed out.
 KV_NATIVE(void, heapHistogramToFile)(JNIEnv* env, jobject, jstring fileName, jlong limit) {
     if (fileName == nullptr) {
         throw_exception(env, ILLEGAL_ARGUMENT, "filename is null");
@@ -254,9 +319,10 @@ KV_NATIVE(void, heapHistogramToFile)(JNIEnv* env, jobject, jstring fileName, jlo
     }
     StringUtfChars name(env, fileName);
     if (name.get() == nullptr) return;
-    FileCloser file{fopen(name.get(), "w")};
-    if (file.file == nullptr) {
-        throw_errno(env, errno);
+    ReplacementFile file;
+    int error = file.create(name.get());
+    if (error != 0) {
+        throw_errno(env, error);
         return;
     }
     Histogram histogram(env);
@@ -266,9 +332,12 @@ KV_NATIVE(void, heapHistogramToFile)(JNIEnv* env, jobject, jstring fileName, jlo
         return;
     }
     histogram.log_walk();
-    write_lines(env, file.file, histogram, !failure);
+    write_lines(env, file.stream(), histogram, !failure);
     if (env->ExceptionCheck()) return;
-    if (failure) {
+    error = file.publish();
+    if (error != 0) {
+        throw_errno(env, error);
+    } else if (failure) {
         raise_walk_failure(env, failure);
     } else if (histogram.timed_out()) {
         throw_exception(env, TIMEOUT_EXCEPTION, "Timeout occurred");
