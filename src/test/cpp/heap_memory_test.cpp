@@ -15,7 +15,7 @@ struct Node {
 
 // A walk's arena, its instance list and its index share one budget and grow until it says no:
 // nothing placed before that is lost or moved, the ceiling is never passed, and the reason is the
-// ceiling (from the first block on, in the lowest case).
+// ceiling (from the first block on, below 2 MB).
 TEST(HeapMemory, ArenaListAndIndexGrowUntilTheCeilingAndLoseNothing) {
     for (size_t ceiling : {size_t{1} << 10, size_t{300} << 10, size_t{2} << 20, size_t{8} << 20}) {
         WalkBudget budget(ceiling);
@@ -23,11 +23,9 @@ TEST(HeapMemory, ArenaListAndIndexGrowUntilTheCeilingAndLoseNothing) {
         NothrowArray<Node*> list(budget);
         NodeIndex<Node> index(budget);
         std::vector<Node*> placed;
-        for (uint64_t key = 0;; key++) {
-            Node* node = nodes.allocate();
-            if (node == nullptr) break;
-            // Keys alike in their low bits: the hash must spread them.
-            node->key = key << 20;
+        // Keys alike in their low bits: the hash must spread them.
+        for (Node* node = nodes.allocate(); node != nullptr; node = nodes.allocate()) {
+            node->key = placed.size() << 20;
             ASSERT_EQ(nullptr, index.find(node->key, node->hash()));
             if (!list.push_back(node) || !index.add(node)) break;
             placed.push_back(node);
