@@ -4,6 +4,7 @@
 #include "exception.h"
 #include "global.h"
 #include "heap.h"
+#include "heap_memory.h"
 #include "lock.h"
 #include "log.h"
 #include "lookup.h"
@@ -13,22 +14,17 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <map>
 #include <optional>
-#include <string>
-#include <tuple>
-#include <vector>
 
 namespace {
 // A loaded class, for the length of one search.
 struct ClassInfo {
-    jclass klass = nullptr;
-    std::string signature;
-    bool fields_read = false;
-    jint field_count = 0;
-    jfieldID* field_ids = nullptr;  // VM memory, given back at the end
-    ClassInfo* super_info = nullptr;
-    std::vector<ClassInfo*> interfaces;
+    jclass klass;
+    bool fields_read;
+    jint field_count;
+    jfieldID* field_ids;    // VM memory, given back at the end
+    jint interface_fields;  // declared by the directly implemented interfaces
+    ClassInfo* super_info;
 };
 
 // An object the search has tagged: how the walk first reached it. Five words; one per reachable
@@ -45,7 +41,7 @@ struct ObjectInfo {
 struct SearchContext {
     ObjectInfo* class_record = nullptr;   // java.lang.Class
     ObjectInfo* search_record = nullptr;  // the class searched for
-    std::vector<ObjectInfo*> instances;
+    NothrowArray<ObjectInfo*>* instances = nullptr;
     IterationLimit* limit = nullptr;
     Arena<ObjectInfo>* arena = nullptr;
 };
@@ -80,32 +76,34 @@ void as_root(ObjectInfo* record, jvmtiHeapReferenceKind kind, jint index, jlong 
     record->parent = nullptr;
 }
 
-// The first reference to an object wins, except that a root always does.
-void reach(SearchContext* context, jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo* info,
+// The first reference to an object wins, except that a root always does. False when the search
+// has no memory left for the object.
+bool reach(SearchContext* context, jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo* info,
            ObjectInfo* own, ObjectInfo* cls, ObjectInfo* from, jlong size, jlong* tag_ptr) {
     jint index = link_index(kind, info);
     if (own != nullptr) {
         if (from == nullptr || own->parent != nullptr || is_root(static_cast<jvmtiHeapReferenceKind>(own->kind)) ||
             own->kind != 0) {
-            return;
+            return true;
         }
         own->kind = kind;
         own->index = index;
         own->size = size;
         own->parent = from;
         own->depth = from->depth + 1;
-        return;
+        return true;
     }
-    if (cls == nullptr || from == nullptr) return;
+    if (cls == nullptr || from == nullptr) return true;
     ObjectInfo* record = context->arena->allocate();
-    if (record == nullptr) return;
+    if (record == nullptr) return false;
     *record = ObjectInfo{static_cast<uint32_t>(kind), index, from->depth + 1, size, from, cls->info};
     *tag_ptr = reinterpret_cast<jlong>(record);
-    if (cls == context->search_record) context->instances.push_back(record);
+    return cls != context->search_record || context->instances->push_back(record);
 }
 }  // namespace
 
 // Runs for every reference the VM follows: no JNI, nothing looked up; records come from the arena.
+// A search that runs out of memory (or reaches its ceiling) stops here.
 jint JNICALL heapReferenceCallbackDump(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo* info,
                                        jlong class_tag, jlong, jlong size, jlong* tag_ptr,
                                        jlong* referrer_tag_ptr, jint, void* user_data) {
@@ -117,75 +115,106 @@ jint JNICALL heapReferenceCallbackDump(jvmtiHeapReferenceKind kind, const jvmtiH
     if (own != nullptr && cls == context->class_record) cls = own;
     if (own != nullptr && own == from) return JVMTI_VISIT_OBJECTS;
     if (!is_root(kind)) {
-        reach(context, kind, info, own, cls, from, size, tag_ptr);
-        return JVMTI_VISIT_OBJECTS;
+        return reach(context, kind, info, own, cls, from, size, tag_ptr) ? JVMTI_VISIT_OBJECTS : JVMTI_VISIT_ABORT;
     }
     jint index = root_index(kind, info);
     if (own != nullptr) {
         as_root(own, kind, index, size);
     } else if (cls != nullptr) {
         ObjectInfo* record = context->arena->allocate();
-        if (record == nullptr) return JVMTI_VISIT_OBJECTS;
+        if (record == nullptr) return JVMTI_VISIT_ABORT;
         *record = ObjectInfo{static_cast<uint32_t>(kind), index, 0, size, nullptr, cls->info};
         *tag_ptr = reinterpret_cast<jlong>(record);
     }
     return JVMTI_VISIT_OBJECTS;
 }
 
-// The records live in the search's arena, freed at once afterwards: only the tag is cleared here.
-jint JNICALL heapIterationCallbackFreeTag(jlong, jlong, jlong* tag_ptr, jint, void*) {
-    *tag_ptr = 0;
-    return JVMTI_VISIT_OBJECTS;
-}
-
 namespace {
 // ---- the merged tree
 
-struct Path;
+bool by_field(uint32_t kind) { return kind == JVMTI_HEAP_REFERENCE_FIELD || kind == JVMTI_HEAP_REFERENCE_STATIC_FIELD; }
 
 // Equal links under one node are one node: same holder class and kind, and for fields the same
 // field; array elements, stack locals and the like merge whatever their index.
-struct PathKey {
-    ClassInfo* info;
+struct LinkKey {
+    const void* parent;
+    const ClassInfo* info;
     uint32_t kind;
     jint index;
-    bool operator<(const PathKey& other) const {
-        return std::tie(info, kind, index) < std::tie(other.info, other.kind, other.index);
+
+    LinkKey(const void* parent_node, const ClassInfo* holder, uint32_t link_kind, jint link_index)
+        : parent(parent_node), info(holder), kind(link_kind), index(by_field(link_kind) ? link_index : 0) {}
+    size_t hash() const {
+        return mix_hash(reinterpret_cast<uintptr_t>(parent), reinterpret_cast<uintptr_t>(info),
+                        static_cast<uint64_t>(kind) << 32 ^ static_cast<uint32_t>(index));
     }
 };
 
 struct Path {
+    Path* parent;
+    Path* first_child;
+    Path* next_sibling;
     ClassInfo* info;
     uint32_t kind;
     jint index;
     uint32_t count;
     jlong size;
-    std::map<PathKey, Path*> children;
+    // Found through the class records, so before the tags are cleared: the class that declares
+    // the field of a field link, and the field.
+    ClassInfo* field_class;
+    jfieldID field;
+    jobject entry;  // while the managed entries are built
+
+    LinkKey key() const { return LinkKey(parent, info, kind, index); }
+    size_t hash() const { return key().hash(); }
+    bool matches(const LinkKey& other) const {
+        LinkKey own = key();
+        return own.parent == other.parent && own.info == other.info && own.kind == other.kind &&
+               own.index == other.index;
+    }
 };
 
-struct Tree {
+// The tree's nodes come from an arena, found again through one index of (parent, link) for the
+// whole tree; each node's children are linked from it. Nothing here can end the process when
+// memory runs out: a null node says so.
+class Tree {
+public:
+    explicit Tree(WalkBudget& budget) : m_nodes(budget, 0), m_index(budget) {}
+
+    bool plant() {
+        root = m_nodes.allocate();
+        if (root != nullptr) *root = Path{nullptr, nullptr, nullptr, nullptr, 0, 0, 0, 0, nullptr, nullptr, nullptr};
+        return root != nullptr;
+    }
+
+    Path* add_link(Path* parent, ClassInfo* info, uint32_t kind, jint index, jlong size) {
+        total++;
+        LinkKey key(parent, info, kind, index);
+        size_t hash = key.hash();
+        Path* found = m_index.find(key, hash);
+        if (found != nullptr) {
+            found->count++;
+            found->size += size;
+            return found;
+        }
+        Path* node = m_nodes.allocate();
+        if (node == nullptr) return nullptr;
+        *node = Path{parent, nullptr, parent->first_child, info, kind, index, 1, size, nullptr, nullptr, nullptr};
+        if (!m_index.add(node)) return nullptr;
+        parent->first_child = node;
+        reduced++;
+        return node;
+    }
+
     Path* root = nullptr;
     int reduced = 0;
     int total = 0;
     jint height = 0;  // levels below the root
-};
 
-Path* add_link(Tree& tree, Path* parent, ClassInfo* info, uint32_t kind, jint index, jlong size) {
-    tree.total++;
-    bool by_field = kind == JVMTI_HEAP_REFERENCE_FIELD || kind == JVMTI_HEAP_REFERENCE_STATIC_FIELD;
-    PathKey key{info, kind, by_field ? index : 0};
-    auto found = parent->children.find(key);
-    if (found != parent->children.end()) {
-        found->second->count++;
-        found->second->size += size;
-        return found->second;
-    }
-    auto* node = new (std::nothrow) Path{info, kind, index, 1, size, {}};
-    if (node == nullptr) return nullptr;
-    parent->children.emplace(key, node);
-    tree.reduced++;
-    return node;
-}
+private:
+    Arena<Path> m_nodes;
+    NodeIndex<Path> m_index;
+};
 
 bool same_link(const ObjectInfo* a, const ObjectInfo* b) {
     return a->info == b->info && a->kind == b->kind && a->index == b->index;
@@ -208,7 +237,7 @@ ObjectInfo* run_end(ObjectInfo* start) {
 }
 
 // Merges one instance's chain of first references, from the instance up to its root. False when
-// the compaction deadline has passed.
+// the compaction deadline has passed or the tree cannot grow.
 bool merge_instance(Tree& tree, ObjectInfo* instance, std::optional<double> deadline, jlong* steps) {
     if (tree.root->count == 0) tree.root->info = instance->info;
     tree.root->count++;
@@ -225,89 +254,153 @@ bool merge_instance(Tree& tree, ObjectInfo* instance, std::optional<double> dead
             holder = run_end(holder);
             continue;
         }
-        current = add_link(tree, current, holder->info, child->kind, child->index, instance->size);
-        if (current == nullptr) return true;
+        current = tree.add_link(current, holder->info, child->kind, child->index, instance->size);
+        if (current == nullptr) return false;
         level++;
     }
-    if (add_link(tree, current, nullptr, child->kind, child->index, instance->size) != nullptr) level++;
-    tree.height = std::max(tree.height, level);
+    if (tree.add_link(current, nullptr, child->kind, child->index, instance->size) == nullptr) return false;
+    tree.height = std::max(tree.height, level + 1);
     return true;
 }
 
-void free_tree(Path* root) {
-    std::vector<Path*> pending{root};
-    while (!pending.empty()) {
-        Path* node = pending.back();
-        pending.pop_back();
-        for (auto& child : node->children) pending.push_back(child.second);
-        delete node;
+// Visits the nodes below the root down to max_depth, depth first, through the nodes' own links:
+// no stack, however deep the tree. `enter(node)` on the way down (false ends the visit: every node
+// entered and not yet left is then left), `leave(node)` once its subtree is done.
+template <typename Enter, typename Leave>
+bool visit_tree(Path* root, jint max_depth, Enter enter, Leave leave) {
+    Path* node = max_depth > 0 ? root->first_child : nullptr;
+    jint depth = 1;
+    while (node != nullptr && node != root) {
+        if (!enter(node)) {
+            for (; node != root; node = node->parent) leave(node);
+            return false;
+        }
+        if (depth < max_depth && node->first_child != nullptr) {
+            node = node->first_child;
+            depth++;
+            continue;
+        }
+        for (; node != root; node = node->parent, depth--) {
+            leave(node);
+            if (node->next_sibling != nullptr) {
+                node = node->next_sibling;
+                break;
+            }
+        }
     }
+    return true;
 }
 
 // One search: the classes with their records, the walk, the tree, and the clean-up that clears
-// every tag and frees every record on every path.
+// every tag on every path. Everything up to the clean-up runs under TAG_LOCK; the managed entries
+// are built afterwards from native results alone.
 class Search {
 public:
-    explicit Search(JNIEnv* env) : m_env(env), m_classes(env) {}
+    Search(JNIEnv* env, jint max_depth)
+        : m_env(env), m_max_depth(max_depth), m_classes(env), m_budget(walk_ceiling_bytes()),
+          m_arena(m_budget, TAG_ENTRY_BYTES), m_instances(m_budget), m_tree(m_budget) {}
     ~Search();
+    Search(const Search&) = delete;
+    Search& operator=(const Search&) = delete;
 
-    jvmtiError read_classes() { return m_classes.read(); }
-    void tag_classes(const char* wanted);
-    bool has_targets() const;
-    jvmtiError walk(jlong limit_millis);
-    void compact(jlong limit_millis);
-    jobject build_entries(jint max_depth);
+    WalkFailure run(const char* wanted, jlong limit_millis) {
+        JavaLockGuard guard(TAG_LOCK);
+        return run_locked(wanted, limit_millis);
+    }
+    bool found_targets() const { return m_targets; }
+    jobject build_entries();
     bool timed_out() const { return m_limit && m_limit->timed_out; }
     void log_timeout() const;
-    jvmtiError clean_up();
+    jvmtiError clean_up_error() const { return m_clean_up_error; }
 
 private:
+    WalkFailure run_locked(const char* wanted, jlong limit_millis);
+    WalkFailure search(const char* wanted, jlong limit_millis);
+    bool tag_classes(const char* wanted);
+    bool has_targets() const;
+    jvmtiError walk(jlong limit_millis);
     void recover_classes();
+    bool compact(jlong limit_millis);
+    void clean_up();
     void init_classinfo(ClassInfo* info);
     jint fields_above(const ClassInfo* info) const;
-    jstring field_name(ClassInfo* holder, jint index);
-    jobject new_entry(jclass entry_class, jmethodID constructor, const Path* node, bool named);
+    void resolve_field(Path* node);
+    jstring field_name(const Path* node);
+    jobject new_entry(jclass entry_class, jmethodID constructor, const Path* node);
 
     JNIEnv* m_env;
+    jint m_max_depth;
     LoadedClasses m_classes;
-    std::vector<ClassInfo> m_infos;
+    // Declared before everything that allocates from it.
+    WalkBudget m_budget;
+    ClassInfo* m_infos = nullptr;
+    size_t m_info_count = 0;
     Arena<ObjectInfo> m_arena;
+    NothrowArray<ObjectInfo*> m_instances;
     SearchContext m_context;
     std::optional<IterationLimit> m_limit;
     Tree m_tree;
     double m_walk_end = 0;
-    bool m_cleaned = false;
+    bool m_targets = false;
+    jvmtiError m_clean_up_error = JVMTI_ERROR_NONE;
 };
 
 Search::~Search() {
-    if (!m_cleaned) clean_up();
-    if (m_tree.root != nullptr) free_tree(m_tree.root);
-    for (ClassInfo& info : m_infos) {
-        if (info.field_ids != nullptr) g_jvmti->Deallocate(reinterpret_cast<unsigned char*>(info.field_ids));
+    for (size_t k = 0; k < m_info_count; k++) {
+        if (m_infos[k].field_ids != nullptr) g_jvmti->Deallocate(reinterpret_cast<unsigned char*>(m_infos[k].field_ids));
     }
+    if (m_infos != nullptr) m_budget.release(m_infos, m_info_count * sizeof(ClassInfo));
 }
 
-void Search::tag_classes(const char* wanted) {
+WalkFailure Search::run_locked(const char* wanted, jlong limit_millis) {
+    jvmtiError error = clear_leftover_tags();
+    if (error != JVMTI_ERROR_NONE) return WalkFailure{WalkFailure::TAGS_LEFT, error};
+    error = m_classes.read();
+    if (error != JVMTI_ERROR_NONE) return WalkFailure::jvmti(error);
+    WalkFailure failure = search(wanted, limit_millis);
+    clean_up();
+    return failure;
+}
+
+WalkFailure Search::search(const char* wanted, jlong limit_millis) {
+    if (!tag_classes(wanted)) return WalkFailure::of(m_budget);
+    m_targets = has_targets();
+    if (!m_targets) return WalkFailure{};
+    jvmtiError error = walk(limit_millis);
+    // A walk stopped for memory ends without an error of its own.
+    if (m_budget.failure() != WalkBudget::NONE) return WalkFailure::of(m_budget);
+    if (error != JVMTI_ERROR_NONE) return WalkFailure::jvmti(error);
+    if (!compact(limit_millis)) return WalkFailure::of(m_budget);
+    // Field names are found through the class records, which only the tags lead to.
+    visit_tree(m_tree.root, m_max_depth, [this](Path* node) { resolve_field(node); return true; }, [](Path*) {});
+    return WalkFailure{};
+}
+
+// False when memory ran out.
+bool Search::tag_classes(const char* wanted) {
     size_t wanted_length = std::strlen(wanted);
-    m_infos.resize(static_cast<size_t>(m_classes.count()));
+    size_t count = static_cast<size_t>(m_classes.count());
+    m_infos = static_cast<ClassInfo*>(m_budget.allocate(count * sizeof(ClassInfo)));
+    if (m_infos == nullptr) return false;
+    std::memset(static_cast<void*>(m_infos), 0, count * sizeof(ClassInfo));
+    m_info_count = count;
     for (jint k = 0; k < m_classes.count(); k++) {
-        ClassInfo& info = m_infos[static_cast<size_t>(k)];
+        ClassInfo& info = m_infos[k];
         info.klass = m_classes[k];
-        JvmtiBuffer<char> signature;
-        if (g_jvmti->GetClassSignature(info.klass, signature.out(), nullptr) == JVMTI_ERROR_NONE) {
-            info.signature = signature.get();
-        }
         ObjectInfo* record = m_arena.allocate();
-        if (record == nullptr) continue;
+        if (record == nullptr) return false;
         *record = ObjectInfo{0, 0, 0, 0, nullptr, &info};
         g_jvmti->SetTag(info.klass, reinterpret_cast<jlong>(record));
-        if (m_context.class_record == nullptr && info.signature.rfind("Ljava/lang/Class;", 0) == 0) {
+        JvmtiBuffer<char> signature;
+        if (g_jvmti->GetClassSignature(info.klass, signature.out(), nullptr) != JVMTI_ERROR_NONE) continue;
+        if (m_context.class_record == nullptr && std::strcmp(signature.get(), "Ljava/lang/Class;") == 0) {
             m_context.class_record = record;
         }
-        if (m_context.search_record == nullptr && info.signature.compare(0, wanted_length, wanted) == 0) {
+        if (m_context.search_record == nullptr && std::strncmp(signature.get(), wanted, wanted_length) == 0) {
             m_context.search_record = record;
         }
     }
+    return true;
 }
 
 bool Search::has_targets() const {
@@ -317,17 +410,14 @@ bool Search::has_targets() const {
 }
 
 jvmtiError Search::walk(jlong limit_millis) {
-    double start = get_time();
-    if (limit_millis > 0) {
-        m_limit = IterationLimit{start + static_cast<double>(limit_millis) / 1000.0, 0, JNI_FALSE};
-        LOG_DEBUG("Timeout Ts=%lf, now=%lf timeout=%ldms", m_limit->deadline, start, static_cast<long>(limit_millis));
-    }
+    m_limit = start_limit(limit_millis, get_time());
     m_context.limit = m_limit ? &*m_limit : nullptr;
     m_context.arena = &m_arena;
+    m_context.instances = &m_instances;
     // The walk reports this thread's local references as roots. Held across it, the references to
     // every loaded class would make each class (and all it holds) look rooted right here, hiding
     // the class loader paths that really keep them alive; they are found again by their tags.
-    for (ClassInfo& info : m_infos) info.klass = nullptr;
+    for (size_t k = 0; k < m_info_count; k++) m_infos[k].klass = nullptr;
     m_classes.release();
     jvmtiHeapCallbacks callbacks{};
     callbacks.heap_reference_callback = heapReferenceCallbackDump;
@@ -346,23 +436,35 @@ void Search::recover_classes() {
 }
 
 // Without a time limit every instance is merged; with one, merging stops at the same limit
-// counted from the end of the walk.
-void Search::compact(jlong limit_millis) {
-    m_tree.root = new (std::nothrow) Path{nullptr, 0, 0, 0, 0, {}};
-    if (m_tree.root == nullptr) return;
+// counted from the end of the walk. False when memory ran out.
+bool Search::compact(jlong limit_millis) {
+    if (!m_tree.plant()) return false;
     std::optional<double> deadline;
     if (limit_millis > 0) deadline = m_walk_end + static_cast<double>(limit_millis) / 1000.0;
     jlong steps = 0;
-    for (ObjectInfo* instance : m_context.instances) {
-        if (!merge_instance(m_tree, instance, deadline, &steps)) break;
+    for (size_t k = 0; k < m_instances.size(); k++) {
+        if (!merge_instance(m_tree, m_instances[k], deadline, &steps)) break;
     }
     LOG_DEBUG("Nodes reduced=%d total=%d", m_tree.reduced, m_tree.total);
+    return m_budget.failure() == WalkBudget::NONE;
+}
+
+// Every tag goes, class tags included; when that fails, the records they name are kept.
+void Search::clean_up() {
+    m_clean_up_error = clear_every_tag();
+    if (m_clean_up_error != JVMTI_ERROR_NONE) {
+        keep_until_tags_cleared(m_arena.blocks());
+    } else {
+        m_arena.blocks().free_all();
+    }
 }
 
 void Search::init_classinfo(ClassInfo* info) {
     if (info->fields_read || info->klass == nullptr) return;
     if (g_jvmti->GetClassFields(info->klass, &info->field_count, &info->field_ids) != JVMTI_ERROR_NONE) {
-        LOG_ERROR("Failed to get fields for %s", info->signature.c_str());
+        JvmtiBuffer<char> signature;
+        g_jvmti->GetClassSignature(info->klass, signature.out(), nullptr);
+        LOG_ERROR("Failed to get fields for %s", signature ? signature.get() : "");
         info->field_count = 0;
         info->field_ids = nullptr;
         return;
@@ -381,7 +483,7 @@ void Search::init_classinfo(ClassInfo* info) {
         LocalRef<jclass> interface(m_env, interfaces[static_cast<size_t>(k)]);
         if (g_jvmti->GetTag(interface.get(), &tag) != JVMTI_ERROR_NONE || tag == 0) continue;
         init_classinfo(record_of(tag)->info);
-        info->interfaces.push_back(record_of(tag)->info);
+        info->interface_fields += record_of(tag)->info->field_count;
     }
 }
 
@@ -391,43 +493,44 @@ jint Search::fields_above(const ClassInfo* info) const {
     return count;
 }
 
-// The name of the field a JVMTI field index denotes in the holder's class: the index counts the
-// fields of the directly implemented interfaces first, then those of the superclasses, then the
-// class's own.
-jstring Search::field_name(ClassInfo* holder, jint index) {
-    init_classinfo(holder);
-    for (ClassInfo* info = holder; info != nullptr; info = info->super_info) {
-        jint in_interfaces = 0;
-        for (const ClassInfo* interface : info->interfaces) in_interfaces += interface->field_count;
-        jint relative = index - in_interfaces;
+// The field a JVMTI field index denotes in the holder's class: the index counts the fields of the
+// directly implemented interfaces first, then those of the superclasses, then the class's own.
+void Search::resolve_field(Path* node) {
+    if (!by_field(node->kind) || node->info == nullptr) return;
+    init_classinfo(node->info);
+    for (ClassInfo* info = node->info; info != nullptr; info = info->super_info) {
+        jint relative = node->index - info->interface_fields;
         jint above = fields_above(info->super_info);
         if (above > relative) continue;
         jint number = relative - above;
-        if (number >= info->field_count || info->field_ids == nullptr) return nullptr;
-        JvmtiBuffer<char> name;
-        if (g_jvmti->GetFieldName(info->klass, info->field_ids[number], name.out(), nullptr, nullptr) !=
-            JVMTI_ERROR_NONE) {
-            return nullptr;
-        }
-        return m_env->NewStringUTF(name.get());
+        if (number >= info->field_count || info->field_ids == nullptr) return;
+        node->field_class = info;
+        node->field = info->field_ids[number];
+        return;
     }
-    return nullptr;
 }
 
-jobject Search::new_entry(jclass entry_class, jmethodID constructor, const Path* node, bool named) {
-    bool by_field = node->kind == JVMTI_HEAP_REFERENCE_FIELD || node->kind == JVMTI_HEAP_REFERENCE_STATIC_FIELD;
-    LocalRef<jstring> name(m_env, named && by_field && node->info != nullptr ? field_name(node->info, node->index)
-                                                                            : nullptr);
+jstring Search::field_name(const Path* node) {
+    if (node->field_class == nullptr) return nullptr;
+    JvmtiBuffer<char> name;
+    if (g_jvmti->GetFieldName(node->field_class->klass, node->field, name.out(), nullptr, nullptr) !=
+        JVMTI_ERROR_NONE) {
+        return nullptr;
+    }
+    return m_env->NewStringUTF(name.get());
+}
+
+jobject Search::new_entry(jclass entry_class, jmethodID constructor, const Path* node) {
+    LocalRef<jstring> name(m_env, field_name(node));
     if (m_env->ExceptionCheck()) return nullptr;
     return m_env->NewObject(entry_class, constructor, static_cast<jint>(node->kind), node->index,
                             node->info != nullptr ? node->info->klass : nullptr, name.get(),
                             static_cast<jint>(node->count), node->size);
 }
 
-// Turns the merged tree into managed entries, depth first with an explicit stack (a chain can be
-// as deep as the heap). Only the entries of the nodes on the stack are held, so local references
-// stay bounded by the depth. A managed exception ends the building; the tree is freed anyway.
-jobject Search::build_entries(jint max_depth) {
+// Turns the merged tree into managed entries. Only the entries of the nodes on the current path
+// are held, so local references stay bounded by the depth. A managed exception ends the building.
+jobject Search::build_entries() {
     ReferenceCountedJObject registered = get_osgi_class("GCPathEntry");
     auto entry_class = static_cast<jclass>(registered.get());
     if (entry_class == nullptr) {
@@ -446,52 +549,26 @@ jobject Search::build_entries(jint max_depth) {
         LOG_ERROR("Cannot find addChild of GCPathEntry");
         return nullptr;
     }
-    ensure_local_capacity(m_env, std::min(max_depth, m_tree.height) + 1);
-    jobject root = new_entry(entry_class, constructor, m_tree.root, false);
+    ensure_local_capacity(m_env, std::min(m_max_depth, m_tree.height) + 1);
+    jobject root = new_entry(entry_class, constructor, m_tree.root);
     if (root == nullptr) return nullptr;
-    struct Level {
-        const Path* node;
-        std::map<PathKey, Path*>::const_iterator cursor;
-        jobject entry;
-    };
-    std::vector<Level> stack{Level{m_tree.root, m_tree.root->children.begin(), root}};
-    while (!stack.empty() && !m_env->ExceptionCheck()) {
-        Level& top = stack.back();
-        if (top.cursor == top.node->children.end()) {
-            if (stack.size() > 1 && top.entry != nullptr) m_env->DeleteLocalRef(top.entry);
-            stack.pop_back();
-            continue;
-        }
-        const Path* child = (top.cursor++)->second;
-        jobject entry = nullptr;
-        if (static_cast<jint>(stack.size()) <= max_depth) {
-            entry = new_entry(entry_class, constructor, child, true);
-            if (entry == nullptr) break;
-            m_env->CallVoidMethod(top.entry, add_child, entry);
-        }
-        // Below the depth limit there is nothing more to build: skip the subtree.
-        if (entry == nullptr) continue;
-        stack.push_back(Level{child, child->children.begin(), entry});
-    }
-    for (size_t k = 1; k < stack.size(); k++) {
-        if (stack[k].entry != nullptr) m_env->DeleteLocalRef(stack[k].entry);
-    }
+    m_tree.root->entry = root;
+    visit_tree(
+        m_tree.root, m_max_depth,
+        [&](Path* node) {
+            node->entry = new_entry(entry_class, constructor, node);
+            if (node->entry != nullptr) m_env->CallVoidMethod(node->parent->entry, add_child, node->entry);
+            return node->entry != nullptr && !m_env->ExceptionCheck();
+        },
+        [&](Path* node) {
+            if (node->entry != nullptr) m_env->DeleteLocalRef(node->entry);
+            node->entry = nullptr;
+        });
     return root;
 }
 
 void Search::log_timeout() const {
     if (timed_out()) log_walk_timeout(*m_limit, m_walk_end);
-}
-
-jvmtiError Search::clean_up() {
-    m_cleaned = true;
-    for (jint k = 0; k < m_classes.count(); k++) {
-        jlong tag = 0;
-        if (g_jvmti->GetTag(m_classes[k], &tag) == JVMTI_ERROR_NONE && tag != 0) g_jvmti->SetTag(m_classes[k], 0);
-    }
-    jvmtiHeapCallbacks callbacks{};
-    callbacks.heap_iteration_callback = heapIterationCallbackFreeTag;
-    return g_jvmti->IterateThroughHeap(JVMTI_HEAP_FILTER_UNTAGGED, nullptr, &callbacks, nullptr);
 }
 }  // namespace
 
@@ -519,31 +596,24 @@ KV_NATIVE(void, gcRoots)(JNIEnv* env, jobject, jobject callback, jstring signatu
         LOG_ERROR("Cannot find gcRoots method on the callback object");
         return;
     }
-    JavaLockGuard guard(TAG_LOCK);
     StringUtfChars wanted(env, signature);
     if (wanted.get() == nullptr) return;
-    Search search(env);
-    jvmtiError error = search.read_classes();
-    if (error != JVMTI_ERROR_NONE) {
-        throw_jvmti_exception(env, error);
+    Search search(env, maxDepth);
+    WalkFailure failure = search.run(wanted.get(), limit);
+    if (failure) {
+        raise_walk_failure(env, failure);
         return;
     }
-    search.tag_classes(wanted.get());
-    if (!search.has_targets()) return;
-    error = search.walk(limit);
-    if (error != JVMTI_ERROR_NONE) {
-        throw_jvmti_exception(env, error);
-        return;
-    }
-    search.compact(limit);
+    if (!search.found_targets()) return;
     {
-        LocalRef<jobject> root(env, search.build_entries(maxDepth));
+        LocalRef<jobject> root(env, search.build_entries());
         if (!env->ExceptionCheck()) env->CallVoidMethod(callback, deliver, root.get());
     }
     if (search.timed_out()) {
         search.log_timeout();
         if (!env->ExceptionCheck()) throw_exception(env, TIMEOUT_EXCEPTION, "Timeout occurred");
     }
-    error = search.clean_up();
-    if (error != JVMTI_ERROR_NONE && !env->ExceptionCheck()) throw_jvmti_exception(env, error);
+    if (search.clean_up_error() != JVMTI_ERROR_NONE && !env->ExceptionCheck()) {
+        throw_jvmti_exception(env, search.clean_up_error());
+    }
 }

@@ -6,4 +6,3 @@
 jint JNICALL heapReferenceCallbackDump(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo* info,
                                        jlong class_tag, jlong referrer_class_tag, jlong size, jlong* tag_ptr,
                                        jlong* referrer_tag_ptr, jint length, void* user_data);
-jint JNICALL heapIterationCallbackFreeTag(jlong class_tag, jlong size, jlong* tag_ptr, jint length, void* user_data);

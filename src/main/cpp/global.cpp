@@ -8,6 +8,7 @@ std::atomic<bool> g_vm_alive{false};
 bool g_stepping_enabled = true;
 bool g_exceptions_enabled = true;
 std::atomic<jint> MAX_STEP{DEFAULT_MAX_STEP};
+long g_heap_walk_max_mb = 64;
 
 JavaLock* PAUSE_LOCK = nullptr;
 JavaLock* TAG_LOCK = nullptr;

@@ -25,6 +25,8 @@ extern bool g_exceptions_enabled;
 // The longest duration of a step, in seconds; changed at run time by setMaxStepDuration.
 extern std::atomic<jint> MAX_STEP;
 constexpr jint DEFAULT_MAX_STEP = 15;
+// The native memory one heap walk may take, in megabytes (kv.jvmti.heap.walk.max.mb); fixed at load.
+extern long g_heap_walk_max_mb;
 
 extern JavaLock* PAUSE_LOCK;
 extern JavaLock* TAG_LOCK;

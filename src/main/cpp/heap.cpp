@@ -2,16 +2,20 @@
 
 #include "exception.h"
 #include "global.h"
+#include "heap_memory.h"
 #include "hooks.h"
 #include "lock.h"
 #include "log.h"
-#include "lookup.h"
 #include "native.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <optional>
-#include <vector>
+#include <cstdlib>
+#include <cstring>
 
 namespace {
 struct ClassCounter {
@@ -19,105 +23,218 @@ struct ClassCounter {
     jlong size;
 };
 
-// One histogram: the classes tagged with their counters, the walk, and the clean-up that gives
-// every tag back whatever happened.
+// One histogram. Under TAG_LOCK every class is tagged with a counter of its own, the heap walked
+// and every tag cleared again; the counts are copied out of the tagged memory before, so that the
+// results read once the lock is released are named by no tag.
 class Histogram {
 public:
-    explicit Histogram(JNIEnv* env) : m_classes(env) {}
+    explicit Histogram(JNIEnv* env) : m_classes(env), m_budget(walk_ceiling_bytes()) {}
+    ~Histogram() {
+        if (m_counts != nullptr) m_budget.release(m_counts, counts_bytes());
+    }
+    Histogram(const Histogram&) = delete;
+    Histogram& operator=(const Histogram&) = delete;
 
-    jvmtiError read_classes() { return m_classes.read(); }
+    WalkFailure count(jlong limit_millis) {
+        JavaLockGuard guard(TAG_LOCK);
+        return count_locked(limit_millis);
+    }
+    // Whether the walk ran (even if it failed or timed out): the counts are there to report.
+    bool counted() const { return m_counts != nullptr; }
     jint class_count() const { return m_classes.count(); }
-
-    // Tags every class with its own counter and walks the heap. Runs under TAG_LOCK.
-    jvmtiError tag_and_walk(jlong limit_millis) {
-        m_counters.assign(static_cast<size_t>(m_classes.count()), ClassCounter{0, 0});
-        for (jint k = 0; k < m_classes.count(); k++) {
-            g_jvmti->SetTag(m_classes[k], reinterpret_cast<jlong>(&m_counters[static_cast<size_t>(k)]));
-        }
-        m_start = get_time();
-        if (limit_millis > 0) {
-            m_limit = IterationLimit{m_start + static_cast<double>(limit_millis) / 1000.0, 0, JNI_FALSE};
-            LOG_DEBUG("Timeout Ts=%lf, now=%lf timeout=%ldms", m_limit->deadline, m_start, static_cast<long>(limit_millis));
-        }
-        jvmtiHeapCallbacks callbacks{};
-        callbacks.heap_iteration_callback = heapIterationCallback;
-        return g_jvmti->IterateThroughHeap(0, nullptr, &callbacks, m_limit ? &*m_limit : nullptr);
-    }
-
-    // Clears every class's tag and hands what its counter holds to `each` (class index, class,
-    // counter); classes whose tag cannot be read are left out.
-    template <typename Each>
-    void clear_tags(Each each) {
-        for (jint k = 0; k < m_classes.count(); k++) {
-            jlong tag = 0;
-            if (g_jvmti->GetTag(m_classes[k], &tag) != JVMTI_ERROR_NONE) continue;
-            jvmtiError error = g_jvmti->SetTag(m_classes[k], 0);
-            if (error != JVMTI_ERROR_NONE) {
-                LOG_WARN("Failed to clear the tag of a class %s %d", get_error_message(error).c_str(), error);
-            }
-            ClassCounter none{0, 0};
-            const ClassCounter* counter = tag != 0 ? reinterpret_cast<const ClassCounter*>(tag) : &none;
-            each(k, m_classes[k], *counter);
-        }
-    }
-
+    jclass klass(jint k) const { return m_classes[k]; }
+    const ClassCounter& counts(jint k) const { return m_counts[k]; }
     bool timed_out() const { return m_limit && m_limit->timed_out; }
 
-    void log_timeout() const {
+    void log_walk() const {
+        LOG_DEBUG("Duration=%lf", m_walk_end - m_start);
         if (timed_out()) log_walk_timeout(*m_limit, m_start);
+        LOG_DEBUG("Count=%d", class_count());
     }
-
-    double start() const { return m_start; }
 
 private:
+    size_t counts_bytes() const { return static_cast<size_t>(m_classes.count()) * sizeof(ClassCounter); }
+    WalkFailure count_locked(jlong limit_millis);
+    jvmtiError walk(ClassCounter* counters, jlong limit_millis);
+    bool clear_class_tags();
+
     LoadedClasses m_classes;
-    std::vector<ClassCounter> m_counters;
+    WalkBudget m_budget;
+    ClassCounter* m_counts = nullptr;
     std::optional<IterationLimit> m_limit;
     double m_start = 0;
+    double m_walk_end = 0;
 };
 
-// The three result arrays of heapHistogram, filled class by class as the tags are cleared.
-struct HistogramArrays {
-    LocalRef<jobjectArray> names;
-    std::vector<jlong> counts;
-    std::vector<jlong> sizes;
-};
-
-void deliver(JNIEnv* env, jobject callback, jmethodID instance, HistogramArrays& arrays) {
-    jsize n = static_cast<jsize>(arrays.counts.size());
-    LocalRef<jlongArray> counts(env, env->NewLongArray(n));
-    if (!counts) return;
-    LocalRef<jlongArray> sizes(env, env->NewLongArray(n));
-    if (!sizes) return;
-    env->SetLongArrayRegion(counts.get(), 0, n, arrays.counts.data());
-    env->SetLongArrayRegion(sizes.get(), 0, n, arrays.sizes.data());
-    env->CallVoidMethod(callback, instance, arrays.names.get(), counts.get(), sizes.get());
-}
-
-void collect(JNIEnv* env, Histogram& histogram, HistogramArrays& arrays) {
-    histogram.clear_tags([&](jint k, jclass clazz, const ClassCounter& counter) {
-        arrays.counts[static_cast<size_t>(k)] = counter.count;
-        arrays.sizes[static_cast<size_t>(k)] = counter.size;
-        if (!arrays.names || env->ExceptionCheck()) return;
-        LocalRef<jstring> name(env, env->NewStringUTF(get_class_name(env, clazz).c_str()));
-        if (name) env->SetObjectArrayElement(arrays.names.get(), k, name.get());
-    });
-}
-
-void write_lines(FILE* file, JNIEnv* env, Histogram& histogram) {
-    histogram.clear_tags([&](jint, jclass clazz, const ClassCounter& counter) {
-        fprintf(file, "%s,%ld,%ld\n", get_class_name(env, clazz).c_str(), static_cast<long>(counter.count),
-                static_cast<long>(counter.size));
-    });
-}
-
-// Closes the file however the native ends.
-struct FileCloser {
-    FILE* file;
-    ~FileCloser() {
-        if (file != nullptr) fclose(file);
+WalkFailure Histogram::count_locked(jlong limit_millis) {
+    jvmtiError error = clear_leftover_tags();
+    if (error != JVMTI_ERROR_NONE) return WalkFailure{WalkFailure::TAGS_LEFT, error};
+    error = m_classes.read();
+    if (error != JVMTI_ERROR_NONE) return WalkFailure::jvmti(error);
+    BlockChain tagged;
+    size_t classes = static_cast<size_t>(m_classes.count());
+    auto* counters = static_cast<ClassCounter*>(tagged.add(m_budget, counts_bytes(), classes * TAG_ENTRY_BYTES));
+    auto* counts = static_cast<ClassCounter*>(m_budget.allocate(counts_bytes()));
+    if (counters == nullptr || counts == nullptr) {
+        if (counts != nullptr) m_budget.release(counts, counts_bytes());
+        return WalkFailure::of(m_budget);
     }
+    error = walk(counters, limit_millis);
+    std::memcpy(counts, counters, counts_bytes());
+    m_counts = counts;
+    if (!clear_class_tags()) keep_until_tags_cleared(tagged);
+    return error != JVMTI_ERROR_NONE ? WalkFailure::jvmti(error) : WalkFailure{};
+}
+
+jvmtiError Histogram::walk(ClassCounter* counters, jlong limit_millis) {
+    std::memset(counters, 0, counts_bytes());
+    for (jint k = 0; k < m_classes.count(); k++) g_jvmti->SetTag(m_classes[k], reinterpret_cast<jlong>(&counters[k]));
+    m_start = get_time();
+    m_limit = start_limit(limit_millis, m_start);
+    jvmtiHeapCallbacks callbacks{};
+    callbacks.heap_iteration_callback = heapIterationCallback;
+    jvmtiError error = g_jvmti->IterateThroughHeap(0, nullptr, &callbacks, m_limit ? &*m_limit : nullptr);
+    m_walk_end = get_time();
+    return error;
+}
+
+// False when a tag stays: it names a counter, which must then outlive it.
+bool Histogram::clear_class_tags() {
+    bool cleared = true;
+    for (jint k = 0; k < m_classes.count(); k++) {
+        jvmtiError error = g_jvmti->SetTag(m_classes[k], 0);
+        if (error != JVMTI_ERROR_NONE) {
+            LOG_WARN("Failed to clear the tag of a class %s %d", get_error_message(error).c_str(), error);
+            cleared = false;
+        }
+    }
+    return cleared;
+}
+
+// Hands each class's name, as Class.getName gives it, to `each` (class index, name) until a
+// managed exception is pending; a name that getName cannot give is empty.
+template <typename Each>
+void each_class_name(JNIEnv* env, const Histogram& histogram, Each each) {
+    LocalRef<jclass> class_class(env, env->FindClass("java/lang/Class"));
+    if (!class_class) return;
+    jmethodID get_name = env->GetMethodID(class_class.get(), "getName", "()Ljava/lang/String;");
+    for (jint k = 0; get_name != nullptr && k < histogram.class_count(); k++) {
+        LocalRef<jstring> name(env, static_cast<jstring>(env->CallObjectMethod(histogram.klass(k), get_name)));
+        if (env->ExceptionCheck()) {
+            env->ExceptionClear();
+            name.reset(env->NewStringUTF(""));
+        }
+        if (!name) return;
+        each(k, name.get());
+        if (env->ExceptionCheck()) return;
+    }
+}
+
+// A long[] of one field of every class's counts; null with an exception pending when it cannot be
+// made.
+jlongArray counts_column(JNIEnv* env, const Histogram& histogram, jlong ClassCounter::*field) {
+    jlongArray column = env->NewLongArray(histogram.class_count());
+    if (column == nullptr) return nullptr;
+    auto* values = static_cast<jlong*>(env->GetPrimitiveArrayCritical(column, nullptr));
+    if (values == nullptr) return column;
+    for (jint k = 0; k < histogram.class_count(); k++) values[k] = histogram.counts(k).*field;
+    env->ReleasePrimitiveArrayCritical(column, values, 0);
+    return column;
+}
+
+void deliver(JNIEnv* env, jobject callback, jmethodID instance, const Histogram& histogram) {
+    LocalRef<jclass> string_class(env, env->FindClass("java/lang/String"));
+    if (!string_class) return;
+    LocalRef<jobjectArray> names(env, env->NewObjectArray(histogram.class_count(), string_class.get(), nullptr));
+    if (!names) return;
+    each_class_name(env, histogram, [&](jint k, jstring name) { env->SetObjectArrayElement(names.get(), k, name); });
+    if (env->ExceptionCheck()) return;
+    LocalRef<jlongArray> counts(env, counts_column(env, histogram, &ClassCounter::count));
+    if (env->ExceptionCheck()) return;
+    LocalRef<jlongArray> sizes(env, counts_column(env, histogram, &ClassCounter::size));
+    if (env->ExceptionCheck()) return;
+    env->CallVoidMethod(callback, instance, names.get(), counts.get(), sizes.get());
+}
+
+// The histogram file. It is written under a new name beside the target path, created exclusively
+// so that nothing already there is followed or truncated, and then renamed over the path: a file
+// or a link there is replaced, never written through, and no reader sees half a file. The
+// temporary file is removed on every other way out.
+class ReplacementFile {
+public:
+    ReplacementFile() = default;
+    ~ReplacementFile();
+    ReplacementFile(const ReplacementFile&) = delete;
+    ReplacementFile& operator=(const ReplacementFile&) = delete;
+
+    // 0, or the errno of the failure.
+    int create(const char* target);
+    FILE* stream() const { return m_stream; }
+    int publish();
+
+private:
+    int open_exclusive();
+
+    const char* m_target = nullptr;
+    char* m_temporary = nullptr;
+    size_t m_capacity = 0;
+    bool m_created = false;
+    FILE* m_stream = nullptr;
 };
+
+ReplacementFile::~ReplacementFile() {
+    if (m_stream != nullptr) fclose(m_stream);
+    if (m_created) unlink(m_temporary);
+    std::free(m_temporary);
+}
+
+int ReplacementFile::create(const char* target) {
+    m_target = target;
+    m_capacity = std::strlen(target) + 48;
+    m_temporary = static_cast<char*>(std::malloc(m_capacity));
+    if (m_temporary == nullptr) return ENOMEM;
+    int fd = open_exclusive();
+    if (fd < 0) return errno;
+    m_created = true;
+    m_stream = fdopen(fd, "w");
+    if (m_stream != nullptr) return 0;
+    int error = errno;
+    close(fd);
+    return error;
+}
+
+// The descriptor of a newly created "<target>.<pid>.<n>.tmp"; names that a process of the same
+// id left behind are passed over.
+int ReplacementFile::open_exclusive() {
+    static std::atomic<unsigned> s_sequence{0};
+    for (int attempt = 0; attempt < 100; attempt++) {
+        snprintf(m_temporary, m_capacity, "%s.%ld.%u.tmp", m_target, static_cast<long>(getpid()), s_sequence++);
+        int fd = open(m_temporary, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+        if (fd >= 0 || errno != EEXIST) return fd;
+    }
+    return -1;
+}
+
+int ReplacementFile::publish() {
+    int error = fflush(m_stream) != 0 || ferror(m_stream) ? (errno != 0 ? errno : EIO) : 0;
+    if (fclose(m_stream) != 0 && error == 0) error = errno;
+    m_stream = nullptr;
+    if (error == 0 && rename(m_temporary, m_target) != 0) error = errno;
+    if (error == 0) m_created = false;
+    return error;
+}
+
+// The header, one line per class, and "#TIMEOUT" last when the time limit cut the walk short.
+void write_lines(JNIEnv* env, FILE* file, const Histogram& histogram, bool complete) {
+    fprintf(file, "CLASS_NAME,COUNT,SIZE\n");
+    each_class_name(env, histogram, [&](jint k, jstring name) {
+        StringUtfChars chars(env, name);
+        if (chars.get() == nullptr) return;
+        fprintf(file, "%s,%ld,%ld\n", chars.get(), static_cast<long>(histogram.counts(k).count),
+                static_cast<long>(histogram.counts(k).size));
+    });
+    if (complete && histogram.timed_out()) fprintf(file, "#TIMEOUT\n");
+}
 }  // namespace
 
 bool limit_reached(IterationLimit* limit, const char* where) {
@@ -127,6 +244,13 @@ bool limit_reached(IterationLimit* limit, const char* where) {
     LOG_DEBUG("TIMEOUT in %s", where);
     limit->timed_out = JNI_TRUE;
     return true;
+}
+
+std::optional<IterationLimit> start_limit(jlong limit_millis, double start) {
+    if (limit_millis <= 0) return std::nullopt;
+    IterationLimit limit{start + static_cast<double>(limit_millis) / 1000.0, 0, JNI_FALSE};
+    LOG_DEBUG("Timeout Ts=%lf, now=%lf timeout=%ldms", limit.deadline, start, static_cast<long>(limit_millis));
+    return limit;
 }
 
 void log_walk_timeout(const IterationLimit& limit, double start) {
@@ -166,6 +290,9 @@ jint JNICALL heapIterationCallback(jlong class_tag, jlong size, jlong*, jint, vo
     return JVMTI_VISIT_OBJECTS;
 }
 
+// Every heap native works in this order: the VM work and the native result under TAG_LOCK, every
+// tag cleared and every record freed, and only then, with the lock released, managed code (class
+// names, the callback, the exception raised): a callback may itself wait for another heap walk.
 KV_NATIVE(void, heapHistogram)(JNIEnv* env, jobject, jobject callback, jlong limit) {
     if (!require_agent(env)) return;
     if (callback == nullptr) {
@@ -175,32 +302,17 @@ KV_NATIVE(void, heapHistogram)(JNIEnv* env, jobject, jobject callback, jlong lim
     jmethodID instance = find_callback_method(env, callback, "instance", "([Ljava/lang/String;[J[J)V");
     if (instance == nullptr) return;
     Histogram histogram(env);
-    jvmtiError error = histogram.read_classes();
-    if (error != JVMTI_ERROR_NONE) {
-        throw_jvmti_exception(env, error);
+    WalkFailure failure = histogram.count(limit);
+    if (failure) {
+        raise_walk_failure(env, failure);
         return;
     }
-    JavaLockGuard guard(TAG_LOCK);
-    error = histogram.tag_and_walk(limit);
-    if (error != JVMTI_ERROR_NONE) {
-        histogram.clear_tags([](jint, jclass, const ClassCounter&) {});
-        throw_jvmti_exception(env, error);
-        return;
-    }
-    LOG_DEBUG("Duration=%lf", get_time() - histogram.start());
-    histogram.log_timeout();
-    LOG_DEBUG("Count=%d", histogram.class_count());
-    jsize n = histogram.class_count();
-    LocalRef<jclass> string_class(env, env->FindClass("java/lang/String"));
-    HistogramArrays arrays{LocalRef<jobjectArray>(env, string_class ? env->NewObjectArray(n, string_class.get(), nullptr)
-                                                                    : nullptr),
-                           std::vector<jlong>(static_cast<size_t>(n)), std::vector<jlong>(static_cast<size_t>(n))};
-    collect(env, histogram, arrays);
-    if (env->ExceptionCheck()) return;
-    deliver(env, callback, instance, arrays);
+    histogram.log_walk();
+    deliver(env, callback, instance, histogram);
     if (histogram.timed_out() && !env->ExceptionCheck()) throw_exception(env, TIMEOUT_EXCEPTION, "Timeout occurred");
 }
 
+// The file is replaced whenever the walk ran, even when it failed or timed out.
 KV_NATIVE(void, heapHistogramToFile)(JNIEnv* env, jobject, jstring fileName, jlong limit) {
     if (!require_agent(env)) return;
     if (fileName == nullptr) {
@@ -209,26 +321,27 @@ KV_NATIVE(void, heapHistogramToFile)(JNIEnv* env, jobject, jstring fileName, jlo
     }
     StringUtfChars name(env, fileName);
     if (name.get() == nullptr) return;
-    FileCloser file{fopen(name.get(), "w")};
-    if (file.file == nullptr) {
-        throw_errno(env, errno);
+    ReplacementFile file;
+    int error = file.create(name.get());
+    if (error != 0) {
+        throw_errno(env, error);
         return;
     }
-    JavaLockGuard guard(TAG_LOCK);
-    fprintf(file.file, "CLASS_NAME,COUNT,SIZE\n");
     Histogram histogram(env);
-    jvmtiError error = histogram.read_classes();
-    if (error != JVMTI_ERROR_NONE) {
-        throw_jvmti_exception(env, error);
+    WalkFailure failure = histogram.count(limit);
+    if (!histogram.counted()) {
+        raise_walk_failure(env, failure);
         return;
     }
-    error = histogram.tag_and_walk(limit);
-    write_lines(file.file, env, histogram);
-    if (error != JVMTI_ERROR_NONE) {
-        throw_jvmti_exception(env, error);
+    histogram.log_walk();
+    write_lines(env, file.stream(), histogram, !failure);
+    if (env->ExceptionCheck()) return;
+    error = file.publish();
+    if (error != 0) {
+        throw_errno(env, error);
+    } else if (failure) {
+        raise_walk_failure(env, failure);
     } else if (histogram.timed_out()) {
-        fprintf(file.file, "#TIMEOUT\n");
-        histogram.log_timeout();
         throw_exception(env, TIMEOUT_EXCEPTION, "Timeout occurred");
     }
 }

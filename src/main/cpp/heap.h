@@ -6,6 +6,8 @@
 #include <jni.h>
 #include <jvmti.h>
 
+#include <optional>
+
 // The time limit of a heap walk. The clock is read only every CHECK_EVERY objects.
 struct IterationLimit {
     double deadline;
@@ -18,6 +20,9 @@ constexpr jlong CHECK_EVERY = 100000;
 // Counts one callback call; true once the deadline has passed (and from then on), with the DEBUG
 // line naming the walk.
 bool limit_reached(IterationLimit* limit, const char* where);
+
+// The limit of a walk that starts now, or none for a limit of 0 or less.
+std::optional<IterationLimit> start_limit(jlong limit_millis, double start);
 
 // The DEBUG line of a walk cut short by its limit; `start` is when the walk (or its merge) began.
 void log_walk_timeout(const IterationLimit& limit, double start);

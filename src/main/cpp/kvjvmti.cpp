@@ -6,6 +6,7 @@
 #include "dump.h"
 #include "exception.h"
 #include "global.h"
+#include "heap_memory.h"
 #include "lock.h"
 #include "log.h"
 #include "resources.h"
@@ -73,6 +74,16 @@ private:
     JvmtiBuffer<char> m_value;
 };
 
+void read_heap_walk_ceiling() {
+    SystemProperty ceiling("kv.jvmti.heap.walk.max.mb");
+    long megabytes = parse_walk_max_mb(ceiling.get());
+    if (megabytes == 0) {
+        if (ceiling.get() != nullptr) LOG_WARN("kv.jvmti.heap.walk.max.mb=%s is not a number of megabytes", ceiling.get());
+        megabytes = machine_walk_max_mb();
+    }
+    g_heap_walk_max_mb = megabytes;
+}
+
 void read_configuration() {
     {
         SystemProperty level("KV_JVMTI_LOG_LEVEL");
@@ -90,6 +101,7 @@ void read_configuration() {
     }
     g_exceptions_enabled = parse_switch(SystemProperty("kv.jvmti.enable.exceptions").get(), coldfusion);
     g_stepping_enabled = parse_switch(SystemProperty("kv.jvmti.enable.fast.stepping").get(), coldfusion);
+    read_heap_walk_ceiling();
 }
 
 // Acquiring the debugging set once at load, while the VM still offers its load-time-only

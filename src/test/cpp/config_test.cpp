@@ -3,15 +3,29 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstring>
 #include <string>
+#include <utility>
 
-TEST(Config, LogLevelReadsLeadingDigitsOnly) {
-    EXPECT_EQ(4, parse_log_level("4"));
-    EXPECT_EQ(12, parse_log_level("12abc"));
-    EXPECT_EQ(-1, parse_log_level("-1"));
-    EXPECT_EQ(0, parse_log_level("abc"));
-    EXPECT_EQ(0, parse_log_level(""));
+// Each reader of a property value, against values anyone starting the JVM can set.
+TEST(Config, PropertyValuesAreReadExactlyAsDocumented) {
+    for (auto [text, level] : {std::pair{"4", 4}, {"12abc", 12}, {"-1", -1}, {"abc", 0}, {"", 0}}) {
+        EXPECT_EQ(level, parse_log_level(text)) << text;
+    }
+    EXPECT_TRUE(parse_switch(nullptr, false));
+    EXPECT_FALSE(parse_switch(nullptr, true));
+    for (bool coldfusion : {false, true}) {
+        EXPECT_TRUE(parse_switch("true", coldfusion));
+        for (const char* value : {"TRUE", "True", "1", "", "true "}) EXPECT_FALSE(parse_switch(value, coldfusion)) << value;
+    }
+    // A walk ceiling of 0 leaves the default in force.
+    for (auto [text, megabytes] : {std::pair<const char*, long>{"2", 2}, {"4096", 4096}, {"007", 7}, {nullptr, 0},
+                                   {"", 0}, {"0", 0}, {"-5", 0}, {"+5", 0}, {" 5", 0}, {"5 ", 0}, {"5MB", 0},
+                                   {"1.5", 0}, {"17592186044415", 17592186044415L}, {"17592186044416", 0},
+                                   {"99999999999999999999999", 0}}) {
+        EXPECT_EQ(megabytes, parse_walk_max_mb(text)) << (text != nullptr ? text : "null");
+    }
 }
 
 TEST(Config, ColdFusionByHomeOrCommandPrefixWithItsDot) {
@@ -23,13 +37,17 @@ TEST(Config, ColdFusionByHomeOrCommandPrefixWithItsDot) {
     EXPECT_FALSE(is_coldfusion(false, nullptr));
 }
 
-TEST(Config, SwitchesEnableOnlyOnExactTrue) {
-    EXPECT_TRUE(parse_switch(nullptr, false));
-    EXPECT_FALSE(parse_switch(nullptr, true));
-    for (bool coldfusion : {false, true}) {
-        EXPECT_TRUE(parse_switch("true", coldfusion));
-        for (const char* value : {"TRUE", "True", "1", "", "true "}) EXPECT_FALSE(parse_switch(value, coldfusion)) << value;
+TEST(Config, WalkCeilingDefaultsToAQuarterOfTheLowerMemoryLimitAndAtLeast64MB) {
+    constexpr uint64_t GB = 1ULL << 30, V1_UNLIMITED = 9223372036854771712ULL;
+    for (auto [text, bytes] : {std::pair<const char*, uint64_t>{"max\n", 0}, {"1073741824\n", GB},
+                               {"9223372036854771712\n", V1_UNLIMITED}, {"", 0}, {"-1\n", 0}, {"12 MB", 0},
+                               {"99999999999999999999999", 0}}) {
+        EXPECT_EQ(bytes, parse_cgroup_memory_limit(text)) << text;
     }
+    const uint64_t cases[][3] = {{16 * GB, 0, 4096}, {16 * GB, 2 * GB, 512}, {16 * GB, 64 * GB, 4096},
+                                 {GB / 8, 0, 64},    {0, 0, 64},             {0, GB, 256},
+                                 {16 * GB, V1_UNLIMITED, 4096}};
+    for (const auto& c : cases) EXPECT_EQ(static_cast<long>(c[2]), default_walk_max_mb(c[0], c[1])) << c[0] << " " << c[1];
 }
 
 namespace {

@@ -1,5 +1,6 @@
 // Feeds arbitrary system property values to the configuration readers: the log level, the
-// switches and the ColdFusion test read text that anyone starting the JVM can set.
+// switches, the ColdFusion test, the heap walk ceiling and the control group's memory limit read
+// text that anyone starting the JVM (or the machine's owner) can set.
 #include "config.h"
 
 #include <cstddef>
@@ -24,5 +25,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // Only the exact word switches on, whatever the environment.
     bool exact = std::strcmp(value, "true") == 0;
     require(parse_switch(value, true) == exact && parse_switch(value, false) == exact);
+    // A walk ceiling comes from decimal digits alone.
+    long ceiling = parse_walk_max_mb(value);
+    require(ceiling >= 0 && (ceiling == 0 || std::strspn(value, "0123456789") == std::strlen(value)));
+    parse_cgroup_memory_limit(value);
     return 0;
 }

@@ -7,6 +7,7 @@
 #include "exception.h"
 #include "frames.h"
 #include "global.h"
+#include "lock.h"
 #include "resources.h"
 #include "smap.h"
 #include "thread.h"
@@ -14,6 +15,8 @@
 #include <jni.h>
 
 #include <pthread.h>
+
+#include <atomic>
 
 #define KV_PROBE(returns, name) \
     extern "C" JNIEXPORT returns JNICALL Java_com_brantide_kelvane_plugin_jvmti_api_AgentProbe_##name
@@ -176,4 +179,56 @@ KV_PROBE(jboolean, isSuspended)(JNIEnv*, jclass, jthread thread) {
     return g_jvmti->GetThreadState(thread, &state) == JVMTI_ERROR_NONE && (state & JVMTI_THREAD_STATE_SUSPENDED) != 0
                ? JNI_TRUE
                : JNI_FALSE;
+}
+
+// ---- heap walks: the tags left behind, and tag clearing that fails on request
+
+namespace {
+// The agent's JVMTI function table with IterateThroughHeap and SetTag wrapped, and the VM's own.
+jvmtiInterface_1 s_failing_table;
+const jvmtiInterface_1* s_vm_table = nullptr;
+std::atomic<int> s_failing_walks{0};
+std::atomic<int> s_failing_clears{0};
+
+// The agent's only heap iterations over tagged objects alone are the ones that clear tags.
+jvmtiError JNICALL iterate_or_fail(jvmtiEnv* env, jint filter, jclass klass, const jvmtiHeapCallbacks* callbacks,
+                                   const void* user_data) {
+    if ((filter & JVMTI_HEAP_FILTER_UNTAGGED) != 0 && s_failing_walks-- > 0) return JVMTI_ERROR_INTERNAL;
+    return s_vm_table->IterateThroughHeap(env, filter, klass, callbacks, user_data);
+}
+
+jvmtiError JNICALL set_tag_or_fail(jvmtiEnv* env, jobject object, jlong tag) {
+    if (tag == 0 && s_failing_clears-- > 0) return JVMTI_ERROR_INTERNAL;
+    return s_vm_table->SetTag(env, object, tag);
+}
+
+jint JNICALL count_tagged(jlong, jlong, jlong*, jint, void* user_data) {
+    ++*static_cast<jlong*>(user_data);
+    return JVMTI_VISIT_OBJECTS;
+}
+}  // namespace
+
+// The next `walks` tag-clearing heap walks and the next `clears` SetTag(0) calls of the agent fail
+// with JVMTI_ERROR_INTERNAL; (0, 0) gives the agent the VM's functions back.
+KV_PROBE(void, failTagClearing)(JNIEnv*, jclass, jint walks, jint clears) {
+    if (s_vm_table == nullptr) {
+        s_vm_table = g_jvmti->functions;
+        s_failing_table = *s_vm_table;
+        s_failing_table.IterateThroughHeap = iterate_or_fail;
+        s_failing_table.SetTag = set_tag_or_fail;
+    }
+    s_failing_walks = walks;
+    s_failing_clears = clears;
+    g_jvmti->functions = walks > 0 || clears > 0 ? &s_failing_table : s_vm_table;
+}
+
+// The objects, class objects included, that a heap iteration finds tagged; -1 when it fails.
+KV_PROBE(jlong, tagsLeft)(JNIEnv*, jclass) {
+    JavaLockGuard guard(TAG_LOCK);
+    jlong tagged = 0;
+    jvmtiHeapCallbacks callbacks{};
+    callbacks.heap_iteration_callback = count_tagged;
+    const jvmtiInterface_1* table = s_vm_table != nullptr ? s_vm_table : g_jvmti->functions;
+    jvmtiError error = table->IterateThroughHeap(g_jvmti, JVMTI_HEAP_FILTER_UNTAGGED, nullptr, &callbacks, &tagged);
+    return error == JVMTI_ERROR_NONE ? tagged : -1;
 }

@@ -69,7 +69,7 @@ class AgentMemoryProbeTest {
                 assertEquals(warm[1], later[1], "live blocks of the agent after more rounds");
             }
             long made = heap.get(heap.size() - 1)[2] - warm[2];
-            assertTrue(made > 10_000, "the rounds went through the agent's heap: " + made + " allocations");
+            assertTrue(made > 1_000, "the rounds went through the agent's heap: " + made + " allocations");
         } else if (!leaks.isEmpty()) {
             long[] first = agentLeaks(reports, leaks.get(0), result);
             long[] last = agentLeaks(reports, leaks.get(leaks.size() - 1), result);

@@ -85,4 +85,10 @@ final class AgentProbe {
     static native int suspendDirectly(Thread thread);
 
     static native boolean isSuspended(Thread thread);
+
+    /** The next walks tag-clearing heap walks and clears tag clearings of the agent fail; (0, 0) ends that. */
+    static native void failTagClearing(int walks, int clears);
+
+    /** Objects (class objects included) that still carry a tag; 0 when no walk left one. */
+    static native long tagsLeft();
 }
