@@ -41,7 +41,7 @@ struct ObjectInfo {
 struct SearchContext {
     ObjectInfo* class_record = nullptr;   // java.lang.Class
     ObjectInfo* search_record = nullptr;  // the class searched for
-    NothrowArray<ObjectInfo*>* instances = nullptr;
+    BudgetArray<ObjectInfo*>* instances = nullptr;
     IterationLimit* limit = nullptr;
     Arena<ObjectInfo>* arena = nullptr;
 };
@@ -336,7 +336,7 @@ private:
     ClassInfo* m_infos = nullptr;
     size_t m_info_count = 0;
     Arena<ObjectInfo> m_arena;
-    NothrowArray<ObjectInfo*> m_instances;
+    BudgetArray<ObjectInfo*> m_instances;
     SearchContext m_context;
     std::optional<IterationLimit> m_limit;
     Tree m_tree;

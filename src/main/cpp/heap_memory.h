@@ -3,6 +3,8 @@
 // it happens in a walk's callback), and the tags that a failed clean-up could leave behind.
 #pragma once
 
+#include "nothrow_array.h"
+
 #include <jni.h>
 #include <jvmti.h>
 
@@ -68,46 +70,9 @@ private:
     Header* m_first = nullptr;
 };
 
-// A growing array of trivially copyable values whose growth can fail (and says so) instead of
-// ending the process.
+// A growing array whose blocks come from a walk's budget.
 template <typename T>
-class NothrowArray {
-public:
-    explicit NothrowArray(WalkBudget& budget) : m_budget(budget) {}
-    ~NothrowArray() {
-        if (m_data != nullptr) m_budget.release(m_data, m_capacity * sizeof(T));
-    }
-    NothrowArray(const NothrowArray&) = delete;
-    NothrowArray& operator=(const NothrowArray&) = delete;
-
-    // False when the array could not grow.
-    bool push_back(T value) {
-        if (m_size == m_capacity && !grow()) return false;
-        m_data[m_size++] = value;
-        return true;
-    }
-    size_t size() const { return m_size; }
-    T operator[](size_t k) const { return m_data[k]; }
-
-private:
-    bool grow() {
-        size_t capacity = m_capacity == 0 ? 1024 : m_capacity * 2;
-        auto* data = static_cast<T*>(m_budget.allocate(capacity * sizeof(T)));
-        if (data == nullptr) return false;
-        if (m_data != nullptr) {
-            std::memcpy(data, m_data, m_size * sizeof(T));
-            m_budget.release(m_data, m_capacity * sizeof(T));
-        }
-        m_data = data;
-        m_capacity = capacity;
-        return true;
-    }
-
-    WalkBudget& m_budget;
-    T* m_data = nullptr;
-    size_t m_size = 0;
-    size_t m_capacity = 0;
-};
+using BudgetArray = NothrowArray<T, WalkBudget>;
 
 // Nodes found again by the key they carry: an open-addressing table of node pointers, linear
 // probing, at most half full. A Node has `size_t hash() const` and `bool matches(const Key&) const`.

@@ -9,13 +9,29 @@
 #include <new>
 #include <type_traits>
 
-template <typename T>
+// Memory straight from the nothrow operator new (rather than malloc: the agent's heap accounting
+// in the tests sees every block).
+struct PlainMemory {
+    void* allocate(size_t bytes) { return ::operator new(bytes, std::nothrow); }
+    void release(void* block, size_t) { ::operator delete(block); }
+    static PlainMemory& instance() {
+        static PlainMemory memory;
+        return memory;
+    }
+};
+
+// `Memory` hands out and takes back blocks: allocate(bytes) gives null when it cannot, and
+// release(block, bytes) takes back what it gave.
+template <typename T, typename Memory = PlainMemory>
 class NothrowArray {
     static_assert(std::is_trivially_copyable<T>::value, "records are moved with memcpy");
 
 public:
-    NothrowArray() = default;
-    ~NothrowArray() { ::operator delete(m_data); }
+    NothrowArray() : m_memory(Memory::instance()) {}
+    explicit NothrowArray(Memory& memory) : m_memory(memory) {}
+    ~NothrowArray() {
+        if (m_data != nullptr) m_memory.release(m_data, m_capacity * sizeof(T));
+    }
     NothrowArray(const NothrowArray&) = delete;
     NothrowArray& operator=(const NothrowArray&) = delete;
 
@@ -23,18 +39,19 @@ public:
     bool reserve(size_t capacity) {
         if (capacity <= m_capacity) return true;
         if (capacity > SIZE_MAX / sizeof(T)) return false;
-        // The nothrow operator rather than malloc: the agent's heap accounting sees every block.
-        void* grown = ::operator new(capacity * sizeof(T), std::nothrow);
+        void* grown = m_memory.allocate(capacity * sizeof(T));
         if (grown == nullptr) return false;
-        if (m_size != 0) std::memcpy(grown, static_cast<const void*>(m_data), m_size * sizeof(T));
-        ::operator delete(m_data);
+        if (m_data != nullptr) {
+            std::memcpy(grown, static_cast<const void*>(m_data), m_size * sizeof(T));
+            m_memory.release(m_data, m_capacity * sizeof(T));
+        }
         m_data = static_cast<T*>(grown);
         m_capacity = capacity;
         return true;
     }
 
     bool push_back(const T& record) {
-        if (m_size == m_capacity && !reserve(m_capacity < 8 ? 8 : m_capacity * 2)) return false;
+        if (m_size == m_capacity && !reserve(m_capacity < 16 ? 16 : m_capacity * 2)) return false;
         std::memcpy(static_cast<void*>(m_data + m_size), &record, sizeof(T));
         m_size++;
         return true;
@@ -60,6 +77,7 @@ public:
     const T* end() const { return m_data + m_size; }
 
 private:
+    Memory& m_memory;
     T* m_data = nullptr;
     size_t m_size = 0;
     size_t m_capacity = 0;

@@ -20,7 +20,7 @@ TEST(HeapMemory, ArenaListAndIndexGrowUntilTheCeilingAndLoseNothing) {
     for (size_t ceiling : {size_t{1} << 10, size_t{300} << 10, size_t{2} << 20, size_t{8} << 20}) {
         WalkBudget budget(ceiling);
         Arena<Node> nodes(budget, TAG_ENTRY_BYTES);
-        NothrowArray<Node*> list(budget);
+        BudgetArray<Node*> list(budget);
         NodeIndex<Node> index(budget);
         std::vector<Node*> placed;
         // Keys alike in their low bits: the hash must spread them.
