@@ -3,6 +3,7 @@
 #include "breakpoint.h"
 #include "capabilities.h"
 #include "event_mask.h"
+#include "events.h"
 #include "global.h"
 #include "log.h"
 #include "resources.h"
@@ -68,6 +69,8 @@ void dump_thread_events(JNIEnv* env) {
     // JVMTI made one local reference per thread at once: declare them before any other JNI call.
     if (env != nullptr) ensure_local_capacity(env, count);
     log("Thread Events");
+    jlong vm_wide = vm_wide_events();
+    if (vm_wide != 0) log("\tVM-wide \"%s\" %ld", event_mask_to_string(vm_wide).c_str(), vm_wide);
     for (jint i = count - 1; i >= 0; i--) {
         dump_thread(threads[static_cast<size_t>(i)]);
         if (env != nullptr) env->DeleteLocalRef(threads[static_cast<size_t>(i)]);

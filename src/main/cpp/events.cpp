@@ -45,13 +45,17 @@ bool needs_vm(const ThreadData* data, jvmtiEventMode mode, jint event, bool user
     return user && vm_has;
 }
 
-void record_vm_switch(ThreadData* data, jvmtiEventMode mode, jint event) {
+void record_bit(std::atomic<jlong>& mask, jvmtiEventMode mode, jint event) {
     if (mode == JVMTI_ENABLE) {
-        data->vm_events.fetch_or(event_bit(event));
+        mask.fetch_or(event_bit(event));
     } else {
-        data->vm_events.fetch_and(~event_bit(event));
+        mask.fetch_and(~event_bit(event));
     }
 }
+
+// What the managed side switched for the whole VM (a null thread): the VM reports these events on
+// every thread, and every thread dispatches them except while one of its hooks runs.
+std::atomic<jlong> g_vm_wide_events{0};
 
 }  // namespace
 
@@ -64,7 +68,10 @@ bool switch_event(ThreadData* data, jvmtiEventMode mode, jint event, jthread thr
     constexpr auto SWITCH_LOCK_PATIENCE = std::chrono::milliseconds(100);
     std::unique_lock<std::timed_mutex> guard(data->switch_lock, SWITCH_LOCK_PATIENCE);
     if (!guard.owns_lock()) LOG_DEBUG("switch lock of thread %ld busy, switching without it", data->thread_id);
-    bool call_vm = needs_vm(data, mode, event, user);
+    // A null thread switches the event for the whole VM: always a VM call, whatever this thread's
+    // own switches are, and recorded for every thread as well as in this thread's masks.
+    bool vm_wide = thread == nullptr;
+    bool call_vm = vm_wide || needs_vm(data, mode, event, user);
     jvmtiError error =
         call_vm ? g_jvmti->SetEventNotificationMode(mode, static_cast<jvmtiEvent>(event), thread) : JVMTI_ERROR_NONE;
     // A thread that has ended, or a VM that is shutting down, refuses every switch: expected, not
@@ -78,7 +85,11 @@ bool switch_event(ThreadData* data, jvmtiEventMode mode, jint event, jthread thr
                   get_error_message(error).c_str(), error);
         return false;
     }
-    if (call_vm) record_vm_switch(data, mode, event);
+    if (vm_wide) {
+        record_bit(g_vm_wide_events, mode, event);
+    } else if (call_vm) {
+        record_bit(data->vm_events, mode, event);
+    }
     record_switch(data, mode, event, user);
     LOG_FINE("%s(%d)=%s active=%s thread(%ld,%s)", event_to_string(event), event,
              mode == JVMTI_ENABLE ? "enabled" : "disabled", event_mask_to_string(data->active_events).c_str(),
@@ -152,6 +163,7 @@ jlong clear_active_events(jthread thread) {
     jlong active = data->active_events.load();
     LOG_FINE("thread(%ld,%s) active=%s", data->thread_id, get_thread_name(thread).c_str(),
              event_mask_to_string(active).c_str());
+    data->hook_running.store(true, std::memory_order_relaxed);
     switch_bits(data, JVMTI_DISABLE, active, thread);
     return active;
 }
@@ -164,6 +176,7 @@ void restore_user_events(jthread thread, jlong saved) {
     LOG_FINE("thread(%ld,%s) user=%s", data->thread_id, get_thread_name(thread).c_str(),
              event_mask_to_string(user).c_str());
     switch_bits(data, JVMTI_ENABLE, user, thread);
+    data->hook_running.store(false, std::memory_order_relaxed);
     if (saved == NO_SAVED_EVENTS) return;
     LOG_FINE("thread(%ld,%s) last=%s", data->thread_id, get_thread_name(thread).c_str(),
              event_mask_to_string(saved).c_str());
@@ -172,13 +185,21 @@ void restore_user_events(jthread thread, jlong saved) {
 
 bool is_reported_by_vm(jint event) {
     const ThreadData* data = own_thread_data();
-    return data != nullptr && (data->vm_events.load(std::memory_order_relaxed) & event_bit(event)) != 0;
+    jlong reported = g_vm_wide_events.load(std::memory_order_relaxed);
+    if (data != nullptr) reported |= data->vm_events.load(std::memory_order_relaxed);
+    return (reported & event_bit(event)) != 0;
 }
 
 bool is_event_wanted(jint event) {
     const ThreadData* data = own_thread_data();
-    return data == nullptr || (data->active_events.load(std::memory_order_relaxed) & event_bit(event)) != 0;
+    if (data == nullptr) return true;
+    jlong bit = event_bit(event);
+    if ((data->active_events.load(std::memory_order_relaxed) & bit) != 0) return true;
+    return (g_vm_wide_events.load(std::memory_order_relaxed) & bit) != 0 &&
+           !data->hook_running.load(std::memory_order_relaxed);
 }
+
+jlong vm_wide_events() { return g_vm_wide_events.load(); }
 
 bool enable_single_step(jthread thread) { return set_event(JVMTI_ENABLE, JVMTI_EVENT_SINGLE_STEP, thread, false); }
 bool disable_single_step(jthread thread) { return set_event(JVMTI_DISABLE, JVMTI_EVENT_SINGLE_STEP, thread, false); }

@@ -8,8 +8,12 @@
 bool set_event(jvmtiEventMode mode, jint event, jthread thread, bool user);
 
 // Whether an event that the VM reports for the calling thread is one the thread wants now: false
-// when its switch is off while the VM was left reporting it.
+// when its switch is off while the VM was left reporting it. An event switched for the whole VM is
+// wanted on every thread, except while a hook runs on it.
 bool is_event_wanted(jint event);
+
+// The events the managed side switched on for the whole VM (a null thread), as a mask.
+jlong vm_wide_events();
 
 // Whether the VM reports the event for the calling thread (switched on for it and not off since).
 bool is_reported_by_vm(jint event);

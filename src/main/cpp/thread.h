@@ -30,6 +30,9 @@ struct ThreadData {
     // field and exception events) stay on in the VM while a hook runs, and are dropped by their
     // callbacks instead: the two VM calls per hook would cost more than the whole rest of a hit.
     std::atomic<jlong> vm_events{0};
+    // Set while a hook runs on the thread (between clear_active_events and restore_user_events):
+    // events switched for the whole VM cannot be switched off for one thread, so they are dropped.
+    std::atomic<bool> hook_running{false};
     // The step in progress; used by the owning thread, or by another one while it is suspended.
     // Read and written only through std::atomic_load / atomic_store / atomic_exchange: a thread
     // suspended from outside goes on running native code until its next call into the VM, so

@@ -39,6 +39,7 @@ public final class DumpMain {
             require(api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, true));
             require(api.setEventNotificationMode(worker, JvmtiEvent.BREAKPOINT, true));
             require(AgentProbe.setEvent(true, JvmtiEvent.SINGLE_STEP, worker, false));
+            require(api.setEventNotificationMode(null, JvmtiEvent.FIELD_ACCESS, true));
             api.setBreakpoint(BreakpointLocation.forMethod(Target.class.getMethod("twice", int.class), 0));
             api.setBreakpoint(BreakpointLocation.forMethod(Target.class.getMethod("sum", long.class, long.class), 0));
             api.setFieldAccessWatch(Target.class, Target.class.getField("value"));

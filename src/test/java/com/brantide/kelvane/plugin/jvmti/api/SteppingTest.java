@@ -9,6 +9,7 @@ import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.brantide.kelvane.plugin.jvmti.BreakpointLocation;
+import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
 import com.brantide.kelvane.plugin.jvmti.ThreadContext;
 import com.brantide.kelvane.plugin.jvmti.fixtures.StepTarget;
 import com.brantide.kelvane.plugin.jvmti.testing.Stops;
@@ -100,11 +101,22 @@ class SteppingTest {
     }
 
     @Test
-    void aStepOntoABreakpointStopsOnce() throws Exception {
+    void aStepOntoABreakpointStopsOnceWithBreakpointsSwitchedPerThreadOrForTheVm() throws Exception {
         breakAt("caller-a", "caller-call");
         stops.answer(STEP_OVER, STEP_OVER);
         stops.run(api, () -> StepTarget.caller(1));
         assertEquals(at("caller-a", "caller-call", "caller-after"), stops.stops());
+
+        // Switched for the whole VM from here, heard on a thread that switched nothing itself.
+        Stops anyThread = new Stops().answer(STEP_OVER, STEP_OVER);
+        api.registerBreakpointHook(anyThread);
+        assertTrue(api.setEventNotificationMode(null, JvmtiEvent.BREAKPOINT, true));
+        try {
+            anyThread.runUnswitched(api, () -> StepTarget.caller(1));
+        } finally {
+            assertTrue(api.setEventNotificationMode(null, JvmtiEvent.BREAKPOINT, false));
+        }
+        assertEquals(at("caller-a", "caller-call", "caller-after"), anyThread.stops());
     }
 
     @Test

@@ -73,10 +73,19 @@ public class Stops implements BreakpointHook, SteppingAbortedHook {
 
     /** Runs the code on a new thread that has breakpoint events switched on, and waits for it. */
     public <T> T run(JvmtiApi api, Callable<T> code) throws Exception {
+        return run(api, code, true);
+    }
+
+    /** The same on a thread that switches nothing itself: breakpoints must be on for the whole VM. */
+    public <T> T runUnswitched(JvmtiApi api, Callable<T> code) throws Exception {
+        return run(api, code, false);
+    }
+
+    private <T> T run(JvmtiApi api, Callable<T> code, boolean switchBreakpoints) throws Exception {
         Object[] result = new Object[1];
         Exception[] failure = new Exception[1];
         Thread thread = new Thread(() -> {
-            if (!api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, true)) {
+            if (switchBreakpoints && !api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, true)) {
                 failure[0] = new IllegalStateException("breakpoints not switched on");
                 return;
             }
