@@ -21,9 +21,12 @@ namespace {
 struct ClassInfo {
     jclass klass;
     bool fields_read;
+    bool interfaces_counted;
+    jboolean is_interface;
     jint field_count;
     jfieldID* field_ids;    // VM memory, given back at the end
-    jint interface_fields;  // declared by the directly implemented interfaces
+    jint interface_fields;  // declared by every interface the class implements, in any way
+    unsigned visit;         // the last count of interface fields that visited it
     ClassInfo* super_info;
 };
 
@@ -323,6 +326,9 @@ private:
     bool compact(jlong limit_millis);
     void clean_up();
     void init_classinfo(ClassInfo* info);
+    ClassInfo* info_of(jclass klass) const;
+    jint count_interface_fields(ClassInfo* info);
+    void add_interface_fields(ClassInfo* info, unsigned visit, jint* count);
     jint fields_above(const ClassInfo* info) const;
     void resolve_field(Path* node);
     jstring field_name(const Path* node);
@@ -343,6 +349,7 @@ private:
     double m_walk_end = 0;
     bool m_targets = false;
     jvmtiError m_clean_up_error = JVMTI_ERROR_NONE;
+    unsigned m_visits = 0;
 };
 
 Search::~Search() {
@@ -470,20 +477,47 @@ void Search::init_classinfo(ClassInfo* info) {
         return;
     }
     info->fields_read = true;
+    if (g_jvmti->IsInterface(info->klass, &info->is_interface) != JVMTI_ERROR_NONE) info->is_interface = JNI_FALSE;
     LocalRef<jclass> super(m_env, m_env->GetSuperclass(info->klass));
+    info->super_info = super ? info_of(super.get()) : nullptr;
+    if (info->super_info != nullptr) init_classinfo(info->super_info);
+}
+
+// The record of a class the search tagged, or null.
+ClassInfo* Search::info_of(jclass klass) const {
     jlong tag = 0;
-    if (super && g_jvmti->GetTag(super.get(), &tag) == JVMTI_ERROR_NONE && tag != 0) {
-        info->super_info = record_of(tag)->info;
-        init_classinfo(info->super_info);
-    }
+    return g_jvmti->GetTag(klass, &tag) == JVMTI_ERROR_NONE && tag != 0 ? record_of(tag)->info : nullptr;
+}
+
+// The fields of every interface the class implements: directly or through a superclass, and the
+// superinterfaces of each; for an interface, those of its superinterfaces. Each interface counts
+// once, however many ways lead to it.
+jint Search::count_interface_fields(ClassInfo* info) {
+    if (info->interfaces_counted) return info->interface_fields;
+    unsigned visit = ++m_visits;
     jint count = 0;
+    for (ClassInfo* level = info; level != nullptr; level = level->super_info) add_interface_fields(level, visit, &count);
+    info->interface_fields = count;
+    info->interfaces_counted = true;
+    return count;
+}
+
+void Search::add_interface_fields(ClassInfo* info, unsigned visit, jint* count) {
+    jint direct = 0;
     JvmtiBuffer<jclass> interfaces;
-    if (g_jvmti->GetImplementedInterfaces(info->klass, &count, interfaces.out()) != JVMTI_ERROR_NONE) return;
-    for (jint k = 0; k < count; k++) {
+    if (info->klass == nullptr ||
+        g_jvmti->GetImplementedInterfaces(info->klass, &direct, interfaces.out()) != JVMTI_ERROR_NONE) {
+        return;
+    }
+    ensure_local_capacity(m_env, direct);
+    for (jint k = 0; k < direct; k++) {
         LocalRef<jclass> interface(m_env, interfaces[static_cast<size_t>(k)]);
-        if (g_jvmti->GetTag(interface.get(), &tag) != JVMTI_ERROR_NONE || tag == 0) continue;
-        init_classinfo(record_of(tag)->info);
-        info->interface_fields += record_of(tag)->info->field_count;
+        ClassInfo* found = info_of(interface.get());
+        if (found == nullptr || found->visit == visit) continue;
+        found->visit = visit;
+        init_classinfo(found);
+        *count += found->field_count;
+        add_interface_fields(found, visit, count);
     }
 }
 
@@ -493,13 +527,20 @@ jint Search::fields_above(const ClassInfo* info) const {
     return count;
 }
 
-// The field a JVMTI field index denotes in the holder's class: the index counts the fields of the
-// directly implemented interfaces first, then those of the superclasses, then the class's own.
+// The field a JVMTI field index denotes in the holder's class: the index counts the fields of all
+// the class's interfaces first, then those of its superclasses from the top down, then its own;
+// an interface's own fields come after those of its superinterfaces.
 void Search::resolve_field(Path* node) {
     if (!by_field(node->kind) || node->info == nullptr) return;
     init_classinfo(node->info);
+    jint relative = node->index - count_interface_fields(node->info);
+    if (node->info->is_interface) {
+        if (relative < 0 || relative >= node->info->field_count || node->info->field_ids == nullptr) return;
+        node->field_class = node->info;
+        node->field = node->info->field_ids[relative];
+        return;
+    }
     for (ClassInfo* info = node->info; info != nullptr; info = info->super_info) {
-        jint relative = node->index - info->interface_fields;
         jint above = fields_above(info->super_info);
         if (above > relative) continue;
         jint number = relative - above;

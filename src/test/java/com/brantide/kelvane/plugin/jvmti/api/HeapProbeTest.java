@@ -11,6 +11,8 @@ import com.brantide.kelvane.plugin.jvmti.JVMTIException;
 import com.brantide.kelvane.plugin.jvmti.fixtures.HeapTarget;
 import com.brantide.kelvane.plugin.jvmti.testing.ChildJvm;
 import java.lang.ref.Reference;
+import java.lang.reflect.Field;
+import java.lang.reflect.Modifier;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
@@ -42,6 +44,8 @@ class HeapProbeTest {
     private static final Pattern JCMD_LINE = Pattern.compile("^\\s*\\d+:\\s+(\\d+)\\s+(\\d+)\\s+(\\S+)");
     private static final JvmtiApi API = new JvmtiApi();
     private static final List<Object> PADDING = new ArrayList<>();
+    private static final List<Object> HOLDERS = List.of(new HeapTarget.HeldThroughSuperclass(),
+            new HeapTarget.HeldThroughSuperinterface(), new HeapTarget.HeldThroughBoth());
 
     @BeforeAll
     static void fillTheHeap() {
@@ -62,6 +66,8 @@ class HeapProbeTest {
         HeapTarget.buildList(1000);
         HeapTarget.KEPT.add(new Object[] {new HeapTarget.InArray(), "x", new HeapTarget.InArray()});
         HeapTarget.KEPT.add(new HeapTarget.TwoFields());
+        HeapTarget.KEPT.addAll(HOLDERS);
+        HeapTarget.HeldByAnInterface.HELD.hashCode();
         API.forceGC();
     }
 
@@ -217,6 +223,24 @@ class HeapProbeTest {
 
         assertEquals(List.of("TwoFields/2/first/1", "TwoFields/2/second/1"),
                 children(search(HeapTarget.InFields.class.descriptorString(), 3)));
+
+        // Each holder names the field that reflection finds holding the instance, whatever the
+        // constants its interfaces declare through superclasses and superinterfaces.
+        List<String> holders = new ArrayList<>();
+        for (Object holder : HOLDERS) {
+            holders.add(holder.getClass().getSimpleName() + "/2/" + namedField(holder.getClass(), false) + "/1");
+        }
+        for (Class<?> holder : List.of(HeapTarget.HeldThroughBoth.class, HeapTarget.HeldByAnInterface.class)) {
+            holders.add(holder.getSimpleName() + "/8/" + namedField(holder, true) + "/1");
+        }
+        Collections.sort(holders);
+        assertEquals(holders, children(search(HeapTarget.Named.class.descriptorString(), 1)));
+    }
+
+    /** The field of the class that holds a Named. */
+    private static String namedField(Class<?> clazz, boolean isStatic) {
+        return Arrays.stream(clazz.getDeclaredFields()).filter(f -> f.getType() == HeapTarget.Named.class)
+                .filter(f -> Modifier.isStatic(f.getModifiers()) == isStatic).map(Field::getName).findFirst().orElseThrow();
     }
 
     @Test
