@@ -159,7 +159,8 @@ public final class SoakMain {
                 "--add-opens=java.rmi/sun.rmi.transport=ALL-UNNAMED", "-agentpath:" + property("kv.soak.agent"), "-Xmx512m",
                 "-cp", System.getProperty("java.class.path") + File.pathSeparator + property("kv.soak.server-classpath"),
                 SoakMain.class.getPackageName() + ".SoakServer", webapp.toString(), dir.resolve("tomcat").toString()));
-        return new ProcessBuilder(command).redirectOutput(dir.resolve("server.out").toFile())
+        // Run in the run's directory, where the VM would also write its crash report.
+        return new ProcessBuilder(command).directory(dir.toFile()).redirectOutput(dir.resolve("server.out").toFile())
                 .redirectError(dir.resolve("server.err").toFile()).start();
     }
 
