@@ -175,7 +175,8 @@ public final class SoakMain {
             }
             Thread.sleep(100);
         }
-        throw new IOException("the server did not listen within " + START_SECONDS + " s");
+        throw new IOException(server.isAlive() ? "the server did not listen within " + START_SECONDS + " s"
+                : "the server ended before it listened");
     }
 
     /** Closes the server's standard input and waits for its end; says how it ended. */
@@ -311,19 +312,25 @@ public final class SoakMain {
             check(phase);
             phase.figures.forEach((name, value) -> totals.merge(name, value, Long::sum));
         }
-        System.out.printf("soak   wrong locals %s of %s hits; JSP stops %s of %s at the expected page lines"
-                + " (%s step-overs); stray hits %s%n", totals.get("wrongLocals"), totals.get("hits"),
-                totals.get("stopsAsExpected"), totals.get("stopsWanted"), totals.get("stepOvers"), totals.get("strays"));
+        reportTotals(totals);
         long jni = log.stream().filter(line -> ChildJvm.JNI_WARNING.matcher(line).find()).count();
         System.out.printf("soak   agent ERROR/WARN lines %d, JNI warnings %d; exit status %s; %.0f s in all%n",
                 log.size() - jni, jni, exit, seconds);
         log.stream().limit(5).forEach(line -> System.out.println("soak     " + line));
-        if (phases.size() < PHASES.size() || totals.get("stepOvers") == 0
-                || !totals.get("stopsAsExpected").equals(totals.get("stopsWanted"))) {
-            problems.add("phases missing, or no step-overs, or stops not at the expected lines");
-        }
         if (!log.isEmpty()) {
             problems.add("agent ERROR/WARN lines or JNI warnings");
+        }
+    }
+
+    private void reportTotals(Map<String, Long> totals) {
+        System.out.printf("soak   wrong locals %s of %s hits; JSP stops %s of %s at the expected page lines"
+                + " (%s step-overs); stray hits %s%n", totals.get("wrongLocals"), totals.get("hits"),
+                totals.get("stopsAsExpected"), totals.get("stopsWanted"), totals.get("stepOvers"), totals.get("strays"));
+        // Wrong locals and stops show in the phases' notes too; here what notes cannot show.
+        if (phases.size() < PHASES.size() || totals.get("stepOvers") == 0
+                || !totals.get("stopsAsExpected").equals(totals.get("stopsWanted"))) {
+            problems.add("phases missing, no step-overs, or step-overs that did not stop " + totals.get("stopsWanted")
+                    + " times at the expected lines");
         }
     }
 

@@ -72,29 +72,31 @@ final class JspDebugger implements BreakpointHook {
     /** Finds the compiled page (a first request loaded it) and the breakpoint's place in it. */
     JspDebugger(JvmtiApi api) {
         this.api = api;
-        Class<?>[] found = {null};
-        api.listClasses((ClassCallback) clazz -> found[0] = clazz.getName().equals(PAGE_CLASS) ? clazz : found[0]);
-        page = found[0];
+        page = loadedPage(api);
         readSourceMap(api.getSourceDebugExtension(page));
         api.getLineNumbersV2(page, SERVICE, (LineNumberCallback) (location, line) -> javaLineAt.put(location, line));
-        String[] lines = SoakControl.PAGE.split("\n");
-        for (int i = 0; i < lines.length; i++) {
-            Matcher marker = MARKER.matcher(lines[i]);
-            if (marker.find()) {
-                markers.put(marker.group(1), i + 1);
-            }
-        }
-        Integer hitLine = markers.get("hit");
-        breakpoint = new BreakpointLocation(page, SERVICE, javaLineAt.entrySet().stream()
-                .filter(entry -> hitLine.equals(pageLineOf.get(entry.getValue()))).mapToLong(Map.Entry::getKey).min()
-                .orElseThrow(() -> new IllegalStateException("no code for page line " + hitLine)));
+        readMarkers();
+        breakpoint = new BreakpointLocation(page, SERVICE, firstBytecodeOf(markers.get("hit")));
         api.registerBreakpointHook(this);
+    }
+
+    private static Class<?> loadedPage(JvmtiApi api) {
+        Class<?>[] found = {null};
+        api.listClasses((ClassCallback) clazz -> {
+            if (clazz.getName().equals(PAGE_CLASS)) {
+                found[0] = clazz;
+            }
+        });
+        if (found[0] == null) {
+            throw new IllegalStateException(PAGE_CLASS + " is not loaded");
+        }
+        return found[0];
     }
 
     /**
      * The page line of each Java line the source map covers, read here rather than by the agent so
      * that its stepping is checked against a second opinion. The page includes no other file, so
-     * every entry is the page's; the Java line of an entry with increment 0 is its first page line's.
+     * every entry is the page's.
      */
     private void readSourceMap(String smap) {
         Matcher entry = SMAP_ENTRY.matcher(smap.substring(smap.indexOf("\n*L\n")));
@@ -103,10 +105,30 @@ final class JspDebugger implements BreakpointHook {
             int repeat = entry.group(2) == null ? 1 : Integer.parseInt(entry.group(2));
             int javaStart = Integer.parseInt(entry.group(3));
             int increment = entry.group(4) == null ? 1 : Integer.parseInt(entry.group(4));
-            for (int k = 0; k < repeat * Math.max(1, increment); k++) {
-                pageLineOf.putIfAbsent(javaStart + (increment == 0 ? 0 : k), from + k / Math.max(1, increment));
+            // Each page line became `increment` Java lines; with increment 0 they all share the
+            // first Java line, which then belongs to the first of them.
+            for (int k = 0; k < repeat; k++) {
+                for (int j = 0; j < Math.max(1, increment); j++) {
+                    pageLineOf.putIfAbsent(javaStart + k * increment + j, from + k);
+                }
             }
         }
+    }
+
+    private void readMarkers() {
+        String[] lines = SoakControl.PAGE.split("\n");
+        for (int i = 0; i < lines.length; i++) {
+            Matcher marker = MARKER.matcher(lines[i]);
+            if (marker.find()) {
+                markers.put(marker.group(1), i + 1);
+            }
+        }
+    }
+
+    private long firstBytecodeOf(Integer pageLine) {
+        return javaLineAt.entrySet().stream().filter(entry -> pageLine.equals(pageLineOf.get(entry.getValue())))
+                .mapToLong(Map.Entry::getKey).min()
+                .orElseThrow(() -> new IllegalStateException("no code for page line " + pageLine));
     }
 
     String where() {
@@ -184,6 +206,17 @@ final class JspDebugger implements BreakpointHook {
 
     private int hit(Request request, ThreadContext context) {
         long hits = count(Figure.hits);
+        checkLocals(request, context);
+        if (hits % STEP_EVERY != 0) {
+            return StepType.CONTINUE;
+        }
+        count(Figure.stepOvers);
+        figures.addAndGet(Figure.stopsWanted.ordinal(), STEPS);
+        request.stops = new ArrayList<>();
+        return StepType.STEP_OVER;
+    }
+
+    private void checkLocals(Request request, ThreadContext context) {
         Map<String, Object> locals = new HashMap<>();
         api.listVariables(context.getThread(), context.getFrameCount(), 1,
                 (VariableCallback) (name, value, signature) -> {
@@ -195,37 +228,40 @@ final class JspDebugger implements BreakpointHook {
             note("locals tag=" + locals.get("tag") + " count=" + locals.get("count") + " at tag=" + request.tag + " n="
                     + request.count);
         }
-        if (hits % STEP_EVERY != 0) {
-            return StepType.CONTINUE;
-        }
-        count(Figure.stepOvers);
-        figures.addAndGet(Figure.stopsWanted.ordinal(), STEPS);
-        request.stops = new ArrayList<>();
-        return StepType.STEP_OVER;
     }
 
     private int stepStop(Request request, BreakpointLocation location) {
-        Map.Entry<Long, Integer> line = javaLineAt.floorEntry(location.getLocation());
-        boolean inPage = location.getMemberClass() == page && SERVICE.equals(location.getMemberSignature());
-        request.stops.add(inPage && line != null ? pageLineOf.getOrDefault(line.getValue(), -1) : -1);
+        request.stops.add(pageLineAt(location));
         if (request.stops.size() < STEPS) {
             return StepType.STEP_OVER;
         }
-        // From the hit on: the loop's head, then body and head again for each turn, then the line after.
-        List<Integer> expected = new ArrayList<>(List.of(markers.get("loop")));
-        for (int i = 0; i < request.count; i++) {
-            expected.addAll(List.of(markers.get("body"), markers.get("loop")));
-        }
-        expected.add(markers.get("after"));
+        List<Integer> expected = expectedStops(request.count);
         for (int i = 0; i < STEPS; i++) {
             if (expected.get(i).equals(request.stops.get(i))) {
                 count(Figure.stopsAsExpected);
             }
         }
-        if (!expected.subList(0, STEPS).equals(request.stops)) {
-            note("step-overs stopped at page lines " + request.stops + ", expected " + expected.subList(0, STEPS));
+        if (!expected.equals(request.stops)) {
+            note("step-overs stopped at page lines " + request.stops + ", expected " + expected);
         }
         return StepType.CONTINUE;
+    }
+
+    /** The page line of a stop; -1 outside the page's service method or its source map. */
+    private int pageLineAt(BreakpointLocation location) {
+        Map.Entry<Long, Integer> line = javaLineAt.floorEntry(location.getLocation());
+        boolean inPage = location.getMemberClass() == page && SERVICE.equals(location.getMemberSignature());
+        return inPage && line != null ? pageLineOf.getOrDefault(line.getValue(), -1) : -1;
+    }
+
+    /** From the hit on: the loop's head, then body and head again for each turn, then the line after. */
+    private List<Integer> expectedStops(int count) {
+        List<Integer> lines = new ArrayList<>(List.of(markers.get("loop")));
+        for (int i = 0; i < count; i++) {
+            lines.addAll(List.of(markers.get("body"), markers.get("loop")));
+        }
+        lines.add(markers.get("after"));
+        return lines.subList(0, STEPS);
     }
 
     private long count(Figure figure) {
