@@ -34,6 +34,17 @@ if(KV_SANITIZE_AGENT)
 endif()
 
 # ---------------------------------------------------------------------------------------------
+# The soak (tools/soak.sh): SoakMain of the tests jar runs an embedded Tomcat of Debian's jars with
+# the agent loaded. Its class path, main class and the paths it needs are a java argument file.
+file(GENERATE OUTPUT ${CMAKE_BINARY_DIR}/soak.args CONTENT "-cp ${KV_TEST_JAR}
+-Dkv.soak.agent=$<TARGET_FILE:kvjvmti>
+-Dkv.soak.api-jar=${KV_API_JAR}
+-Dkv.soak.server-classpath=${KV_TOMCAT_CLASSPATH}
+-Dkv.soak.work=${CMAKE_BINARY_DIR}/soak
+com.brantide.kelvane.plugin.jvmti.soak.SoakMain
+")
+
+# ---------------------------------------------------------------------------------------------
 # Fuzzing: a short run of each libFuzzer target when clang with libFuzzer is installed (Debian
 # clang-14 and libclang-rt-14-dev, `tools/deps.sh fuzz`). tools/fuzz.sh builds and runs them; the
 # tests here give each target KV_FUZZ_SECONDS and work in the build directory, on a copy of the

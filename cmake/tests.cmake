@@ -28,19 +28,29 @@ if(NOT EXISTS ${KV_JUNIT_JAR})
 endif()
 # ASM reads and rewrites class files for the lookup tests (Debian libasm-java).
 set(KV_ASM_JAR /usr/share/java/asm.jar)
+# The installed jars of Debian's Java packages of those names, joined into a class path.
+function(kv_debian_classpath out)
+  set(jars "")
+  foreach(name ${ARGN})
+    if(EXISTS /usr/share/java/${name}.jar)
+      list(APPEND jars /usr/share/java/${name}.jar)
+    endif()
+  endforeach()
+  list(JOIN jars ":" classpath)
+  set(${out} "${classpath}" PARENT_SCOPE)
+endfunction()
 # The JSP compiler and what it needs to run (Debian libtomcat9-java and ant: the compiler's command
 # line class is an Ant task). The SMAP test compiles a page with it in a JVM of its own.
-set(KV_JSP_JARS "")
-foreach(name tomcat9-jasper tomcat9-jasper-el tomcat9-servlet-api tomcat9-jsp-api tomcat9-el-api
-             tomcat9-juli tomcat9-util tomcat9-util-scan tomcat9-api eclipse-jdt-core ant)
-  if(EXISTS /usr/share/java/${name}.jar)
-    list(APPEND KV_JSP_JARS /usr/share/java/${name}.jar)
-  endif()
-endforeach()
-list(JOIN KV_JSP_JARS ":" KV_JSP_CLASSPATH)
+set(KV_JSP_JAR_NAMES tomcat9-jasper tomcat9-jasper-el tomcat9-servlet-api tomcat9-jsp-api tomcat9-el-api
+    tomcat9-juli tomcat9-util tomcat9-util-scan tomcat9-api eclipse-jdt-core ant)
+kv_debian_classpath(KV_JSP_CLASSPATH ${KV_JSP_JAR_NAMES})
+# The soak's embedded server (tools/soak.sh) needs the rest of Tomcat; its classes compile against it.
+kv_debian_classpath(KV_TOMCAT_CLASSPATH ${KV_JSP_JAR_NAMES} tomcat9-catalina tomcat9-coyote
+                    tomcat9-annotations-api tomcat9-jaspic-api)
 file(GLOB_RECURSE KV_JUNIT_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/src/test/java/*.java)
 set(KV_TEST_JAR ${CMAKE_BINARY_DIR}/kvjvmti-tests.jar)
-kv_add_jar(kv_java_tests ${KV_TEST_JAR} "${KV_JUNIT_SOURCES}" "${KV_API_JAR}:${KV_JUNIT_JAR}:${KV_ASM_JAR}")
+kv_add_jar(kv_java_tests ${KV_TEST_JAR} "${KV_JUNIT_SOURCES}"
+           "${KV_API_JAR}:${KV_JUNIT_JAR}:${KV_ASM_JAR}:${KV_TOMCAT_CLASSPATH}")
 add_dependencies(kv_java_tests kv_api)
 
 # One JVM per test class: the agent's state is process-wide, so classes must not share a VM.

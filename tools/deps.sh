@@ -1,10 +1,15 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs (as root), or says which are missing.
-# Usage: deps.sh build|test|fuzz
+# Usage: deps.sh build|test|fuzz|soak
 set -eu
 packages="cmake make g++ binutils openjdk-17-jdk-headless"
-if [ "${1:-build}" = test ]; then
+if [ "${1:-build}" = test ] || [ "${1:-build}" = soak ]; then
   packages="$packages libgtest-dev libgmock-dev junit5 libasm-java libtomcat9-java ant"
+fi
+if [ "${1:-build}" = soak ]; then
+  # The soak's server compiles its page at run time with the Eclipse compiler (which
+  # libtomcat9-java depends on today).
+  packages="$packages libeclipse-jdt-core-java"
 fi
 if [ "${1:-build}" = test ] || [ "${1:-build}" = fuzz ]; then
   # The suite runs short fuzzing runs; libFuzzer's runtime comes with compiler-rt, packaged apart

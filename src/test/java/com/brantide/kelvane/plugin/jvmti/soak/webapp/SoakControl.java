@@ -1,0 +1,140 @@
+package com.brantide.kelvane.plugin.jvmti.soak.webapp;
+
+import com.brantide.kelvane.plugin.jvmti.GCPathEntry;
+import com.brantide.kelvane.plugin.jvmti.api.GCRootsCallback;
+import com.brantide.kelvane.plugin.jvmti.api.HistogramCallback;
+import com.brantide.kelvane.plugin.jvmti.api.JvmtiApi;
+import java.io.IOException;
+import java.util.ArrayList;
+import java.util.List;
+import javax.servlet.Filter;
+import javax.servlet.FilterChain;
+import javax.servlet.ServletException;
+import javax.servlet.ServletRequest;
+import javax.servlet.ServletResponse;
+import javax.servlet.http.HttpServlet;
+import javax.servlet.http.HttpServletRequest;
+import javax.servlet.http.HttpServletResponse;
+
+/**
+ * The web application's control servlet, which the soak's driver talks to: op=arm switches the
+ * agent on through the managed layer of the web application's own WEB-INF/lib and finds the page
+ * (requested once before); op=mode&amp;mode=... starts a phase; op=figures reports it; op=heap
+ * takes a histogram and a GC-root tree, each of which must count the KEPT objects exactly.
+ * Stopping the web application clears everything and switches the agent off.
+ */
+public final class SoakControl extends HttpServlet {
+    /** The page under the debugger (the driver deploys it); JspDebugger finds lines by their @ marker. */
+    public static final String PAGE = """
+            <%@ page contentType="text/plain; charset=UTF-8" session="false" %>
+            <%
+                int count = Integer.parseInt(request.getParameter("n"));
+                String tag = request.getParameter("tag");
+                long sum = 0; // @hit
+                for (int i = 1; i <= count; i++) { // @loop
+                    sum += 2 * i; // @body
+                }
+                String reply = tag + "=" + sum; // @after
+            %><%= reply %>
+            """;
+    private static final long serialVersionUID = 1L;
+    private static final long HEAP_WALK_LIMIT_MILLIS = 60_000;
+    private static final List<Kept> KEPT = new ArrayList<>();
+    private static volatile JspDebugger debugger;
+
+    /** Objects that only the heap walks look for. */
+    public static final class Kept {
+    }
+
+    static {
+        for (int i = 0; i < 321; i++) {
+            KEPT.add(new Kept());
+        }
+    }
+
+    private final transient JvmtiApi api = new JvmtiApi();
+
+    @Override
+    protected void doGet(HttpServletRequest request, HttpServletResponse response) throws IOException {
+        String answer;
+        try {
+            answer = answer(request.getParameter("op"), request.getParameter("mode"));
+        } catch (RuntimeException e) {
+            response.setStatus(HttpServletResponse.SC_INTERNAL_SERVER_ERROR);
+            answer = e.toString();
+        }
+        response.setContentType("text/plain; charset=UTF-8");
+        response.getWriter().print(answer);
+    }
+
+    private String answer(String op, String mode) {
+        switch (String.valueOf(op)) {
+            case "arm":
+                return arm();
+            case "mode":
+                debugger.switchTo(JspDebugger.Mode.valueOf(mode));
+                return mode;
+            case "figures":
+                return debugger.figures();
+            case "heap":
+                return heap();
+            default:
+                throw new IllegalArgumentException("unknown op " + op);
+        }
+    }
+
+    private synchronized String arm() {
+        if (JvmtiApi.class.getClassLoader() != SoakControl.class.getClassLoader()) {
+            throw new IllegalStateException("the managed layer is not the web application's own");
+        }
+        api.registerClasses();
+        if (!api.setActive(true)) {
+            throw new IllegalStateException("the agent did not switch on");
+        }
+        debugger = new JspDebugger(api);
+        return "armed " + debugger.where();
+    }
+
+    private String heap() {
+        long[] counted = {-1};
+        api.heapHistogram((HistogramCallback) (names, counts, sizes) -> {
+            for (int i = 0; i < names.length; i++) {
+                counted[0] = Kept.class.getName().equals(names[i]) ? counts[i] : counted[0];
+            }
+        }, HEAP_WALK_LIMIT_MILLIS);
+        GCPathEntry[] root = {null};
+        api.gcRoots((GCRootsCallback) entry -> root[0] = entry, Kept.class.descriptorString(), HEAP_WALK_LIMIT_MILLIS, 3);
+        return "histogram=" + counted[0] + " gcRoots=" + (root[0] == null ? -1 : root[0].getCount()) + " kept="
+                + KEPT.size();
+    }
+
+    @Override
+    public void destroy() {
+        JspDebugger armed = debugger;
+        debugger = null;
+        if (armed != null) {
+            armed.switchTo(JspDebugger.Mode.NONE);
+            api.registerBreakpointHook(null);
+            api.setActive(false);
+        }
+    }
+
+    /** Around each request of the page: tells the debugger what the request sent. */
+    public static final class RequestFilter implements Filter {
+        @Override
+        public void doFilter(ServletRequest request, ServletResponse response, FilterChain chain)
+                throws IOException, ServletException {
+            JspDebugger armed = debugger;
+            if (armed == null) {
+                chain.doFilter(request, response);
+                return;
+            }
+            armed.begin(request.getParameter("tag"), Integer.parseInt(request.getParameter("n")));
+            try {
+                chain.doFilter(request, response);
+            } finally {
+                armed.end();
+            }
+        }
+    }
+}
