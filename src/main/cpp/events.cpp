@@ -60,20 +60,12 @@ std::atomic<jlong> g_vm_wide_events{0};
 }  // namespace
 
 namespace {
-// One switch on a record already found: the VM call (when one is needed) and the masks, under the
-// record's switch lock.
-bool switch_event(ThreadData* data, jvmtiEventMode mode, jint event, jthread thread, bool user) {
-    // Held longer than this only by a thread suspended in the middle of its own switch: going on
-    // without it then risks a mask out of step for one event, waiting risks a deadlock.
-    constexpr auto SWITCH_LOCK_PATIENCE = std::chrono::milliseconds(100);
-    std::unique_lock<std::timed_mutex> guard(data->switch_lock, SWITCH_LOCK_PATIENCE);
-    if (!guard.owns_lock()) LOG_DEBUG("switch lock of thread %ld busy, switching without it", data->thread_id);
-    // A null thread switches the event for the whole VM: always a VM call, whatever this thread's
-    // own switches are, and recorded for every thread as well as in this thread's masks.
-    bool vm_wide = thread == nullptr;
-    bool call_vm = vm_wide || needs_vm(data, mode, event, user);
-    jvmtiError error =
-        call_vm ? g_jvmti->SetEventNotificationMode(mode, static_cast<jvmtiEvent>(event), thread) : JVMTI_ERROR_NONE;
+// Held longer than this only by a thread suspended in the middle of its own switch: going on
+// without the lock then risks a mask out of step for one event, waiting risks a deadlock.
+constexpr auto SWITCH_LOCK_PATIENCE = std::chrono::milliseconds(100);
+
+// Whether the VM accepted a switch; a refusal is logged as set_event logs it.
+bool accepted(jvmtiError error, jint event, jthread thread) {
     // A thread that has ended, or a VM that is shutting down, refuses every switch: expected, not
     // worth an error line each.
     if (error == JVMTI_ERROR_THREAD_NOT_ALIVE || error == JVMTI_ERROR_WRONG_PHASE) {
@@ -85,15 +77,38 @@ bool switch_event(ThreadData* data, jvmtiEventMode mode, jint event, jthread thr
                   get_error_message(error).c_str(), error);
         return false;
     }
-    if (vm_wide) {
-        record_bit(g_vm_wide_events, mode, event);
-    } else if (call_vm) {
-        record_bit(data->vm_events, mode, event);
-    }
+    return true;
+}
+
+// One switch on a record already found: the VM call (when one is needed) and the masks, under the
+// record's switch lock.
+bool switch_event(ThreadData* data, jvmtiEventMode mode, jint event, jthread thread, bool user) {
+    std::unique_lock<std::timed_mutex> guard(data->switch_lock, SWITCH_LOCK_PATIENCE);
+    if (!guard.owns_lock()) LOG_DEBUG("switch lock of thread %ld busy, switching without it", data->thread_id);
+    bool call_vm = needs_vm(data, mode, event, user);
+    jvmtiError error =
+        call_vm ? g_jvmti->SetEventNotificationMode(mode, static_cast<jvmtiEvent>(event), thread) : JVMTI_ERROR_NONE;
+    if (!accepted(error, event, thread)) return false;
+    if (call_vm) record_bit(data->vm_events, mode, event);
     record_switch(data, mode, event, user);
     LOG_FINE("%s(%d)=%s active=%s thread(%ld,%s)", event_to_string(event), event,
              mode == JVMTI_ENABLE ? "enabled" : "disabled", event_mask_to_string(data->active_events).c_str(),
              data->thread_id, get_thread_name(thread).c_str());
+    return true;
+}
+
+// A null thread: the event for the whole VM. It is recorded for every thread, not in the masks of
+// the thread that switched it: there the hooks of that thread would switch it back on for that
+// thread alone, and a switch-off made on another thread would not reach it.
+bool switch_vm_wide(jvmtiEventMode mode, jint event) {
+    static auto* lock = new std::timed_mutex();
+    std::unique_lock<std::timed_mutex> guard(*lock, SWITCH_LOCK_PATIENCE);
+    if (!guard.owns_lock()) LOG_DEBUG("VM-wide switch lock busy, switching without it");
+    jvmtiError error = g_jvmti->SetEventNotificationMode(mode, static_cast<jvmtiEvent>(event), nullptr);
+    if (!accepted(error, event, nullptr)) return false;
+    record_bit(g_vm_wide_events, mode, event);
+    LOG_FINE("%s(%d)=%s VM-wide=%s", event_to_string(event), event, mode == JVMTI_ENABLE ? "enabled" : "disabled",
+             event_mask_to_string(g_vm_wide_events.load()).c_str());
     return true;
 }
 
@@ -147,6 +162,7 @@ ThreadData* record_for_masks(const ThreadDataAccess& access) {
 }  // namespace
 
 bool set_event(jvmtiEventMode mode, jint event, jthread thread, bool user) {
+    if (thread == nullptr) return switch_vm_wide(mode, event);
     ThreadDataAccess access(thread);
     ThreadData* data = record_for_switch(access, event, thread);
     return data != nullptr && switch_event(data, mode, event, thread, user);

@@ -4,7 +4,8 @@
 #include <jvmti.h>
 
 // Switches one event for one thread; true when the VM accepted it and the masks were updated.
-// With user true the change is recorded in the user mask as well as the active one.
+// With user true the change is recorded in the user mask as well as the active one. A null thread
+// switches the event for the whole VM (see vm_wide_events).
 bool set_event(jvmtiEventMode mode, jint event, jthread thread, bool user);
 
 // Whether an event that the VM reports for the calling thread is one the thread wants now: false

@@ -49,8 +49,7 @@ class DumpTest {
         List<String> listed = dump.subList(threads + 1, dump.size() - 1);
         assertEquals(3, listed.size(), listed.toString());
         assertEquals("\tVM-wide \"FIELD_ACCESS\" 8192", listed.get(0), "switched for every thread");
-        assertTrue(listed.contains("\tThread id=" + mainId + " name=\"main\" \"BREAKPOINT,FIELD_ACCESS\" 12288"),
-                listed.toString());
+        assertTrue(listed.contains("\tThread id=" + mainId + " name=\"main\" \"BREAKPOINT\" 4096"), listed.toString());
         assertTrue(listed.contains("\tThread id=" + workerId
                 + " name=\"dump-worker\" \"SINGLE_STEP,BREAKPOINT\" 5120 (\"BREAKPOINT\" 4096)"), listed.toString());
         assertEquals("", dump.get(dump.size() - 1));

@@ -117,6 +117,19 @@ class SteppingTest {
             assertTrue(api.setEventNotificationMode(null, JvmtiEvent.BREAKPOINT, false));
         }
         assertEquals(at("caller-a", "caller-call", "caller-after"), anyThread.stops());
+
+        // Switched on by the thread that hits, off by another: off for the first one too.
+        Stops switcher = new Stops();
+        api.registerBreakpointHook(switcher);
+        switcher.runUnswitched(api, () -> {
+            assertTrue(api.setEventNotificationMode(null, JvmtiEvent.BREAKPOINT, true));
+            StepTarget.caller(1);
+            Thread off = new Thread(() -> assertTrue(api.setEventNotificationMode(null, JvmtiEvent.BREAKPOINT, false)));
+            off.start();
+            off.join();
+            return StepTarget.caller(1);
+        });
+        assertEquals(at("caller-a", "caller-call"), switcher.stops());
     }
 
     @Test
