@@ -34,12 +34,16 @@ if(KV_SANITIZE_AGENT)
 endif()
 
 # ---------------------------------------------------------------------------------------------
-# The soak (tools/soak.sh): SoakMain of the tests jar runs an embedded Tomcat of Debian's jars with
-# the agent loaded. Its class path, main class and the paths it needs are a java argument file.
-file(GENERATE OUTPUT ${CMAKE_BINARY_DIR}/soak.args CONTENT "-cp ${KV_TEST_JAR}
--Dkv.soak.agent=$<TARGET_FILE:kvjvmti>
+# The soak (tools/soak.sh): SoakMain of the tests jar runs an embedded Tomcat of Debian's jars in a
+# JVM with the agent loaded. Its options, class path and main class are a java argument file; the
+# first three options are what Tomcat's own start script gives Java 9 and later.
+file(GENERATE OUTPUT ${CMAKE_BINARY_DIR}/soak.args CONTENT "--add-opens=java.base/java.lang=ALL-UNNAMED
+--add-opens=java.base/java.io=ALL-UNNAMED
+--add-opens=java.rmi/sun.rmi.transport=ALL-UNNAMED
+-agentpath:$<TARGET_FILE:kvjvmti>
+-Xmx512m
+-cp ${KV_TEST_JAR}:${KV_TOMCAT_CLASSPATH}
 -Dkv.soak.api-jar=${KV_API_JAR}
--Dkv.soak.server-classpath=${KV_TOMCAT_CLASSPATH}
 -Dkv.soak.work=${CMAKE_BINARY_DIR}/soak
 com.brantide.kelvane.plugin.jvmti.soak.SoakMain
 ")

@@ -23,7 +23,7 @@ import java.util.stream.Collectors;
  * or in the process's error output. The test JVM passes the paths in kv.test.* properties.
  */
 public final class ChildJvm {
-    public static final Pattern JNI_WARNING =
+    private static final Pattern JNI_WARNING =
             Pattern.compile("WARNING in native method|FATAL ERROR in native method|JNI local refs: \\d+, exceeds capacity");
 
     private final List<String> jvmOptions = new ArrayList<>();

@@ -21,23 +21,22 @@ import java.util.regex.Matcher;
 import java.util.regex.Pattern;
 
 /**
- * The debugger the web application runs on its own page: a breakpoint on the page line marked
- * "@hit", found through the compiled page's source map and line table. At every hit the page's
- * locals are checked against what the request sent; every STEP_EVERY-th hit is stepped over STEPS
- * times and each stop checked against the page line it should be at. How breakpoint events are
- * switched is the phase's Mode; the figures and notes (what went wrong) are those of one phase.
+ * The debugger the web application runs on its own page: a breakpoint on the page's HIT line, found
+ * through the compiled page's source map and line table. At every hit the page's locals are
+ * checked against what the request sent; every STEP_EVERY-th hit is stepped over STEPS times and
+ * each stop checked against the page line it should be at. How breakpoint events are switched is
+ * the phase's Mode; the figures and notes (what went wrong) are those of one phase.
  */
 final class JspDebugger implements BreakpointHook {
     /** NONE: no breakpoint set; OFF: set, its events switched off. */
     enum Mode { NONE, PER_THREAD, VM_WIDE, OFF }
 
     /** The figures of a phase, under the names the driver reads. */
-    private enum Figure { hits, wrongLocals, stepOvers, stopsWanted, stopsAsExpected, strays }
+    private enum Figure { hits, wrongLocals, stopsWanted, stopsAsExpected, strays }
 
     private static final String PAGE_CLASS = "org.apache.jsp.loop_jsp";
     private static final String SERVICE =
             "_jspService(Ljavax/servlet/http/HttpServletRequest;Ljavax/servlet/http/HttpServletResponse;)V";
-    private static final Pattern MARKER = Pattern.compile("// @(\\w+)");
     /** An entry of a source map's line section: page line[#file][,repeat]:Java line[,increment]. */
     private static final Pattern SMAP_ENTRY =
             Pattern.compile("^(\\d+)(?:#\\d+)?(?:,(\\d+))?:(\\d+)(?:,(\\d+))?$", Pattern.MULTILINE);
@@ -62,7 +61,6 @@ final class JspDebugger implements BreakpointHook {
     private final Class<?> page;
     private final TreeMap<Long, Integer> javaLineAt = new TreeMap<>();
     private final Map<Integer, Integer> pageLineOf = new HashMap<>();
-    private final Map<String, Integer> markers = new HashMap<>();
     private final BreakpointLocation breakpoint;
     private final ThreadLocal<Request> current = new ThreadLocal<>();
     private volatile Mode mode = Mode.NONE;
@@ -72,31 +70,22 @@ final class JspDebugger implements BreakpointHook {
     /** Finds the compiled page (a first request loaded it) and the breakpoint's place in it. */
     JspDebugger(JvmtiApi api) {
         this.api = api;
-        page = loadedPage(api);
+        Class<?>[] found = {null};
+        api.listClasses((ClassCallback) clazz -> found[0] = clazz.getName().equals(PAGE_CLASS) ? clazz : found[0]);
+        page = found[0];
         readSourceMap(api.getSourceDebugExtension(page));
         api.getLineNumbersV2(page, SERVICE, (LineNumberCallback) (location, line) -> javaLineAt.put(location, line));
-        readMarkers();
-        breakpoint = new BreakpointLocation(page, SERVICE, firstBytecodeOf(markers.get("hit")));
+        long hit = javaLineAt.entrySet().stream().filter(e -> Integer.valueOf(SoakControl.HIT_LINE).equals(pageLineOf.get(e.getValue())))
+                .mapToLong(Map.Entry::getKey).min().orElseThrow(() -> new IllegalStateException("no code for the hit line"));
+        breakpoint = new BreakpointLocation(page, SERVICE, hit);
         api.registerBreakpointHook(this);
-    }
-
-    private static Class<?> loadedPage(JvmtiApi api) {
-        Class<?>[] found = {null};
-        api.listClasses((ClassCallback) clazz -> {
-            if (clazz.getName().equals(PAGE_CLASS)) {
-                found[0] = clazz;
-            }
-        });
-        if (found[0] == null) {
-            throw new IllegalStateException(PAGE_CLASS + " is not loaded");
-        }
-        return found[0];
     }
 
     /**
      * The page line of each Java line the source map covers, read here rather than by the agent so
      * that its stepping is checked against a second opinion. The page includes no other file, so
-     * every entry is the page's.
+     * every entry is the page's. With increment 0 the page lines share their first Java line, which
+     * then belongs to the first of them.
      */
     private void readSourceMap(String smap) {
         Matcher entry = SMAP_ENTRY.matcher(smap.substring(smap.indexOf("\n*L\n")));
@@ -105,34 +94,15 @@ final class JspDebugger implements BreakpointHook {
             int repeat = entry.group(2) == null ? 1 : Integer.parseInt(entry.group(2));
             int javaStart = Integer.parseInt(entry.group(3));
             int increment = entry.group(4) == null ? 1 : Integer.parseInt(entry.group(4));
-            // Each page line became `increment` Java lines; with increment 0 they all share the
-            // first Java line, which then belongs to the first of them.
-            for (int k = 0; k < repeat; k++) {
-                for (int j = 0; j < Math.max(1, increment); j++) {
-                    pageLineOf.putIfAbsent(javaStart + k * increment + j, from + k);
-                }
+            int step = Math.max(1, increment);
+            for (int k = 0; k < repeat * step; k++) {
+                pageLineOf.putIfAbsent(javaStart + k / step * increment + k % step, from + k / step);
             }
         }
-    }
-
-    private void readMarkers() {
-        String[] lines = SoakControl.PAGE.split("\n");
-        for (int i = 0; i < lines.length; i++) {
-            Matcher marker = MARKER.matcher(lines[i]);
-            if (marker.find()) {
-                markers.put(marker.group(1), i + 1);
-            }
-        }
-    }
-
-    private long firstBytecodeOf(Integer pageLine) {
-        return javaLineAt.entrySet().stream().filter(entry -> pageLine.equals(pageLineOf.get(entry.getValue())))
-                .mapToLong(Map.Entry::getKey).min()
-                .orElseThrow(() -> new IllegalStateException("no code for page line " + pageLine));
     }
 
     String where() {
-        return "page line " + markers.get("hit") + " -> Java line " + javaLineAt.get(breakpoint.getLocation())
+        return "page line " + SoakControl.HIT_LINE + " -> Java line " + javaLineAt.get(breakpoint.getLocation())
                 + ", bytecode " + breakpoint.getLocation();
     }
 
@@ -166,9 +136,8 @@ final class JspDebugger implements BreakpointHook {
     // ---- around each request of the page (the web application's filter calls these)
 
     void begin(String tag, int count) {
-        Request request = new Request(tag, count, mode == Mode.PER_THREAD);
-        current.set(request);
-        if (request.switchedOn) {
+        current.set(new Request(tag, count, mode == Mode.PER_THREAD));
+        if (current.get().switchedOn) {
             switchEvents(Thread.currentThread(), true);
         }
     }
@@ -205,63 +174,41 @@ final class JspDebugger implements BreakpointHook {
     }
 
     private int hit(Request request, ThreadContext context) {
-        long hits = count(Figure.hits);
-        checkLocals(request, context);
-        if (hits % STEP_EVERY != 0) {
+        Map<String, Object> locals = new HashMap<>();
+        api.listVariables(context.getThread(), context.getFrameCount(), 1,
+                (VariableCallback) (name, value, signature) -> locals.put(name, value) == null);
+        if (!request.tag.equals(locals.get("tag")) || !Integer.valueOf(request.count).equals(locals.get("count"))) {
+            count(Figure.wrongLocals);
+            note("locals " + locals + " at tag=" + request.tag + " n=" + request.count);
+        }
+        if (count(Figure.hits) % STEP_EVERY != 0) {
             return StepType.CONTINUE;
         }
-        count(Figure.stepOvers);
         figures.addAndGet(Figure.stopsWanted.ordinal(), STEPS);
         request.stops = new ArrayList<>();
         return StepType.STEP_OVER;
     }
 
-    private void checkLocals(Request request, ThreadContext context) {
-        Map<String, Object> locals = new HashMap<>();
-        api.listVariables(context.getThread(), context.getFrameCount(), 1,
-                (VariableCallback) (name, value, signature) -> {
-                    locals.put(name, value);
-                    return true;
-                });
-        if (!request.tag.equals(locals.get("tag")) || !Integer.valueOf(request.count).equals(locals.get("count"))) {
-            count(Figure.wrongLocals);
-            note("locals tag=" + locals.get("tag") + " count=" + locals.get("count") + " at tag=" + request.tag + " n="
-                    + request.count);
-        }
-    }
-
     private int stepStop(Request request, BreakpointLocation location) {
-        request.stops.add(pageLineAt(location));
+        Map.Entry<Long, Integer> line = javaLineAt.floorEntry(location.getLocation());
+        boolean inPage = location.getMemberClass() == page && SERVICE.equals(location.getMemberSignature());
+        request.stops.add(inPage && line != null ? pageLineOf.getOrDefault(line.getValue(), -1) : -1);
         if (request.stops.size() < STEPS) {
             return StepType.STEP_OVER;
         }
-        List<Integer> expected = expectedStops(request.count);
-        for (int i = 0; i < STEPS; i++) {
-            if (expected.get(i).equals(request.stops.get(i))) {
-                count(Figure.stopsAsExpected);
-            }
+        // From the hit on: the loop's head, then body and head again for each turn, then the line after.
+        List<Integer> expected = new ArrayList<>(List.of(SoakControl.LOOP_LINE));
+        for (int i = 0; i < request.count; i++) {
+            expected.addAll(List.of(SoakControl.BODY_LINE, SoakControl.LOOP_LINE));
         }
-        if (!expected.equals(request.stops)) {
-            note("step-overs stopped at page lines " + request.stops + ", expected " + expected);
+        expected.add(SoakControl.AFTER_LINE);
+        for (int i = 0; i < STEPS; i++) {
+            figures.addAndGet(Figure.stopsAsExpected.ordinal(), expected.get(i).equals(request.stops.get(i)) ? 1 : 0);
+        }
+        if (!expected.subList(0, STEPS).equals(request.stops)) {
+            note("step-overs stopped at page lines " + request.stops + ", expected " + expected.subList(0, STEPS));
         }
         return StepType.CONTINUE;
-    }
-
-    /** The page line of a stop; -1 outside the page's service method or its source map. */
-    private int pageLineAt(BreakpointLocation location) {
-        Map.Entry<Long, Integer> line = javaLineAt.floorEntry(location.getLocation());
-        boolean inPage = location.getMemberClass() == page && SERVICE.equals(location.getMemberSignature());
-        return inPage && line != null ? pageLineOf.getOrDefault(line.getValue(), -1) : -1;
-    }
-
-    /** From the hit on: the loop's head, then body and head again for each turn, then the line after. */
-    private List<Integer> expectedStops(int count) {
-        List<Integer> lines = new ArrayList<>(List.of(markers.get("loop")));
-        for (int i = 0; i < count; i++) {
-            lines.addAll(List.of(markers.get("body"), markers.get("loop")));
-        }
-        lines.add(markers.get("after"));
-        return lines.subList(0, STEPS);
     }
 
     private long count(Figure figure) {

@@ -24,19 +24,23 @@ import javax.servlet.http.HttpServletResponse;
  * Stopping the web application clears everything and switches the agent off.
  */
 public final class SoakControl extends HttpServlet {
-    /** The page under the debugger (the driver deploys it); JspDebugger finds lines by their @ marker. */
+    /** The page under the debugger (the driver deploys it), and the page lines the debugger knows. */
     public static final String PAGE = """
             <%@ page contentType="text/plain; charset=UTF-8" session="false" %>
             <%
                 int count = Integer.parseInt(request.getParameter("n"));
                 String tag = request.getParameter("tag");
-                long sum = 0; // @hit
-                for (int i = 1; i <= count; i++) { // @loop
-                    sum += 2 * i; // @body
+                long sum = 0;
+                for (int i = 1; i <= count; i++) {
+                    sum += 2 * i;
                 }
-                String reply = tag + "=" + sum; // @after
+                String reply = tag + "=" + sum;
             %><%= reply %>
             """;
+    static final int HIT_LINE = 5;
+    static final int LOOP_LINE = 6;
+    static final int BODY_LINE = 7;
+    static final int AFTER_LINE = 9;
     private static final long serialVersionUID = 1L;
     private static final long HEAP_WALK_LIMIT_MILLIS = 60_000;
     private static final List<Kept> KEPT = new ArrayList<>();
@@ -68,19 +72,11 @@ public final class SoakControl extends HttpServlet {
     }
 
     private String answer(String op, String mode) {
-        switch (String.valueOf(op)) {
-            case "arm":
-                return arm();
-            case "mode":
-                debugger.switchTo(JspDebugger.Mode.valueOf(mode));
-                return mode;
-            case "figures":
-                return debugger.figures();
-            case "heap":
-                return heap();
-            default:
-                throw new IllegalArgumentException("unknown op " + op);
+        if (op.equals("mode")) {
+            debugger.switchTo(JspDebugger.Mode.valueOf(mode));
+            return mode;
         }
+        return op.equals("arm") ? arm() : op.equals("figures") ? debugger.figures() : heap();
     }
 
     private synchronized String arm() {
@@ -97,11 +93,8 @@ public final class SoakControl extends HttpServlet {
 
     private String heap() {
         long[] counted = {-1};
-        api.heapHistogram((HistogramCallback) (names, counts, sizes) -> {
-            for (int i = 0; i < names.length; i++) {
-                counted[0] = Kept.class.getName().equals(names[i]) ? counts[i] : counted[0];
-            }
-        }, HEAP_WALK_LIMIT_MILLIS);
+        api.heapHistogram((HistogramCallback) (names, counts, sizes) -> counted[0] =
+                counts[List.of(names).indexOf(Kept.class.getName())], HEAP_WALK_LIMIT_MILLIS);
         GCPathEntry[] root = {null};
         api.gcRoots((GCRootsCallback) entry -> root[0] = entry, Kept.class.descriptorString(), HEAP_WALK_LIMIT_MILLIS, 3);
         return "histogram=" + counted[0] + " gcRoots=" + (root[0] == null ? -1 : root[0].getCount()) + " kept="
