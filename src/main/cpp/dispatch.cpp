@@ -34,22 +34,25 @@ thread_local jmethodID t_step_stop_method = nullptr;
 thread_local jlocation t_step_stop_location = -1;
 
 // One hook call on an event thread: its events are off from construction until finish or abandon.
+// The thread's record is found once, for the whole call.
 class HookCall {
 public:
     HookCall(JNIEnv* env, jthread thread, jmethodID method, jlocation location)
-        : m_env(env), m_thread(thread), m_method(method), m_location(location),
-          m_saved(clear_active_events(thread)) {}
+        : m_env(env), m_thread(thread), m_method(method), m_location(location), m_data(own_thread_data()),
+          m_saved(clear_active_events(m_data, thread)) {}
 
     jobject location_object(jmethodID method, jlocation location) {
         return BreakpointLocation(method, location).to_java(m_env);
     }
     // Restores what was on before the hook: the hook was not called.
-    void abandon() { restore_user_events(m_thread, m_saved); }
+    void abandon() { restore_user_events(m_data, m_thread, m_saved); }
     // Acts on the hook's answer; NOOP gets back every event the thread had, a step in progress
     // included, anything else only the user's events and what the command has just switched on.
     void finish(jint command) {
-        handle_breakpoint_hit_return(m_env, m_thread, m_method, m_location, command);
-        restore_user_events(m_thread, command == STEP_NOOP ? m_saved : NO_SAVED_EVENTS);
+        if (apply_step_command(m_env, m_thread, m_data, m_method, m_location, command)) {
+            fire_stepping_aborted(m_env, m_thread);
+        }
+        restore_user_events(m_data, m_thread, command == STEP_NOOP ? m_saved : NO_SAVED_EVENTS);
     }
 
 private:
@@ -57,6 +60,7 @@ private:
     jthread m_thread;
     jmethodID m_method;
     jlocation m_location;
+    ThreadData* m_data;
     jlong m_saved;
 };
 
@@ -166,14 +170,16 @@ bool fire_breakpoint_hit(JNIEnv* env, jthread thread, jmethodID method, jlocatio
         return false;
     }
     HookCall call(env, thread, method, location);
-    LocalRef<jobject> where(env, call.location_object(method, location));
-    LocalRef<jobject> context(env, get_thread_context(env, thread));
-    if (!context) {
+    // Called once per event callback, whose local references the VM frees when it returns: the
+    // hottest path of the agent does not delete them one by one.
+    jobject where = call.location_object(method, location);
+    jobject context = get_thread_context(env, thread);
+    if (context == nullptr) {
         LOG_DEBUG("rtn = %d %s", STEP_NOOP, "NOOP");
         call.abandon();
         return false;
     }
-    jint command = call_int_hook(env, hook.get(), hit, "breakpointHit", where.get(), context.get());
+    jint command = call_int_hook(env, hook.get(), hit, "breakpointHit", where, context);
     call.finish(command);
     LOG_DEBUG("rtn = %d %s", command, step_type_name(command));
     return true;

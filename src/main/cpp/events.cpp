@@ -83,14 +83,21 @@ bool accepted(jvmtiError error, jint event, jthread thread) {
 // One switch on a record already found: the VM call (when one is needed) and the masks, under the
 // record's switch lock.
 bool switch_event(ThreadData* data, jvmtiEventMode mode, jint event, jthread thread, bool user) {
-    std::unique_lock<std::timed_mutex> guard(data->switch_lock, SWITCH_LOCK_PATIENCE);
-    if (!guard.owns_lock()) LOG_DEBUG("switch lock of thread %ld busy, switching without it", data->thread_id);
-    bool call_vm = needs_vm(data, mode, event, user);
-    jvmtiError error =
-        call_vm ? g_jvmti->SetEventNotificationMode(mode, static_cast<jvmtiEvent>(event), thread) : JVMTI_ERROR_NONE;
-    if (!accepted(error, event, thread)) return false;
-    if (call_vm) record_bit(data->vm_events, mode, event);
-    record_switch(data, mode, event, user);
+    // A switch in the masks alone (the hook bracket's, almost always) needs no lock: what it can
+    // race with leaves at worst a mask claiming an event the VM no longer reports, which costs
+    // nothing, and the next switch that needs the VM puts it right.
+    if (needs_vm(data, mode, event, user)) {
+        std::unique_lock<std::timed_mutex> guard(data->switch_lock, SWITCH_LOCK_PATIENCE);
+        if (!guard.owns_lock()) LOG_DEBUG("switch lock of thread %ld busy, switching without it", data->thread_id);
+        bool call_vm = needs_vm(data, mode, event, user);
+        jvmtiError error =
+            call_vm ? g_jvmti->SetEventNotificationMode(mode, static_cast<jvmtiEvent>(event), thread) : JVMTI_ERROR_NONE;
+        if (!accepted(error, event, thread)) return false;
+        if (call_vm) record_bit(data->vm_events, mode, event);
+        record_switch(data, mode, event, user);
+    } else {
+        record_switch(data, mode, event, user);
+    }
     LOG_FINE("%s(%d)=%s active=%s thread(%ld,%s)", event_to_string(event), event,
              mode == JVMTI_ENABLE ? "enabled" : "disabled", event_mask_to_string(data->active_events).c_str(),
              data->thread_id, get_thread_name(thread).c_str());
@@ -152,13 +159,6 @@ void switch_from_bitmask(jvmtiEventMode mode, jlong mask, jthread thread) {
     if (data != nullptr) switch_bits(data, mode, mask, thread);
 }
 
-// The record whose masks clear_active_events and restore_user_events work on; null (with the
-// ERROR line) when the thread has none.
-ThreadData* record_for_masks(const ThreadDataAccess& access) {
-    if (access.error() != JVMTI_ERROR_NONE) return nullptr;
-    if (access.get() == nullptr) LOG_ERROR("tdata is null");
-    return access.get();
-}
 }  // namespace
 
 bool set_event(jvmtiEventMode mode, jint event, jthread thread, bool user) {
@@ -168,14 +168,28 @@ bool set_event(jvmtiEventMode mode, jint event, jthread thread, bool user) {
     return data != nullptr && switch_event(data, mode, event, thread, user);
 }
 
+bool set_event(ThreadData* data, jvmtiEventMode mode, jint event, jthread thread) {
+    if (data == nullptr) {
+        LOG_DEBUG("data is null for thread(%s)", get_thread_name(thread).c_str());
+        return false;
+    }
+    return switch_event(data, mode, event, thread, false);
+}
+
 void clear_events_from_bitmask(jlong mask, jthread thread) { switch_from_bitmask(JVMTI_DISABLE, mask, thread); }
 
 void set_events_from_bitmask(jlong mask, jthread thread) { switch_from_bitmask(JVMTI_ENABLE, mask, thread); }
 
 jlong clear_active_events(jthread thread) {
     ThreadDataAccess access(thread);
-    ThreadData* data = record_for_masks(access);
-    if (data == nullptr) return NO_SAVED_EVENTS;
+    return access.error() == JVMTI_ERROR_NONE ? clear_active_events(access.get(), thread) : NO_SAVED_EVENTS;
+}
+
+jlong clear_active_events(ThreadData* data, jthread thread) {
+    if (data == nullptr) {
+        LOG_ERROR("tdata is null");
+        return NO_SAVED_EVENTS;
+    }
     jlong active = data->active_events.load();
     LOG_FINE("thread(%ld,%s) active=%s", data->thread_id, get_thread_name(thread).c_str(),
              event_mask_to_string(active).c_str());
@@ -186,8 +200,14 @@ jlong clear_active_events(jthread thread) {
 
 void restore_user_events(jthread thread, jlong saved) {
     ThreadDataAccess access(thread);
-    ThreadData* data = record_for_masks(access);
-    if (data == nullptr) return;
+    if (access.error() == JVMTI_ERROR_NONE) restore_user_events(access.get(), thread, saved);
+}
+
+void restore_user_events(ThreadData* data, jthread thread, jlong saved) {
+    if (data == nullptr) {
+        LOG_ERROR("tdata is null");
+        return;
+    }
     jlong user = data->user_events.load();
     LOG_FINE("thread(%ld,%s) user=%s", data->thread_id, get_thread_name(thread).c_str(),
              event_mask_to_string(user).c_str());

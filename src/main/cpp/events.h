@@ -8,6 +8,13 @@
 // switches the event for the whole VM (see vm_wide_events).
 bool set_event(jvmtiEventMode mode, jint event, jthread thread, bool user);
 
+struct ThreadData;
+
+// The agent's own switch (user false) on a record already at hand: the event thread's own
+// (own_thread_data) or one a ThreadDataAccess holds, so that the record is not looked up again.
+// A null record is refused as a thread without a record is.
+bool set_event(ThreadData* data, jvmtiEventMode mode, jint event, jthread thread);
+
 // Whether an event that the VM reports for the calling thread is one the thread wants now: false
 // when its switch is off while the VM was left reporting it. An event switched for the whole VM is
 // wanted on every thread, except while a hook runs on it.
@@ -26,8 +33,10 @@ void set_events_from_bitmask(jlong mask, jthread thread);
 // active, or NO_SAVED_EVENTS when the thread has no record.
 constexpr jlong NO_SAVED_EVENTS = -1;
 jlong clear_active_events(jthread thread);
+jlong clear_active_events(ThreadData* data, jthread thread);
 // Switches the user events back on, and the saved ones too unless saved is NO_SAVED_EVENTS.
 void restore_user_events(jthread thread, jlong saved);
+void restore_user_events(ThreadData* data, jthread thread, jlong saved);
 
 bool enable_single_step(jthread thread);
 bool disable_single_step(jthread thread);

@@ -29,7 +29,8 @@ bool clear_hook_exception(JNIEnv* env, const char* method);
 // the application thread never carries an exception it did not throw.
 class PendingExceptionKeeper {
 public:
-    explicit PendingExceptionKeeper(JNIEnv* env) : m_env(env), m_saved(env->ExceptionOccurred()) {
+    explicit PendingExceptionKeeper(JNIEnv* env)
+        : m_env(env), m_saved(env->ExceptionCheck() ? env->ExceptionOccurred() : nullptr) {
         if (m_saved != nullptr) env->ExceptionClear();
     }
     ~PendingExceptionKeeper() {

@@ -35,17 +35,12 @@ struct StepOrigin {
 
 // Takes the step in progress off the thread's record. False, with the ERROR line, when the thread
 // has no record to take it from.
-bool take_step(jthread thread, SharedStep* previous) {
-    ThreadDataAccess access(thread);
-    if (access.error() != JVMTI_ERROR_NONE) {
-        LOG_ERROR("GetThreadLocalStorage failed %s %d", get_error_message(access.error()).c_str(), access.error());
-        return false;
-    }
-    if (access.get() == nullptr) {
+bool take_step(ThreadData* data, SharedStep* previous) {
+    if (data == nullptr) {
         LOG_ERROR("tdata is null");
         return false;
     }
-    *previous = std::atomic_exchange(&access.get()->step_data, SharedStep());
+    *previous = data->step.take();
     return true;
 }
 
@@ -74,17 +69,7 @@ StepPtr new_step(StepType type, const StepOrigin& origin, jint depth) {
 }
 
 // Hands the record to the thread's ThreadData, which owns it from now on.
-void attach_step(jthread thread, StepPtr step) {
-    ThreadDataAccess access(thread);
-    if (access.get() == nullptr) return;
-    std::atomic_store(&access.get()->step_data, SharedStep(std::move(step)));
-}
-
-void forget_step(jthread thread) {
-    ThreadDataAccess access(thread);
-    if (access.get() == nullptr) return;
-    std::atomic_store(&access.get()->step_data, SharedStep());
-}
+void attach_step(ThreadData* data, StepPtr step) { data->step.put(SharedStep(std::move(step))); }
 
 jint step_depth(jthread thread, const StepOrigin& origin) {
     return origin.lang == LANG_CFML ? get_cf_depth(thread) : origin.height;
@@ -103,16 +88,19 @@ void log_single_step_record(StepType type, const StepData* step) {
     if (type == STEP_FIELD_MODIFICATION_COMPLETE) LOG_FINE("FieldMod set step_data %p", address);
 }
 
-void start_single_stepping(jthread thread, StepType type, const StepOrigin& origin) {
+bool switch_on(ThreadData* data, jthread thread, jint event) { return set_event(data, JVMTI_ENABLE, event, thread); }
+bool switch_off(ThreadData* data, jthread thread, jint event) { return set_event(data, JVMTI_DISABLE, event, thread); }
+
+void start_single_stepping(ThreadData* data, jthread thread, StepType type, const StepOrigin& origin) {
     log_single_step_start(type, thread);
-    if (!enable_single_step(thread)) return;
+    if (!switch_on(data, thread, JVMTI_EVENT_SINGLE_STEP)) return;
     StepPtr step = new_step(type, origin, step_depth(thread, origin));
     if (!step) {
-        disable_single_step(thread);
+        switch_off(data, thread, JVMTI_EVENT_SINGLE_STEP);
         return;
     }
     log_single_step_record(type, step.get());
-    attach_step(thread, std::move(step));
+    attach_step(data, std::move(step));
 }
 
 // The step outcomes: whether the stepping hook must be told that the step asked for ended
@@ -122,8 +110,8 @@ constexpr bool STEP_GOES_ON = false;
 
 // Starts a step out by a frame-pop request; for a CFML step, of the nearest CFML caller (the step
 // is aborted when there is none).
-bool start_step_out_with_frame_pop(JNIEnv* env, jthread thread, const StepOrigin& origin) {
-    if (!enable_frame_pop(thread)) return STEP_GOES_ON;
+bool start_step_out_with_frame_pop(JNIEnv* env, ThreadData* data, jthread thread, const StepOrigin& origin) {
+    if (!switch_on(data, thread, JVMTI_EVENT_FRAME_POP)) return STEP_GOES_ON;
     StepPtr step = new_step(STEP_OUT, origin, origin.height);
     if (!step) return STEP_GOES_ON;
     jint frame = 0;
@@ -134,27 +122,27 @@ bool start_step_out_with_frame_pop(JNIEnv* env, jthread thread, const StepOrigin
         step->depth = get_cf_depth(thread);
     }
     LOG_FINE("StepOut set step_data %p", static_cast<void*>(step.get()));
-    attach_step(thread, std::move(step));
+    attach_step(data, std::move(step));
     jvmtiError error = g_jvmti->NotifyFramePop(thread, frame);
     if (error == JVMTI_ERROR_NONE) return STEP_GOES_ON;
     // A frame the VM cannot watch (a native one, say): step out by single steps instead, which
     // stop once the stack is lower than it is now.
     LOG_DEBUG("NotifyFramePop refused %s(%d), stepping out by single steps", get_error_message(error).c_str(), error);
-    disable_frame_pop(thread);
-    if (!enable_single_step(thread)) forget_step(thread);
+    switch_off(data, thread, JVMTI_EVENT_FRAME_POP);
+    if (!switch_on(data, thread, JVMTI_EVENT_SINGLE_STEP)) data->step.put(nullptr);
     return STEP_GOES_ON;
 }
 
-bool start_step_out_by_single_steps(JNIEnv* env, jthread thread, const StepOrigin& origin) {
+bool start_step_out_by_single_steps(JNIEnv* env, ThreadData* data, jthread thread, const StepOrigin& origin) {
     StepPtr step = new_step(STEP_OUT, origin, origin.height);
     if (!step) return STEP_GOES_ON;
     if (origin.lang == LANG_CFML) {
         if (get_cf_parent(env, thread, origin.height) == -1) return STEP_ABORTED;
         step->depth = get_cf_depth(thread);
     }
-    if (!enable_single_step(thread)) return STEP_GOES_ON;
+    if (!switch_on(data, thread, JVMTI_EVENT_SINGLE_STEP)) return STEP_GOES_ON;
     LOG_FINE("StepOut set step_data %p", static_cast<void*>(step.get()));
-    attach_step(thread, std::move(step));
+    attach_step(data, std::move(step));
     return STEP_GOES_ON;
 }
 
@@ -166,10 +154,11 @@ bool is_step(jint command) {
 bool starts_step(jint command) { return is_step(command) || command == STEP_FIELD_MODIFICATION_COMPLETE; }
 
 void handle_breakpoint_hit_return(JNIEnv* env, jthread thread, jmethodID method, jlocation location, jint command) {
-    if (apply_step_command(env, thread, method, location, command)) fire_stepping_aborted(env, thread);
+    if (apply_step_command(env, thread, own_thread_data(), method, location, command)) fire_stepping_aborted(env, thread);
 }
 
-bool apply_step_command(JNIEnv* env, jthread thread, jmethodID method, jlocation location, jint command) {
+bool apply_step_command(JNIEnv* env, jthread thread, ThreadData* data, jmethodID method, jlocation location,
+                        jint command) {
     if (command == STEP_NOOP) return STEP_GOES_ON;
     bool begins_step = starts_step(command);
     // The stack height, language and line matter only to a step: a plain CONTINUE, the answer to
@@ -177,7 +166,7 @@ bool apply_step_command(JNIEnv* env, jthread thread, jmethodID method, jlocation
     jint height = 0;
     jvmtiError height_error = begins_step ? g_jvmti->GetFrameCount(thread, &height) : JVMTI_ERROR_NONE;
     SharedStep previous;
-    if (!take_step(thread, &previous)) return STEP_GOES_ON;
+    if (!take_step(data, &previous)) return STEP_GOES_ON;
     if (previous) clear_frame_pops(thread);
     if (!begins_step) {
         if (command == STEP_CONTINUE) {
@@ -198,10 +187,10 @@ bool apply_step_command(JNIEnv* env, jthread thread, jmethodID method, jlocation
     }
     if (command == STEP_OUT) {
         LOG_DEBUG("StepOut %p", static_cast<void*>(thread));
-        return g_stepping_enabled ? start_step_out_with_frame_pop(env, thread, origin)
-                                  : start_step_out_by_single_steps(env, thread, origin);
+        return g_stepping_enabled ? start_step_out_with_frame_pop(env, data, thread, origin)
+                                  : start_step_out_by_single_steps(env, data, thread, origin);
     }
-    start_single_stepping(thread, static_cast<StepType>(command), origin);
+    start_single_stepping(data, thread, static_cast<StepType>(command), origin);
     return STEP_GOES_ON;
 }
 

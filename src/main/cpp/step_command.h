@@ -32,15 +32,19 @@ struct StepData {
     double deadline;        // get_time() by which the step must complete
 };
 
-// Acts on a hook's answer (or resumeThread's op code) for the thread standing at (method,
-// location): ends the step in progress unless the command is NOOP and starts the one asked for,
-// switching on the events that drive it. On the event thread itself, or on another thread while
-// the target is suspended. A step that cannot begin is reported to the stepping hook.
+struct ThreadData;
+
+// Acts on a hook's answer for the event thread, which stands at (method, location): ends the step
+// in progress unless the command is NOOP and starts the one asked for, switching on the events that
+// drive it. A step that cannot begin is reported to the stepping hook.
 void handle_breakpoint_hit_return(JNIEnv* env, jthread thread, jmethodID method, jlocation location, jint command);
 
-// The same without calling managed code, for callers that hold a lock: true when the stepping
-// hook must be told (fire_stepping_aborted) that the step asked for could not begin.
-bool apply_step_command(JNIEnv* env, jthread thread, jmethodID method, jlocation location, jint command);
+// The same for the thread whose record is given (the event thread's own, or one that resumeThread
+// holds while the thread is suspended), without calling managed code, for callers that hold a
+// lock: true when the stepping hook must be told (fire_stepping_aborted) that the step asked for
+// could not begin.
+bool apply_step_command(JNIEnv* env, jthread thread, ThreadData* data, jmethodID method, jlocation location,
+                        jint command);
 
 // Whether the command starts a step, which needs the thread's location; CONTINUE, NOOP and the
 // commands that only end a step need none.

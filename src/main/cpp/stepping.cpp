@@ -30,8 +30,7 @@ void end_step_silently(jthread thread) {
 
 // Ends the step the event was judged with, unless a new command has replaced it meanwhile.
 void release_step(ThreadData* data, const std::shared_ptr<StepData>& step) {
-    std::shared_ptr<StepData> expected = step;
-    std::atomic_compare_exchange_strong(&data->step_data, &expected, std::shared_ptr<StepData>());
+    data->step.release(step);
 }
 
 // A FIELD_MODIFICATION_COMPLETE step lives for one event: it reports and ends here. When the hook
@@ -73,7 +72,7 @@ bool judge_common(JNIEnv* env, jthread thread, jmethodID method, jlocation locat
     ThreadData* data = own_thread_data();
     if (data == nullptr) return false;
     forget_step_stop(method, location);
-    std::shared_ptr<StepData> share = std::atomic_load(&data->step_data);
+    std::shared_ptr<StepData> share = data->step.get();
     StepData* step = share.get();
     if (step == nullptr) {
         LOG_ERROR("step_data==NULL but SinglStep occurred!");
@@ -86,8 +85,9 @@ bool judge_common(JNIEnv* env, jthread thread, jmethodID method, jlocation locat
         return false;
     }
     if (timed_out(env, thread, data, share)) return false;
+    // A place without a line (generated code, a class compiled without line numbers) is never a
+    // stop, but its depth still counts: a call into such code is stepped over like any other.
     jint line = source_line(env, method, location);
-    if (line <= 0) return false;
     jint depth = 0;
     if (g_jvmti->GetFrameCount(thread, &depth) != JVMTI_ERROR_NONE) return false;
     log_event(fast, step, depth, method, location);
@@ -99,6 +99,7 @@ bool judge_common(JNIEnv* env, jthread thread, jmethodID method, jlocation locat
 // A step whose stop nobody can hear (its hook was removed meanwhile) ends there: stepping on
 // would only slow the thread down until the time limit.
 void stop_here(JNIEnv* env, jthread thread, jmethodID method, jlocation location, const StepEvent& event) {
+    if (event.line <= 0) return;
     if (fire_step_stop(env, thread, method, location)) return;
     LOG_DEBUG("no breakpoint hook to stop in, step ended");
     end_step_silently(thread);

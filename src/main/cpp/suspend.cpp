@@ -92,12 +92,13 @@ bool command_and_resume(JNIEnv* env, jthread thread, jint op, Resumed* resumed) 
     if (!check_target(env, thread)) return false;
     Place place;
     if (starts_step(op)) resumed->place_error = g_jvmti->GetFrameLocation(thread, 0, &place.method, &place.location);
+    ThreadDataAccess record(thread);
     if (resumed->place_error == JVMTI_ERROR_NONE) {
-        resumed->step_aborted = apply_step_command(env, thread, place.method, place.location, op);
+        resumed->step_aborted = apply_step_command(env, thread, record.get(), place.method, place.location, op);
     } else {
         LOG_DEBUG("no place to step from %s(%d), resuming without a step",
                   get_error_message(resumed->place_error).c_str(), resumed->place_error);
-        apply_step_command(env, thread, nullptr, 0, STEP_CONTINUE);
+        apply_step_command(env, thread, record.get(), nullptr, 0, STEP_CONTINUE);
     }
     resumed->resume_error = g_jvmti->ResumeThread(thread);
     return true;

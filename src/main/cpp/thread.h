@@ -1,6 +1,7 @@
 // The agent's record of each application thread, reached through JVMTI thread-local storage.
 #pragma once
 
+#include "spinlock.h"
 #include "step_command.h"
 
 #include <jni.h>
@@ -10,6 +11,42 @@
 #include <memory>
 #include <mutex>
 #include <string>
+
+// The step in progress of one thread. A thread suspended from outside goes on running native code
+// until its next call into the VM, so resumeThread may replace the step while the owner still
+// judges an event with it: the owner holds a share of the step for that long, and a step never
+// changes once in the slot. A spin lock guards the slot for the few instructions of a pointer
+// move, no VM call under it, so that a thread that is not stepping pays one uncontended lock per
+// hit and no process-wide mutex (as the atomic shared_ptr functions would take).
+class StepSlot {
+public:
+    std::shared_ptr<StepData> get() const {
+        SpinLockGuard guard(m_lock);
+        return m_step;
+    }
+    // The step taken out of the slot, empty when there was none.
+    std::shared_ptr<StepData> take() {
+        SpinLockGuard guard(m_lock);
+        return std::move(m_step);
+    }
+    // Puts a step in (or empties the slot); the replaced one is released outside the lock.
+    void put(std::shared_ptr<StepData> step) {
+        {
+            SpinLockGuard guard(m_lock);
+            m_step.swap(step);
+        }
+    }
+    // Empties the slot if it still holds this step: a new command may have replaced it meanwhile.
+    void release(const std::shared_ptr<StepData>& step) {
+        std::shared_ptr<StepData> released;
+        SpinLockGuard guard(m_lock);
+        if (m_step == step) released.swap(m_step);
+    }
+
+private:
+    mutable SpinLock m_lock;
+    std::shared_ptr<StepData> m_step;
+};
 
 // Created on its own thread in ThreadStart, released there in ThreadEnd. Other threads reach it
 // only through a ThreadDataAccess, which keeps it alive for as long as they use it. It is also
@@ -34,11 +71,7 @@ struct ThreadData {
     // events switched for the whole VM cannot be switched off for one thread, so they are dropped.
     std::atomic<bool> hook_running{false};
     // The step in progress; used by the owning thread, or by another one while it is suspended.
-    // Read and written only through std::atomic_load / atomic_store / atomic_exchange: a thread
-    // suspended from outside goes on running native code until its next call into the VM, so
-    // resumeThread may replace the record while the owner still judges an event with it. The owner
-    // holds a share of the record for that long, and the record never changes once attached.
-    std::shared_ptr<StepData> step_data;
+    StepSlot step;
     // Serialises one event switch (the JVMTI call and the mask update) against another, so the
     // masks always say what the VM was last told. Timed: its holder may be suspended inside the
     // VM call, and a thread that waited for it without end could be the one that resumes it.

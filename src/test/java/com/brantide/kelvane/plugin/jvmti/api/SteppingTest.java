@@ -12,9 +12,11 @@ import com.brantide.kelvane.plugin.jvmti.BreakpointLocation;
 import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
 import com.brantide.kelvane.plugin.jvmti.ThreadContext;
 import com.brantide.kelvane.plugin.jvmti.fixtures.StepTarget;
+import com.brantide.kelvane.plugin.jvmti.testing.ClassFiles;
 import com.brantide.kelvane.plugin.jvmti.testing.Stops;
 import java.util.ArrayList;
 import java.util.List;
+import java.util.function.LongUnaryOperator;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.BeforeEach;
 import org.junit.jupiter.api.Test;
@@ -133,13 +135,28 @@ class SteppingTest {
     }
 
     @Test
-    void theTimeLimitEndsAStepOverALongCall() throws Exception {
+    void theTimeLimitEndsAStepOverALongCallUnlessItIsSkippedWhole() throws Exception {
         api.setMaxStepDuration(1);
         breakAt("callsBusy-call");
         stops.answer(STEP_OVER);
         stops.run(api, () -> StepTarget.callsBusy(1500));
         assertEquals(at("callsBusy-call"), stops.stops());
         assertEquals(1, stops.aborted(), "steppingAborted");
+
+        // A call into code without line numbers is waited for like any other when calls can be
+        // skipped whole; single-stepped, its two million turns outlast the time limit.
+        LongUnaryOperator noLines = (LongUnaryOperator) ClassFiles.compiledWithoutDebugInformation("nolines.Loop",
+                "package nolines; public class Loop implements java.util.function.LongUnaryOperator {"
+                        + " public long applyAsLong(long n) { long s = 0; for (long i = 0; i < n; i++) s += i ^ s; return s; } }")
+                .getConstructor().newInstance();
+        Stops through = new Stops().answer(STEP_OVER);
+        api.registerBreakpointHook(through);
+        api.registerSteppingAbortedHook(through);
+        breakAt("callsThrough-call");
+        through.run(api, () -> StepTarget.callsThrough(noLines));
+        boolean skipped = api.isFastSteppingEnabled();
+        assertEquals(skipped ? at("callsThrough-call", "callsThrough-after") : at("callsThrough-call"), through.stops());
+        assertEquals(skipped ? 0 : 1, through.aborted());
     }
 
     @Test
