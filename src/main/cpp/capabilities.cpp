@@ -41,6 +41,7 @@ jvmtiCapabilities debugging_capabilities(bool exceptions_enabled, bool stepping_
     caps.can_get_line_numbers = 1;
     caps.can_get_source_debug_extension = 1;
     caps.can_access_local_variables = 1;
+    caps.can_get_bytecodes = 1;
     caps.can_generate_single_step_events = 1;
     caps.can_generate_breakpoint_events = 1;
     caps.can_suspend = 1;

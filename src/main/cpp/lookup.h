@@ -71,6 +71,8 @@ jint source_line(JNIEnv* env, jmethodID method, jlocation location);
 
 // Classes are being redefined: tables kept ready may be stale.
 void forget_source_lines();
+// Changes with every redefinition: what was read of a method before is stale.
+unsigned long class_generation();
 
 // The template line for a Java line of the method, through its class's SMAP; the Java line
 // unchanged when the class has none.

@@ -9,6 +9,8 @@
 #include "lookup.h"
 #include "thread.h"
 
+#include <atomic>
+#include <ctime>
 #include <memory>
 #include <new>
 
@@ -65,6 +67,9 @@ StepPtr new_step(StepType type, const StepOrigin& origin, jint depth) {
     step->begin_location = origin.location;
     step->begin_line = origin.line;
     step->deadline = origin.deadline;
+    step->coarse_deadline = coarse_clock() + MAX_STEP.load();
+    static std::atomic<uint64_t> s_serials{0};
+    step->serial = ++s_serials;
     return step;
 }
 
@@ -192,6 +197,12 @@ bool apply_step_command(JNIEnv* env, jthread thread, ThreadData* data, jmethodID
     }
     start_single_stepping(data, thread, static_cast<StepType>(command), origin);
     return STEP_GOES_ON;
+}
+
+double coarse_clock() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
 void fire_stepping_aborted(JNIEnv* env, jthread thread) {

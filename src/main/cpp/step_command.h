@@ -3,6 +3,8 @@
 
 #include <jvmti.h>
 
+#include <cstdint>
+
 // The command a hook answers with; its names are STEP_TYPE_STR.
 enum StepType : jint {
     STEP_UNKNOWN = 0,
@@ -30,7 +32,13 @@ struct StepData {
     jlocation begin_location;
     jint begin_line;        // mapped through the class's SMAP
     double deadline;        // get_time() by which the step must complete
+    double coarse_deadline; // the same on coarse_clock(), which every single step can afford to read
+    uint64_t serial;        // tells this step from every other one, at the same address included
 };
+
+// Seconds on a monotonic clock of a few milliseconds' resolution that costs next to nothing to
+// read (no hardware counter), for the time limit that every single step checks.
+double coarse_clock();
 
 struct ThreadData;
 

@@ -8,6 +8,7 @@
 #include "log.h"
 #include "lookup.h"
 #include "step_command.h"
+#include "step_depth.h"
 #include "thread.h"
 
 #include <memory>
@@ -16,7 +17,8 @@ namespace {
 // One single-step event of a thread that is stepping, as the shared first part of both variants
 // has judged it.
 struct StepEvent {
-    std::shared_ptr<StepData> share;  // keeps the record alive while the event is judged
+    // The owner's share of the record, which keeps it alive while the event is judged.
+    const std::shared_ptr<StepData>* share;
     StepData* step;
     jint line;   // mapped through the SMAP
     jint depth;  // stack height, or CFML depth for a CFML step
@@ -44,6 +46,7 @@ void complete_field_modification(JNIEnv* env, jthread thread, jmethodID method, 
 }
 
 bool timed_out(JNIEnv* env, jthread thread, ThreadData* data, const std::shared_ptr<StepData>& step) {
+    if (step->coarse_deadline > coarse_clock()) return false;
     double now = get_time();
     if (step->deadline > now) return false;
     LOG_WARN("Stopping stepping %lf >= %lf after %ds.", now, step->deadline, MAX_STEP.load());
@@ -66,13 +69,26 @@ void log_event(bool fast, const StepData* step, jint depth, jmethodID method, jl
     }
 }
 
+// The CFML depth of the calling thread, counted again only when the frame changed.
+jint cfml_depth(jthread thread, uint64_t step_serial, bool moved) {
+    thread_local uint64_t counted_for = 0;
+    thread_local jint depth = -1;
+    if (moved || counted_for != step_serial || depth < 0) {
+        depth = get_cf_depth(thread);
+        counted_for = step_serial;
+    }
+    return depth;
+}
+
 // The part both variants share. False when the event ends here; otherwise the step, the current
 // line and depth to judge it by.
 bool judge_common(JNIEnv* env, jthread thread, jmethodID method, jlocation location, bool fast, StepEvent* event) {
     ThreadData* data = own_thread_data();
     if (data == nullptr) return false;
     forget_step_stop(method, location);
-    std::shared_ptr<StepData> share = data->step.get();
+    // The step this thread judged last, kept so that reading it costs no lock and no count.
+    thread_local std::shared_ptr<StepData> t_seen;
+    const std::shared_ptr<StepData>& share = data->step.get(&t_seen);
     StepData* step = share.get();
     if (step == nullptr) {
         LOG_ERROR("step_data==NULL but SinglStep occurred!");
@@ -88,11 +104,12 @@ bool judge_common(JNIEnv* env, jthread thread, jmethodID method, jlocation locat
     // A place without a line (generated code, a class compiled without line numbers) is never a
     // stop, but its depth still counts: a call into such code is stepped over like any other.
     jint line = source_line(env, method, location);
-    jint depth = 0;
-    if (g_jvmti->GetFrameCount(thread, &depth) != JVMTI_ERROR_NONE) return false;
+    bool moved = true;
+    jint depth = step_height(thread, step->serial, method, location, &moved);
+    if (depth < 0) return false;
     log_event(fast, step, depth, method, location);
-    if (step->lang == LANG_CFML) depth = get_cf_depth(thread);
-    *event = StepEvent{share, step, line, depth};
+    if (step->lang == LANG_CFML) depth = cfml_depth(thread, step->serial, moved);
+    *event = StepEvent{&share, step, line, depth};
     return true;
 }
 
@@ -104,7 +121,7 @@ void stop_here(JNIEnv* env, jthread thread, jmethodID method, jlocation location
     LOG_DEBUG("no breakpoint hook to stop in, step ended");
     end_step_silently(thread);
     ThreadData* data = own_thread_data();
-    if (data != nullptr) release_step(data, event.share);
+    if (data != nullptr) release_step(data, *event.share);
 }
 
 bool is_cfml_target(JNIEnv* env, const StepEvent& event, jmethodID method) {
@@ -201,16 +218,16 @@ void single_step(JNIEnv* env, jthread thread, jmethodID method, jlocation locati
 }
 }  // namespace
 
+// No exception is pending at a single step (the VM posts it before a bytecode), and every managed
+// call the engine makes clears what it leaves: the events that call nothing cost no exception check.
 void JNICALL SingleStep(jvmtiEnv*, JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
     LOG_DEBUG("SingleStep %p %p@%d", static_cast<void*>(thread), static_cast<void*>(method), static_cast<int>(location));
-    PendingExceptionKeeper keeper(env);
     single_step(env, thread, method, location, true);
 }
 
 void JNICALL SingleStepNoFramePop(jvmtiEnv*, JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
     LOG_DEBUG("SingleStepNoFramePop %p %p@%d", static_cast<void*>(thread), static_cast<void*>(method),
               static_cast<int>(location));
-    PendingExceptionKeeper keeper(env);
     single_step(env, thread, method, location, false);
 }
 

@@ -24,9 +24,16 @@ public:
         SpinLockGuard guard(m_lock);
         return m_step;
     }
+    // The step in the slot for its owner, which keeps a share of the last one it saw: while that is
+    // still the one in the slot (mostly), the owner reads one pointer and takes no lock.
+    const std::shared_ptr<StepData>& get(std::shared_ptr<StepData>* seen) const {
+        if (m_current.load(std::memory_order_acquire) != seen->get()) *seen = get();
+        return *seen;
+    }
     // The step taken out of the slot, empty when there was none.
     std::shared_ptr<StepData> take() {
         SpinLockGuard guard(m_lock);
+        m_current.store(nullptr, std::memory_order_release);
         return std::move(m_step);
     }
     // Puts a step in (or empties the slot); the replaced one is released outside the lock.
@@ -34,6 +41,7 @@ public:
         {
             SpinLockGuard guard(m_lock);
             m_step.swap(step);
+            m_current.store(m_step.get(), std::memory_order_release);
         }
     }
     // Empties the slot if it still holds this step: a new command may have replaced it meanwhile.
@@ -41,11 +49,15 @@ public:
         std::shared_ptr<StepData> released;
         SpinLockGuard guard(m_lock);
         if (m_step == step) released.swap(m_step);
+        m_current.store(m_step.get(), std::memory_order_release);
     }
 
 private:
     mutable SpinLock m_lock;
     std::shared_ptr<StepData> m_step;
+    // What m_step points to, readable without the lock; a step the owner holds a share of cannot
+    // be freed, so no other step can appear at its address while the owner compares.
+    std::atomic<StepData*> m_current{nullptr};
 };
 
 // Created on its own thread in ThreadStart, released there in ThreadEnd. Other threads reach it

@@ -48,7 +48,7 @@ TEST(Capabilities, AddUpdRequestsExactlyTheDebuggingSetOfTheConfiguration) {
             ASSERT_EQ(1u, fake.added.size());
 
             std::vector<std::string> wanted = {"can_tag_objects", "can_generate_field_modification_events",
-                                               "can_generate_field_access_events",
+                                               "can_generate_field_access_events", "can_get_bytecodes",
                                                "can_get_current_contended_monitor", "can_get_source_file_name",
                                                "can_get_line_numbers", "can_get_source_debug_extension",
                                                "can_access_local_variables", "can_generate_single_step_events"};

@@ -1,0 +1,16 @@
+// The stack height of a stepping thread at each single step, without walking the stack each time.
+#pragma once
+
+#include <jni.h>
+#include <jvmti.h>
+
+#include <cstdint>
+
+// The height (GetFrameCount) of the calling thread at a single step of the step with this serial,
+// or -1 when it cannot be had. Within one frame the height is the previous event's: the method's
+// bytecodes tell that the instruction may follow the previous one. Entering a call is checked
+// against the caller's frame, a return against the call site it was entered from; anything else
+// (a throw, a native frame in between, a new step) counts the stack again. So a single step costs
+// the same however deep the stack, but for the first one after a frame changes unexpectedly.
+// `moved` tells whether the event is in another frame than the previous one.
+jint step_height(jthread thread, uint64_t step_serial, jmethodID method, jlocation location, bool* moved);
