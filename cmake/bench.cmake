@@ -24,10 +24,11 @@ add_custom_target(bench-heap
   VERBATIM)
 
 # ---------------------------------------------------------------------------------------------
-# Debugging path (bench/debug): breakpoint round trip, step over a long call, stepping under an
-# SMAP and listing a deep stack, against a floor agent of the benchmark's own, JDWP driven by JDI
-# and plain loops. `tools/bench.sh debug` runs it on every JDK 17+ present; `bench-debug` on the
-# build's JDK only.
+# Debugging path (bench/debug): breakpoint round trip, step over a long call, single stepping at
+# two stack depths, stepping under an SMAP and listing a deep stack and its locals, against the
+# benchmark's own floor agent (three modes: bare up-call, the hook contract, single stepping), JDWP
+# driven by JDI and plain loops. `tools/bench.sh debug` runs it on every JDK 17+ present;
+# `bench-debug` on the build's JDK only.
 add_library(kv_bench_debug_floor SHARED EXCLUDE_FROM_ALL ${CMAKE_SOURCE_DIR}/bench/debug/floor_agent.cpp)
 target_include_directories(kv_bench_debug_floor PRIVATE ${KV_JNI_INCLUDE_DIRS})
 target_compile_options(kv_bench_debug_floor PRIVATE ${KV_STRICT_FLAGS} -fvisibility=hidden)

@@ -36,6 +36,10 @@ final class Child {
         }
         command.add(Path.of(System.getProperty("java.home"), "bin", "java").toString());
         command.addAll(jvmOptions);
+        String repeats = System.getProperty("kv.bench.repeats");
+        if (repeats != null) {
+            command.add("-Dkv.bench.repeats=" + repeats); // the figures' repeats, the same on both sides
+        }
         command.addAll(List.of("-cp", classpath, Target.class.getName()));
         command.addAll(List.of(args));
         description = String.join(" ", command);

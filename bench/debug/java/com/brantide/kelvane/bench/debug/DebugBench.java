@@ -3,6 +3,7 @@ package com.brantide.kelvane.bench.debug;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
+import java.util.Arrays;
 import java.util.List;
 import java.util.Locale;
 import java.util.Map;
@@ -13,16 +14,23 @@ import java.util.Map;
  * the ratios.
  *
  * <p>Usage: {@code DebugBench LIBRARY FLOOR_AGENT CLASSPATH}, the class path being the one the
- * target JVMs get (the library's API jar and the benchmark jar).
+ * target JVMs get (the library's API jar and the benchmark jar). System properties for shorter
+ * runs: {@code kv.bench.only} (some of breakpoint, step, singlestep, smap, stacks, comma-separated),
+ * {@code kv.bench.rounds} (JVMs per variant), {@code kv.bench.repeats} (timed repeats in each, passed
+ * on to the target JVMs) and {@code kv.bench.depth.iterations} (the loop stepped in singlestep).
  */
 public final class DebugBench {
     /** The loop of the call that is stepped over. */
     static final int STEP_ITERATIONS = 10_000_000;
     /** Single stepping covers every bytecode of it: the run without fast stepping loops less and is scaled. */
     static final int SINGLE_STEP_ITERATIONS = 100_000;
+    /** Stack heights of the stepped callee in the single-stepping benchmark: the shallow one first. */
+    static final int[] STEP_DEPTHS = {10, 200};
+    /** The loop of the call stepped over there, every bytecode an event. */
+    static final int DEPTH_STEP_ITERATIONS = Integer.getInteger("kv.bench.depth.iterations", 10_000);
     static final int STACK_HEIGHT = 200;
-    /** JVMs per variant of the benchmarks that have a goal. */
-    static final int ROUNDS = 3;
+    /** JVMs per variant of the benchmarks that have a goal; fewer (-Dkv.bench.rounds=1) while developing. */
+    static final int ROUNDS = Integer.getInteger("kv.bench.rounds", 3);
 
     private final List<String[]> rows = new ArrayList<>();
     private int missed;
@@ -36,43 +44,85 @@ public final class DebugBench {
             System.exit(2);
         }
         List<String> library = List.of("-agentpath:" + args[0]);
-        List<String> floor = List.of("-agentpath:" + args[1]);
         String classpath = args[2];
         System.out.printf("== JDK %s (%s), load average %s%n", Runtime.version(), System.getProperty("java.home"),
                 loadAverage());
-        System.out.println("Figures: the best of " + Target.REPEATS + " timed repeats after a warm-up, in " + ROUNDS
-                + " JVMs per variant (one for single stepping and stacks), variants alternating.");
-        new DebugBench().run(library, floor, classpath);
+        System.out.println("Figures: the best of " + Target.REPEATS + " timed repeats after a warm-up (rates: of "
+                + Target.REPEATS + " windows of 0.1 s), in " + ROUNDS + " JVMs per variant (one for the scaled"
+                + " single-stepping row of 2), variants alternating.");
+        new DebugBench().run(library, args[1], classpath);
         System.out.println("load average at the end " + loadAverage());
     }
 
-    private void run(List<String> library, List<String> floor, String classpath) throws Exception {
-        // 1. Breakpoint round trip.
+    private void run(List<String> library, String floorAgent, String classpath) throws Exception {
+        if (selected("breakpoint")) {
+            breakpoints(library, floorAgent, classpath);
+        }
+        if (selected("step")) {
+            stepOver(library, classpath);
+        }
+        if (selected("singlestep")) {
+            singleSteppingDepth(library, floorAgent, classpath);
+        }
+        if (selected("smap")) {
+            smap(library, classpath);
+        }
+        if (selected("stacks")) {
+            stacks(library, classpath);
+        }
+        print();
+        System.out.println(missed == 0 ? "all goals met" : missed + " goal(s) MISSED");
+    }
+
+    /** Whether the benchmark is among those -Dkv.bench.only=NAME,... names; all are when it is not set. */
+    private static boolean selected(String benchmark) {
+        String only = System.getProperty("kv.bench.only");
+        return only == null || Arrays.asList(only.split(",")).contains(benchmark);
+    }
+
+    /** The floor agent in one of its modes (floor_agent.cpp). */
+    private static List<String> floor(String agent, String mode) {
+        return List.of("-agentpath:" + agent + "=" + mode);
+    }
+
+    /** The library as plain single stepping has it: every bytecode of a stepped call an event. */
+    private static List<String> singleStepping(List<String> library) {
+        List<String> options = new ArrayList<>(library);
+        options.add("-Dkv.jvmti.enable.fast.stepping=false");
+        return options;
+    }
+
+    /** 1. The breakpoint round trip against the hook contract's floor, the bare up-call and JDWP. */
+    private void breakpoints(List<String> library, String floorAgent, String classpath) throws Exception {
         List<List<Map<String, String>>> bps = alternate(
                 () -> Child.run(library, classpath, "breakpoint", "library"),
-                () -> Child.run(floor, classpath, "breakpoint", "floor"),
+                () -> Child.run(floor(floorAgent, "contract"), classpath, "breakpoint", "contract"),
+                () -> Child.run(floor(floorAgent, "bare"), classpath, "breakpoint", "floor"),
                 () -> Jdi.breakpoint(classpath),
                 () -> Child.run(List.of(), classpath, "breakpoint", "none"));
         double lib = best(bps.get(0), "breakpoint.ns");
-        double flo = best(bps.get(1), "breakpoint.ns");
-        double jdwp = best(bps.get(2), "breakpoint.ns");
-        double none = best(bps.get(3), "breakpoint.ns");
+        double contract = best(bps.get(1), "breakpoint.ns");
+        double bare = best(bps.get(2), "breakpoint.ns");
+        double jdwp = best(bps.get(3), "breakpoint.ns");
+        double none = best(bps.get(4), "breakpoint.ns");
         String bp = "1 breakpoint round trip";
-        row(bp, "library", nanos(lib) + "/hit", "", "");
-        row(bp, "floor agent", nanos(flo) + "/hit", goal("library/floor", lib / flo, "<=", 3), "");
-        row(bp, "JDWP + JDI", nanos(jdwp) + "/hit", goal("JDWP/library", jdwp / lib, ">=", 30), "");
+        row(bp, "library", nanos(lib) + "/hit", goal("library/contract floor", lib / contract, "<=", 1.15), "");
+        row(bp, "contract floor", nanos(contract) + "/hit", ratio("contract/bare floor", contract / bare),
+                "frame count, new ThreadContext, breakpointHit");
+        row(bp, "bare floor (up-call only)", nanos(bare) + "/hit", ratio("library/bare floor", lib / bare), "");
+        row(bp, "JDWP + JDI", nanos(jdwp) + "/hit", goal("JDWP/library", jdwp / lib, ">=", 100), "");
         row(bp, "no agent", nanos(none) + "/call", ratio("library/no agent", lib / none), "");
+    }
 
-        // 2. Step over a call of 10^7 loop iterations; single stepping covers fewer and is scaled.
+    /** 2. Step over a call of 10^7 loop iterations; single stepping covers fewer and is scaled. */
+    private void stepOver(List<String> library, String classpath) throws Exception {
         String it = Integer.toString(STEP_ITERATIONS);
         List<List<Map<String, String>>> steps = alternate(
                 () -> Child.run(library, classpath, "step", "library", it),
                 () -> Jdi.stepOver(classpath, STEP_ITERATIONS));
         double fast = best(steps.get(0), "step.ms");
         double jdwpStep = best(steps.get(1), "step.ms");
-        List<String> singleStepping = new ArrayList<>(library);
-        singleStepping.add("-Dkv.jvmti.enable.fast.stepping=false");
-        double slowMeasured = number(Child.run(singleStepping, classpath, "step", "library",
+        double slowMeasured = number(Child.run(singleStepping(library), classpath, "step", "library",
                 Integer.toString(SINGLE_STEP_ITERATIONS)), "step.ms");
         double slow = slowMeasured * STEP_ITERATIONS / SINGLE_STEP_ITERATIONS;
         String so = "2 step over a 10^7-iteration call";
@@ -80,8 +130,61 @@ public final class DebugBench {
         row(so, "library, single stepping", millis(slow), ratio("vs fast", slow / fast),
                 String.format(Locale.ROOT, "scaled from %s over 10^5", millis(slowMeasured)));
         row(so, "JDWP + JDI step over", millis(jdwpStep), "", "");
+    }
 
-        // 3. Single stepping through a 2,000-line method, with and without a 2,000-entry SMAP.
+    /**
+     * 3. Plain single stepping over the same call at two stack heights, the library against the
+     * step floor. The events of a step are counted by the floor agent; the library steps the same
+     * code from the same place to the same stop, so its time is divided by that count.
+     */
+    private void singleSteppingDepth(List<String> library, String floorAgent, String classpath) throws Exception {
+        List<String> stepFloor = floor(floorAgent, "step");
+        List<List<Map<String, String>>> runs = new ArrayList<>();
+        for (int depth : STEP_DEPTHS) {
+            String[] args = {"singlestep", "", Integer.toString(depth), Integer.toString(DEPTH_STEP_ITERATIONS)};
+            runs.addAll(alternate(
+                    () -> Child.run(singleStepping(library), classpath, with(args, 1, "library")),
+                    () -> Child.run(stepFloor, classpath, with(args, 1, "floor"))));
+        }
+        long events = stepEvents(runs);
+        double[] lib = new double[STEP_DEPTHS.length];
+        double[] flo = new double[STEP_DEPTHS.length];
+        for (int d = 0; d < STEP_DEPTHS.length; d++) {
+            lib[d] = best(runs.get(2 * d), "singlestep.ms") * 1e6 / events;
+            flo[d] = best(runs.get(2 * d + 1), "singlestep.ms") * 1e6 / events;
+        }
+        String ss = "3 single stepping vs stack depth";
+        String note = String.format(Locale.ROOT, "%,d events/step (%.1f per iteration), counted by the floor",
+                events, (double) events / DEPTH_STEP_ITERATIONS);
+        for (int d = 0; d < STEP_DEPTHS.length; d++) {
+            String at = "depth " + STEP_DEPTHS[d];
+            row(ss, "library, " + at, nanos(lib[d]) + "/event", goal("library/floor", lib[d] / flo[d], "<=", 1.5),
+                    d == 0 ? note : "");
+            row(ss, "step floor, " + at, nanos(flo[d]) + "/event", "", "");
+        }
+        int deep = STEP_DEPTHS.length - 1;
+        String depths = "depth " + STEP_DEPTHS[deep] + "/" + STEP_DEPTHS[0];
+        row(ss, "library, " + depths, "", goal("library", lib[deep] / lib[0], "<=", 1.3), "");
+        row(ss, "step floor, " + depths, "", ratio("floor", flo[deep] / flo[0]), "");
+    }
+
+    /** The events of one step, the same in every floor run at every depth: the same code steps. */
+    private static long stepEvents(List<List<Map<String, String>>> runs) {
+        List<Long> counts = new ArrayList<>();
+        for (int v = 1; v < runs.size(); v += 2) {
+            for (Map<String, String> run : runs.get(v)) {
+                counts.add((long) number(run, "singlestep.events"));
+            }
+        }
+        long[] distinct = counts.stream().mapToLong(Long::longValue).distinct().toArray();
+        if (distinct.length != 1) {
+            throw new IllegalStateException("the floor counted steps of different lengths: " + Arrays.toString(distinct));
+        }
+        return distinct[0];
+    }
+
+    /** 4. Single stepping through a 2,000-line method, with and without a 2,000-entry SMAP. */
+    private void smap(List<String> library, String classpath) throws Exception {
         Path classes = Files.createTempDirectory("kv-bench-smap");
         LongMethod.generate(classes);
         List<List<Map<String, String>>> smaps = alternate(
@@ -92,28 +195,48 @@ public final class DebugBench {
                 || !"false".equals(smaps.get(1).get(0).get("smap.extension"))) {
             throw new IllegalStateException("the SMAP did not reach the VM as generated");
         }
-        String sm = "3 stepping, " + LongMethod.LINES + "-entry SMAP";
+        String sm = "4 stepping, " + LongMethod.LINES + "-entry SMAP";
         for (String command : List.of("over", "in")) {
             double withMap = best(smaps.get(0), "smap." + command + ".us");
             double without = best(smaps.get(1), "smap." + command + ".us");
-            row(sm, "step " + command + ", SMAP", micros(withMap) + "/stop", goal("SMAP/none", withMap / without, "<=", 1.5),
+            row(sm, "step " + command + ", SMAP", micros(withMap) + "/stop", goal("SMAP/none", withMap / without, "<=", 1.2),
                     smaps.get(0).get(0).get("smap." + command + ".stops") + " stops/run");
             row(sm, "step " + command + ", no SMAP", micros(without) + "/stop", "", "");
         }
+    }
 
-        // 4. Listing a 200-frame stack from a breakpoint hook.
-        Map<String, String> stacks = Child.run(library, classpath, "stacks", Integer.toString(STACK_HEIGHT));
-        String st = "4 " + stacks.get("stacks.height") + "-frame stack";
-        double listStack = number(stacks, "stacks.listStack.per.s");
-        double walker = number(stacks, "stacks.stackWalker.per.s");
+    /** 5. Listing a 200-frame stack from a breakpoint hook, and its locals against JDWP + JDI. */
+    private void stacks(List<String> library, String classpath) throws Exception {
+        String height = Integer.toString(STACK_HEIGHT);
+        List<List<Map<String, String>>> runs = alternate(
+                () -> Child.run(library, classpath, "stacks", "library", height),
+                () -> Jdi.stacks(classpath, STACK_HEIGHT));
+        Map<String, String> first = runs.get(0).get(0);
+        Map<String, String> jdiFirst = runs.get(1).get(0);
+        if (!first.get("stacks.height").equals(jdiFirst.get("stacks.jdi.height"))) {
+            throw new IllegalStateException("the library stopped " + first.get("stacks.height")
+                    + " frames high, JDI " + jdiFirst.get("stacks.jdi.height"));
+        }
+        String st = "5 " + first.get("stacks.height") + "-frame stack";
+        double listStack = bestRate(runs.get(0), "stacks.listStack.per.s");
+        double walker = bestRate(runs.get(0), "stacks.stackWalker.per.s");
+        double variables = bestRate(runs.get(0), "stacks.listVariables.per.s");
+        double jdi = bestRate(runs.get(1), "stacks.jdi.per.s");
         row(st, "listStack", perSecond(listStack), ratio("StackWalker/listStack", walker / listStack),
-                stacks.get("stacks.frames") + " frames/call");
-        row(st, "listVariables, all frames", perSecond(number(stacks, "stacks.listVariables.per.s")), "",
-                stacks.get("stacks.variables") + " variables/call");
+                first.get("stacks.frames") + " frames/call");
         row(st, "StackWalker (baseline)", perSecond(walker), "", "");
+        row(st, "listVariables, all frames", perSecond(variables), goal("library/JDI", variables / jdi, ">=", 1),
+                first.get("stacks.variables") + " variables/call");
+        row(st, "JDWP + JDI, the same", perSecond(jdi), "", String.format(Locale.ROOT,
+                "%s values/listing; getValues(visibleVariables) per frame; first listing %.1f ms",
+                jdiFirst.get("stacks.jdi.variables"), number(jdiFirst, "stacks.jdi.first.ms")));
+    }
 
-        print();
-        System.out.println(missed == 0 ? "all goals met" : missed + " goal(s) MISSED");
+    /** The arguments with one replaced. */
+    private static String[] with(String[] args, int index, String value) {
+        String[] copy = args.clone();
+        copy[index] = value;
+        return copy;
     }
 
     /** One run of a benchmark variant in JVMs of its own; its results. */
@@ -141,6 +264,11 @@ public final class DebugBench {
     /** The best (lowest) figure of a variant's runs. */
     private static double best(List<Map<String, String>> runs, String name) {
         return runs.stream().mapToDouble(r -> number(r, name)).min().orElseThrow();
+    }
+
+    /** The best (highest) rate of a variant's runs. */
+    private static double bestRate(List<Map<String, String>> runs, String name) {
+        return runs.stream().mapToDouble(r -> number(r, name)).max().orElseThrow();
     }
 
     private void row(String benchmark, String variant, String figure, String ratio, String note) {

@@ -1,9 +1,13 @@
 package com.brantide.kelvane.bench.debug;
 
+import com.sun.jdi.AbsentInformationException;
 import com.sun.jdi.Bootstrap;
+import com.sun.jdi.IncompatibleThreadStateException;
 import com.sun.jdi.Location;
 import com.sun.jdi.Method;
 import com.sun.jdi.ReferenceType;
+import com.sun.jdi.StackFrame;
+import com.sun.jdi.ThreadReference;
 import com.sun.jdi.VMDisconnectedException;
 import com.sun.jdi.VirtualMachine;
 import com.sun.jdi.connect.AttachingConnector;
@@ -18,6 +22,7 @@ import com.sun.jdi.request.EventRequest;
 import com.sun.jdi.request.EventRequestManager;
 import com.sun.jdi.request.StepRequest;
 import java.util.ArrayList;
+import java.util.HashMap;
 import java.util.List;
 import java.util.Map;
 
@@ -109,6 +114,61 @@ final class Jdi {
         millis.remove(0); // warm-up
         results.put("step.ms", Double.toString(Target.best(millis.stream().mapToDouble(Double::doubleValue).toArray())));
         return results;
+    }
+
+    /**
+     * The locals of every frame of a HEIGHT-frame stack, listed the way a debugger lists them while
+     * the target stands at the breakpoint in Target.leaf: each frame's values of its visible
+     * variables. Listings per second, measured here while the target waits.
+     */
+    static Map<String, String> stacks(String classpath, int height) throws Exception {
+        Map<String, String> measured = new HashMap<>();
+        Map<String, String> results = session(classpath, new Debugger() {
+            @Override
+            public void setUp(VirtualMachine vm, ReferenceType target) {
+                BreakpointRequest request = vm.eventRequestManager().createBreakpointRequest(
+                        method(target, "leaf").location());
+                request.setSuspendPolicy(EventRequest.SUSPEND_EVENT_THREAD);
+                request.enable();
+            }
+
+            @Override
+            public void handle(EventRequestManager requests, Event event) {
+                if (event instanceof BreakpointEvent) {
+                    measureListings(((BreakpointEvent) event).thread(), measured);
+                }
+            }
+        }, "stacks", "jdwp", Integer.toString(height));
+        if (measured.isEmpty()) {
+            throw new IllegalStateException("the debugger never stopped in leaf");
+        }
+        results.putAll(measured);
+        return results;
+    }
+
+    private static void measureListings(ThreadReference thread, Map<String, String> measured) {
+        try {
+            measured.put("stacks.jdi.height", Integer.toString(thread.frameCount()));
+            long start = System.nanoTime();
+            measured.put("stacks.jdi.variables", Long.toString(listVariables(thread)));
+            measured.put("stacks.jdi.first.ms", Double.toString((System.nanoTime() - start) / 1e6));
+            measured.put("stacks.jdi.per.s", Double.toString(Target.rate(() -> listVariables(thread))));
+        } catch (IncompatibleThreadStateException e) {
+            throw new IllegalStateException(e);
+        }
+    }
+
+    /** One listing: the values of every frame's visible variables; how many there were. */
+    private static long listVariables(ThreadReference thread) {
+        try {
+            long count = 0;
+            for (StackFrame frame : thread.frames()) {
+                count += frame.getValues(frame.visibleVariables()).size();
+            }
+            return count;
+        } catch (IncompatibleThreadStateException | AbsentInformationException e) {
+            throw new IllegalStateException(e);
+        }
     }
 
     private static Method method(ReferenceType type, String name) {

@@ -20,6 +20,7 @@ import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
 import java.util.TreeMap;
+import java.util.function.LongSupplier;
 
 /**
  * The debugged program, one benchmark per JVM. It reports its figures as "RESULT name value" lines
@@ -27,11 +28,17 @@ import java.util.TreeMap;
  * debugger sets itself up.
  *
  * <pre>
- * Target breakpoint none|library|floor|jdwp   the breakpoint round trip, ns per hit
- * Target step library|jdwp ITERATIONS         step over a line whose call loops ITERATIONS times
- * Target smap CLASS_DIR                       stepping through the generated 2,000-line method
- * Target stacks HEIGHT                        listing a stack of HEIGHT frames and its locals
+ * Target breakpoint none|library|floor|contract|jdwp   the breakpoint round trip, ns per hit
+ * Target step library|jdwp ITERATIONS                  step over a line whose call loops ITERATIONS times
+ * Target singlestep library|floor DEPTH ITERATIONS     the same step, every bytecode of the call a
+ *                                                      single-step event, with the callee DEPTH frames high
+ * Target smap CLASS_DIR                                stepping through the generated 2,000-line method
+ * Target stacks library|jdwp HEIGHT                    listing a stack of HEIGHT frames and its locals
  * </pre>
+ *
+ * <p>The floor agent's mode goes with it: {@code floor} runs under the bare mode, {@code contract}
+ * under the contract mode, {@code singlestep floor} under the step mode. {@code singlestep library}
+ * expects the library started with {@code -Dkv.jvmti.enable.fast.stepping=false}.
  */
 public final class Target {
     /** Timed repeats of each measurement; fewer (-Dkv.bench.repeats=1) for a reduced run under a profiler. */
@@ -45,8 +52,9 @@ public final class Target {
         switch (args[0]) {
             case "breakpoint": breakpoint(args[1]); break;
             case "step": step(args[1], Integer.parseInt(args[2])); break;
+            case "singlestep": singleStep(args[1], Integer.parseInt(args[2]), Integer.parseInt(args[3])); break;
             case "smap": smap(Path.of(args[1])); break;
-            case "stacks": stacks(Integer.parseInt(args[1])); break;
+            case "stacks": stacks(args[1], Integer.parseInt(args[2])); break;
             default: throw new IllegalArgumentException(args[0]);
         }
     }
@@ -112,25 +120,38 @@ public final class Target {
         return (double) elapsed / calls;
     }
 
+    /** The hook of the round trip, for the library and the contract floor alike. */
+    static final class CountingHook implements BreakpointHook {
+        long hits;
+
+        @Override
+        public int breakpointHit(BreakpointLocation location, ThreadContext context) {
+            hits++;
+            return StepType.CONTINUE;
+        }
+    }
+
     static void breakpoint(String agent) throws Exception {
         int calls = 20_000;
-        long[] hits = {0};
+        CountingHook hook = new CountingHook();
+        BreakpointLocation hot = BreakpointLocation.forMethod(method(Target.class, "hot"), 0);
         switch (agent) {
             case "none":
                 calls = 10_000_000;
                 break;
             case "library":
                 JvmtiApi api = library();
-                api.registerBreakpointHook((BreakpointHook) (location, context) -> {
-                    hits[0]++;
-                    return StepType.CONTINUE;
-                });
-                api.setBreakpoint(BreakpointLocation.forMethod(method(Target.class, "hot"), 0));
+                api.registerBreakpointHook(hook);
+                api.setBreakpoint(hot);
                 break;
             case "floor":
-                if (!Floor.setBreakpoint(method(Target.class, "hot"), 0) || !Floor.enableBreakpoints(Thread.currentThread())) {
-                    throw new IllegalStateException("floor agent refused");
+                floorBreakpoint(hot);
+                break;
+            case "contract":
+                if (!Floor.setContractHook(hook, hot, ThreadContext.class)) {
+                    throw new IllegalStateException("floor agent refused the hook");
                 }
+                floorBreakpoint(hot);
                 break;
             case "jdwp":
                 calls = 500;
@@ -145,12 +166,19 @@ public final class Target {
             perCall[i] = nanosPerCall(calls);
         }
         long expected = (long) calls * (REPEATS + 1);
-        long seen = agent.equals("library") ? hits[0] : agent.equals("floor") ? Floor.hits : expected;
+        long seen = agent.equals("floor") ? Floor.hits : agent.equals("jdwp") ? expected : hook.hits;
         if (!agent.equals("none") && seen != expected) {
             throw new IllegalStateException(seen + " breakpoint hits, expected " + expected);
         }
         result("breakpoint.ns", best(perCall));
         result("breakpoint.hits", expected);
+    }
+
+    static void floorBreakpoint(BreakpointLocation location) {
+        if (!Floor.setBreakpoint((Method) location.getMember(), location.getLocation())
+                || !Floor.enableBreakpoints(Thread.currentThread())) {
+            throw new IllegalStateException("floor agent refused the breakpoint");
+        }
     }
 
     // ---- 2. step over a long call
@@ -209,6 +237,91 @@ public final class Target {
         millis.remove(0); // warm-up
         result("step.ms", best(millis.stream().mapToDouble(Double::doubleValue).toArray()));
         result("step.fast", api.isFastSteppingEnabled());
+    }
+
+    // ---- 2b. single stepping against stack depth
+
+    /** Calls stepOverSubject under {@code extra} frames of its own. */
+    static long stepUnder(int extra, int iterations) {
+        if (extra == 0) {
+            return stepOverSubject(iterations);
+        }
+        return stepUnder(extra - 1, iterations) + 1;
+    }
+
+    /**
+     * Steps over the call line of stepOverSubject with the callee, spin, standing {@code depth}
+     * frames high: every bytecode of the call is a single-step event. Reports the best time of a
+     * step, the stack height seen at its start and, under the floor, the events of one step.
+     */
+    static void singleStep(String agent, int depth, int iterations) {
+        Method subject = method(Target.class, "stepOverSubject");
+        long[] startHeight = {0};
+        List<String> wrong = new ArrayList<>();
+        if (agent.equals("library")) {
+            startLibrarySteps(subject, startHeight, wrong);
+        } else if (!agent.equals("floor") || !Floor.prepareStep(subject, 0, method(Target.class, "spin"))
+                || !Floor.enableBreakpoints(Thread.currentThread())) {
+            throw new IllegalStateException("no single stepping under " + agent);
+        }
+        long[] events = new long[REPEATS + 1];
+        double[] millis = timeStepsUnder(depth, iterations, agent.equals("floor") ? Floor::stepEvents : () -> 0, events);
+        if (agent.equals("floor")) {
+            startHeight[0] = Floor.stepDepth();
+            if (Arrays.stream(events).distinct().count() != 1) {
+                throw new IllegalStateException("steps of different lengths: " + Arrays.toString(events));
+            }
+            result("singlestep.events", events[0]);
+        }
+        // The step starts in stepOverSubject, one frame below spin.
+        if (!wrong.isEmpty() || startHeight[0] != depth - 1) {
+            throw new IllegalStateException("stepping started " + startHeight[0] + " frames high, expected "
+                    + (depth - 1) + "; stops at " + wrong);
+        }
+        result("singlestep.ms", best(millis));
+        result("singlestep.depth", depth);
+    }
+
+    /** A step over from the first bytecode of the subject; every stop must be on its next line. */
+    static void startLibrarySteps(Method subject, long[] startHeight, List<String> wrong) {
+        JvmtiApi api = library();
+        if (api.isFastSteppingEnabled()) {
+            throw new IllegalStateException("fast stepping is on: start with -Dkv.jvmti.enable.fast.stepping=false");
+        }
+        TreeMap<Integer, Long> lines = lineStarts(api, subject);
+        long next = lines.higherEntry(lines.firstKey()).getValue();
+        api.registerBreakpointHook((BreakpointHook) (location, context) -> {
+            if (location.getMember().equals(subject) && location.getLocation() == 0) {
+                startHeight[0] = context.getFrameCount();
+                return StepType.STEP_OVER;
+            }
+            if (!location.getMember().equals(subject) || location.getLocation() != next) {
+                wrong.add(location.toString());
+            }
+            return StepType.CONTINUE;
+        });
+        api.setBreakpoint(BreakpointLocation.forMethod(subject, 0));
+    }
+
+    /**
+     * Times a warm-up and REPEATS steps, each over a call of spin standing {@code depth} frames high;
+     * the events each step adds to the counter go into {@code events}. The timed repeats, in ms.
+     */
+    static double[] timeStepsUnder(int depth, int iterations, LongSupplier counter, long[] events) {
+        // This frame and those below it, then stepUnder's extra + 1, stepOverSubject and spin.
+        int extra = depth - StackWalker.getInstance().walk(s -> (int) s.count()) - 3;
+        double[] millis = new double[REPEATS];
+        for (int i = -1; i < REPEATS; i++) {
+            long before = counter.getAsLong();
+            long start = System.nanoTime();
+            sink += stepUnder(extra, iterations);
+            long elapsed = System.nanoTime() - start;
+            events[i + 1] = counter.getAsLong() - before;
+            if (i >= 0) {
+                millis[i] = elapsed / 1e6;
+            }
+        }
+        return millis;
     }
 
     // ---- 3. stepping through a long method, with or without an SMAP
@@ -292,9 +405,22 @@ public final class Target {
         return Arrays.stream(rates).max().orElseThrow();
     }
 
-    static void stacks(int height) {
-        JvmtiApi api = library();
+    /** Where the stacks benchmark stands: HEIGHT frames high, in leaf, under the agent's breakpoint. */
+    static void stacks(String agent, int height) throws IOException {
         StackWalker walker = StackWalker.getInstance(StackWalker.Option.RETAIN_CLASS_REFERENCE);
+        if (agent.equals("jdwp")) {
+            awaitDebugger(); // the debugger sets the breakpoint in leaf and lists the stack there
+        } else if (agent.equals("library")) {
+            listStacksAtLeaf(library(), walker);
+        } else {
+            throw new IllegalArgumentException(agent);
+        }
+        // recurse(n) stands n + 1 frames high and leaf one more, on top of the frames below.
+        int below = walker.walk(s -> (int) s.count());
+        sink += recurse(height - below - 2, 0, "frame");
+    }
+
+    static void listStacksAtLeaf(JvmtiApi api, StackWalker walker) {
         api.registerBreakpointHook((BreakpointHook) (location, context) -> {
             Thread thread = context.getThread();
             int frames = context.getFrameCount();
@@ -316,8 +442,5 @@ public final class Target {
             return StepType.CONTINUE;
         });
         api.setBreakpoint(BreakpointLocation.forMethod(method(Target.class, "leaf"), 0));
-        // recurse(n) stands n + 1 frames high and leaf one more, on top of the frames below.
-        int below = walker.walk(s -> (int) s.count());
-        sink += recurse(height - below - 2, 0, "frame");
     }
 }
