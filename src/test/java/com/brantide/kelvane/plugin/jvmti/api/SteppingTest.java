@@ -69,6 +69,13 @@ class SteppingTest {
         assertEquals(13, (int) stops.run(api, () -> StepTarget.outer(1)));
         assertEquals(at("caller-a", "caller-call", "caller-after", "caller-return", "outer-call", "outer-after"),
                 stops.stops());
+
+        // Over a recursion five calls deep, and over a call that an exception ends two frames down.
+        breakAt("recursesFrom-call", "catches-call");
+        Stops over = new Stops().answer(STEP_OVER, CONTINUE, STEP_OVER);
+        api.registerBreakpointHook(over);
+        over.run(api, () -> StepTarget.recursesFrom(5) + StepTarget.catches(0));
+        assertEquals(at("recursesFrom-call", "recursesFrom-after", "catches-call", "catches-catch"), over.stops());
     }
 
     @Test
