@@ -38,15 +38,15 @@ public final class HeapBench {
         System.gc();
         bench.api.forceGC();
         if (args[0].equals("time")) {
-            bench.time(Integer.getInteger("bench.reps", 7), Integer.getInteger("bench.walk.reps", 5));
+            bench.time(Integer.getInteger("bench.reps", 7), Integer.getInteger("bench.walk.reps", 7));
         } else {
             bench.rss(args[1]);
         }
     }
 
     /**
-     * Each analysis is timed alternately with its floor, so that whatever drifts in the VM meanwhile
-     * weighs on both. The histograms take a fraction of a second, the reference walks seconds: fewer
+     * Each analysis is timed in turn with its floors, so that whatever drifts in the VM (or on the
+     * machine) meanwhile weighs on all. The histograms take a fraction of a second, the reference walks seconds: fewer
      * repetitions of those.
      */
     private void time(int reps, int walkReps) {
@@ -108,12 +108,16 @@ public final class HeapBench {
         return 0;
     }
 
-    /** Runs each once to warm up, then all in turn reps times: "median best result" each, in ms. */
+    /**
+     * Runs each once to warm up, then all in turn reps times, each round starting one further on so
+     * that no action always follows the same one: "median best result" each, in ms.
+     */
     private static String[] measure(int reps, LongSupplier... actions) {
         long[] results = Arrays.stream(actions).mapToLong(LongSupplier::getAsLong).toArray();
         double[][] millis = new double[actions.length][reps];
         for (int k = 0; k < reps; k++) {
-            for (int a = 0; a < actions.length; a++) {
+            for (int turn = 0; turn < actions.length; turn++) {
+                int a = (k + turn) % actions.length;
                 long start = System.nanoTime();
                 results[a] = actions[a].getAsLong();
                 millis[a][k] = (System.nanoTime() - start) / 1e6;
