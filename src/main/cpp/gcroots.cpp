@@ -22,6 +22,7 @@ struct ClassInfo {
     jclass klass;
     bool fields_read;
     bool interfaces_counted;
+    bool primitive_array;
     jboolean is_interface;
     jint field_count;
     jfieldID* field_ids;    // VM memory, given back at the end
@@ -64,6 +65,7 @@ struct SearchContext {
     ReachedTable* objects = nullptr;
     BudgetArray<Instance>* instances = nullptr;
     IterationLimit* limit = nullptr;
+    const ClassInfo* infos = nullptr;  // by class number
     jlong classes = 0;   // class objects carry the tags 1..classes
     jlong searched = 0;  // the tag of the class searched for
 
@@ -106,6 +108,15 @@ void reach_again(SearchContext* context, jvmtiHeapReferenceKind kind, const jvmt
     if (record.kind() == 0) record.link(static_cast<uint32_t>(from), kind, link_index(kind, info));
 }
 
+// A primitive array refers to nothing but its class, so it can lead nowhere but to its class object,
+// and only as the first to reach it: once that class is reached, such an array needs neither a
+// record nor a tag (which spares the VM's tag table an entry), unless it is what is searched for.
+bool leads_nowhere(const SearchContext* context, jlong class_tag) {
+    uint32_t number = static_cast<uint32_t>(class_tag - 1);
+    return context->infos[number].primitive_array && class_tag != context->searched &&
+           (*context->objects)[number].kind() != 0;
+}
+
 // An object reached for the first time, from a root or from a tagged object, and of a class the
 // search tagged: it gets the next number, and an instance of the searched class that no root holds
 // joins the instance list. False when the search has no memory left for it.
@@ -113,6 +124,7 @@ bool reach_new(SearchContext* context, jvmtiHeapReferenceKind kind, const jvmtiH
                jlong class_tag, jlong size, jlong from, jlong* tag_ptr) {
     bool root = is_root(kind);
     if (class_tag <= 0 || class_tag > context->classes || (from == 0 && !root)) return true;
+    if (leads_nowhere(context, class_tag)) return true;
     uint32_t class_kind = static_cast<uint32_t>(class_tag - 1) << Reached::KIND_BITS | static_cast<uint32_t>(kind);
     jint index = root ? root_index(kind, info) : link_index(kind, info);
     uint32_t number = 0;
@@ -427,6 +439,7 @@ bool Search::tag_classes(const char* wanted) {
         if (g_jvmti->SetTag(info.klass, static_cast<jlong>(number) + 1) != JVMTI_ERROR_NONE) continue;
         JvmtiBuffer<char> signature;
         if (g_jvmti->GetClassSignature(info.klass, signature.out(), nullptr) != JVMTI_ERROR_NONE) continue;
+        info.primitive_array = signature.get()[0] == '[' && signature.get()[1] != '[' && signature.get()[1] != 'L';
         if (m_context.searched == 0 && std::strncmp(signature.get(), wanted, wanted_length) == 0) {
             m_context.searched = static_cast<jlong>(number) + 1;
         }
@@ -443,6 +456,7 @@ jvmtiError Search::walk(jlong limit_millis) {
     m_limit = start_limit(limit_millis, get_time());
     m_context.limit = m_limit ? &*m_limit : nullptr;
     m_context.objects = &m_objects;
+    m_context.infos = m_infos;
     m_context.instances = &m_instances;
     // The walk reports this thread's local references as roots. Held across it, the references to
     // every loaded class would make each class (and all it holds) look rooted right here, hiding
