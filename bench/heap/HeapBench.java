@@ -15,7 +15,7 @@ import java.util.function.LongSupplier;
 /**
  * One benchmark JVM, started by {@link BenchDriver} with the library and the floor agent loaded.
  * It builds {@link BenchHeap}, then either times every heap analysis on it ({@code time}) or runs
- * one walk and measures the resident memory it adds ({@code rss gcroots|floor|none}). Results are
+ * one walk and measures the resident memory it adds ({@code rss gcroots|floor|counter|none}). Results are
  * printed as {@code bench <key> <value>} lines for the driver.
  */
 public final class HeapBench {
@@ -38,15 +38,15 @@ public final class HeapBench {
         System.gc();
         bench.api.forceGC();
         if (args[0].equals("time")) {
-            bench.time(Integer.getInteger("bench.reps", 7), Integer.getInteger("bench.walk.reps", 3));
+            bench.time(Integer.getInteger("bench.reps", 7), Integer.getInteger("bench.walk.reps", 7));
         } else {
             bench.rss(args[1]);
         }
     }
 
     /**
-     * Each analysis is timed alternately with its floor, so that whatever drifts in the VM meanwhile
-     * weighs on both. The histograms take a fraction of a second, the reference walks seconds: fewer
+     * Each analysis is timed in turn with its floors, so that whatever drifts in the VM (or on the
+     * machine) meanwhile weighs on all. The histograms take a fraction of a second, the reference walks seconds: fewer
      * repetitions of those.
      */
     private void time(int reps, int walkReps) {
@@ -57,9 +57,10 @@ public final class HeapBench {
         String[] jcmd = measure(reps, () -> jcmd("VM.version"), () -> jcmd("GC.class_histogram", "-all"));
         report("jcmd.start", jcmd[0]);
         report("jcmd", jcmd[1]);
-        String[] walks = measure(walkReps, FloorWalks::reach, this::gcRoots);
+        String[] walks = measure(walkReps, FloorWalks::reach, FloorWalks::counterTags, this::gcRoots);
         report("reach", walks[0]);
-        report("gcroots", walks[1]);
+        report("counter", walks[1]);
+        report("gcroots", walks[2]);
     }
 
     private void rss(String walk) throws Exception {
@@ -69,6 +70,7 @@ public final class HeapBench {
         switch (walk) {
             case "gcroots" -> gcRoots();
             case "floor" -> FloorWalks.reach();
+            case "counter" -> FloorWalks.counterTags();
             default -> Thread.sleep(1000);
         }
         report("rss.before.kb", before);
@@ -106,20 +108,23 @@ public final class HeapBench {
         return 0;
     }
 
-    /** Runs each once to warm up, then both alternately reps times: "median best result" each, in ms. */
-    private static String[] measure(int reps, LongSupplier first, LongSupplier second) {
-        LongSupplier[] actions = {first, second};
-        long[] results = {first.getAsLong(), second.getAsLong()};
-        double[][] millis = new double[2][reps];
+    /**
+     * Runs each once to warm up, then all in turn reps times, each round starting one further on so
+     * that no action always follows the same one: "median best result" each, in ms.
+     */
+    private static String[] measure(int reps, LongSupplier... actions) {
+        long[] results = Arrays.stream(actions).mapToLong(LongSupplier::getAsLong).toArray();
+        double[][] millis = new double[actions.length][reps];
         for (int k = 0; k < reps; k++) {
-            for (int a = 0; a < 2; a++) {
+            for (int turn = 0; turn < actions.length; turn++) {
+                int a = (k + turn) % actions.length;
                 long start = System.nanoTime();
                 results[a] = actions[a].getAsLong();
                 millis[a][k] = (System.nanoTime() - start) / 1e6;
             }
         }
-        String[] summaries = new String[2];
-        for (int a = 0; a < 2; a++) {
+        String[] summaries = new String[actions.length];
+        for (int a = 0; a < actions.length; a++) {
             Arrays.sort(millis[a]);
             summaries[a] = millis[a][reps / 2] + " " + millis[a][0] + " " + results[a];
         }

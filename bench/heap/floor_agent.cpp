@@ -1,4 +1,4 @@
-// The floor of the heap benchmark: the least JVMTI work a class histogram and a GC-root search can
+// The floors of the heap benchmark: the least JVMTI work a class histogram and a GC-root search can
 // be done with. Loaded as a second agent next to the library, in the same VM and on the same heap,
 // it gives the library's figures something to be held against. Its natives belong to FloorWalks.
 #include <jni.h>
@@ -89,9 +89,28 @@ jint JNICALL give_record(jvmtiHeapReferenceKind, const jvmtiHeapReferenceInfo*, 
     return JVMTI_VISIT_OBJECTS;
 }
 
+// The least a walk that tags what it reaches can do: a tag from a plain counter, nothing kept.
+jint JNICALL count_tag(jvmtiHeapReferenceKind, const jvmtiHeapReferenceInfo*, jlong, jlong, jlong, jlong* tag_ptr,
+                       jlong*, jint, void* user_data) {
+    if (*tag_ptr == 0) *tag_ptr = ++*static_cast<jlong*>(user_data);
+    return JVMTI_VISIT_OBJECTS;
+}
+
 jint JNICALL clear_tag(jlong, jlong, jlong* tag_ptr, jint, void*) {
     *tag_ptr = 0;
     return JVMTI_VISIT_OBJECTS;
+}
+
+// Follows every reference from the roots with `callback`, then clears every tag, as the library
+// must too; false when a walk failed.
+bool follow_then_clear(jvmtiHeapReferenceCallback callback, void* user_data) {
+    jvmtiHeapCallbacks callbacks{};
+    callbacks.heap_reference_callback = callback;
+    jvmtiError error = g_jvmti->FollowReferences(0, nullptr, nullptr, &callbacks, user_data);
+    jvmtiHeapCallbacks clearing{};
+    clearing.heap_iteration_callback = clear_tag;
+    jvmtiError cleared = g_jvmti->IterateThroughHeap(JVMTI_HEAP_FILTER_UNTAGGED, nullptr, &clearing, nullptr);
+    return error == JVMTI_ERROR_NONE && cleared == JVMTI_ERROR_NONE;
 }
 }  // namespace
 
@@ -125,11 +144,12 @@ extern "C" JNIEXPORT jlong JNICALL Java_com_brantide_kelvane_bench_heap_FloorWal
 // every tag. Returns the number of objects reached, or -1 when a walk failed.
 extern "C" JNIEXPORT jlong JNICALL Java_com_brantide_kelvane_bench_heap_FloorWalks_reach(JNIEnv*, jclass) {
     RecordArena arena;
-    jvmtiHeapCallbacks callbacks{};
-    callbacks.heap_reference_callback = give_record;
-    jvmtiError error = g_jvmti->FollowReferences(0, nullptr, nullptr, &callbacks, &arena);
-    jvmtiHeapCallbacks clearing{};
-    clearing.heap_iteration_callback = clear_tag;
-    jvmtiError cleared = g_jvmti->IterateThroughHeap(JVMTI_HEAP_FILTER_UNTAGGED, nullptr, &clearing, nullptr);
-    return error == JVMTI_ERROR_NONE && cleared == JVMTI_ERROR_NONE ? arena.allocated() : -1;
+    return follow_then_clear(give_record, &arena) ? arena.allocated() : -1;
+}
+
+// Follows every reference from the roots, tagging each newly reached object with the next count,
+// then clears every tag. Returns the number of objects tagged, or -1 when a walk failed.
+extern "C" JNIEXPORT jlong JNICALL Java_com_brantide_kelvane_bench_heap_FloorWalks_counterTags(JNIEnv*, jclass) {
+    jlong counter = 0;
+    return follow_then_clear(count_tag, &counter) ? counter : -1;
 }

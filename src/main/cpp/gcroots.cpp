@@ -22,6 +22,7 @@ struct ClassInfo {
     jclass klass;
     bool fields_read;
     bool interfaces_counted;
+    bool primitive_array;
     jboolean is_interface;
     jint field_count;
     jfieldID* field_ids;    // VM memory, given back at the end
@@ -30,26 +31,47 @@ struct ClassInfo {
     ClassInfo* super_info;
 };
 
-// An object the search has tagged: how the walk first reached it. Five words; one per reachable
-// object, so they come from an arena.
-struct ObjectInfo {
-    uint32_t kind;
+// How the walk first reached an object, stored under the object's number: the search tags each
+// object with its number plus one, classes first, so that a class's number is its index in the
+// class records. Twelve bytes per reachable object, beside the VM's own tag-table entry of about
+// 64; sizes are kept for the instances of the searched class alone, in the instance list.
+struct Reached {
+    static constexpr unsigned KIND_BITS = 5;  // every reference kind is below 32
+    static constexpr uint32_t KIND_MASK = (uint32_t{1} << KIND_BITS) - 1;
+    // More classes than this cannot be numbered here; no VM's class space holds that many.
+    static constexpr uint32_t MAX_CLASSES = UINT32_MAX >> KIND_BITS;
+
+    uint32_t parent;      // the tag of the object it was first reached from; 0 for a root
+    uint32_t class_kind;  // class number << KIND_BITS | reference kind; kind 0: a class not reached
     jint index;
-    jint depth;
-    jlong size;
-    ObjectInfo* parent;
-    ClassInfo* info;
+
+    uint32_t kind() const { return class_kind & KIND_MASK; }
+    uint32_t class_number() const { return class_kind >> KIND_BITS; }
+    void link(uint32_t from, jvmtiHeapReferenceKind how, jint link_index) {
+        parent = from;
+        class_kind = (class_kind & ~KIND_MASK) | static_cast<uint32_t>(how);
+        index = link_index;
+    }
 };
+
+struct Instance {
+    uint32_t tag;
+    jlong size;
+};
+
+using ReachedTable = NumberedRecords<Reached>;
 
 struct SearchContext {
-    ObjectInfo* class_record = nullptr;   // java.lang.Class
-    ObjectInfo* search_record = nullptr;  // the class searched for
-    BudgetArray<ObjectInfo*>* instances = nullptr;
+    ReachedTable* objects = nullptr;
+    BudgetArray<Instance>* instances = nullptr;
     IterationLimit* limit = nullptr;
-    Arena<ObjectInfo>* arena = nullptr;
-};
+    const ClassInfo* infos = nullptr;  // by class number
+    jlong classes = 0;   // class objects carry the tags 1..classes
+    jlong searched = 0;  // the tag of the class searched for
 
-ObjectInfo* record_of(jlong tag) { return reinterpret_cast<ObjectInfo*>(tag); }
+    // The tag if the search set it, else 0.
+    jlong known(jlong tag) const { return tag > 0 && tag <= static_cast<jlong>(objects->size()) ? tag : 0; }
+};
 
 bool is_root(jvmtiHeapReferenceKind kind) {
     return kind >= JVMTI_HEAP_REFERENCE_JNI_GLOBAL && kind <= JVMTI_HEAP_REFERENCE_OTHER;
@@ -71,64 +93,61 @@ jint link_index(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo* info)
     }
 }
 
-void as_root(ObjectInfo* record, jvmtiHeapReferenceKind kind, jint index, jlong size) {
-    record->kind = kind;
-    record->index = index;
-    record->depth = 0;
-    record->size = size;
-    record->parent = nullptr;
+// A reference to an object already tagged. A root always wins (the last one reported); any other
+// reference fills in only a class object that nothing has reached yet: for every other object the
+// first reference has won. Only class records are read here, so that the many references to
+// objects already reached touch no memory of the search.
+void reach_again(SearchContext* context, jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo* info, jlong own,
+                 jlong from) {
+    if (is_root(kind)) {
+        (*context->objects)[static_cast<uint32_t>(own - 1)].link(0, kind, root_index(kind, info));
+        return;
+    }
+    if (from == 0 || own > context->classes) return;
+    Reached& record = (*context->objects)[static_cast<uint32_t>(own - 1)];
+    if (record.kind() == 0) record.link(static_cast<uint32_t>(from), kind, link_index(kind, info));
 }
 
-// The first reference to an object wins, except that a root always does. False when the search
-// has no memory left for the object.
-bool reach(SearchContext* context, jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo* info,
-           ObjectInfo* own, ObjectInfo* cls, ObjectInfo* from, jlong size, jlong* tag_ptr) {
-    jint index = link_index(kind, info);
-    if (own != nullptr) {
-        if (from == nullptr || own->parent != nullptr || is_root(static_cast<jvmtiHeapReferenceKind>(own->kind)) ||
-            own->kind != 0) {
-            return true;
-        }
-        own->kind = kind;
-        own->index = index;
-        own->size = size;
-        own->parent = from;
-        own->depth = from->depth + 1;
-        return true;
-    }
-    if (cls == nullptr || from == nullptr) return true;
-    ObjectInfo* record = context->arena->allocate();
-    if (record == nullptr) return false;
-    *record = ObjectInfo{static_cast<uint32_t>(kind), index, from->depth + 1, size, from, cls->info};
-    *tag_ptr = reinterpret_cast<jlong>(record);
-    return cls != context->search_record || context->instances->push_back(record);
+// A primitive array refers to nothing but its class, so it can lead nowhere but to its class object,
+// and only as the first to reach it: once that class is reached, such an array needs neither a
+// record nor a tag (which spares the VM's tag table an entry), unless it is what is searched for.
+bool leads_nowhere(const SearchContext* context, jlong class_tag) {
+    uint32_t number = static_cast<uint32_t>(class_tag - 1);
+    return context->infos[number].primitive_array && class_tag != context->searched &&
+           (*context->objects)[number].kind() != 0;
+}
+
+// An object reached for the first time, from a root or from a tagged object, and of a class the
+// search tagged: it gets the next number, and an instance of the searched class that no root holds
+// joins the instance list. False when the search has no memory left for it.
+bool reach_new(SearchContext* context, jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo* info,
+               jlong class_tag, jlong size, jlong from, jlong* tag_ptr) {
+    bool root = is_root(kind);
+    if (class_tag <= 0 || class_tag > context->classes || (from == 0 && !root)) return true;
+    if (leads_nowhere(context, class_tag)) return true;
+    uint32_t class_kind = static_cast<uint32_t>(class_tag - 1) << Reached::KIND_BITS | static_cast<uint32_t>(kind);
+    jint index = root ? root_index(kind, info) : link_index(kind, info);
+    uint32_t number = 0;
+    Reached record{root ? 0 : static_cast<uint32_t>(from), class_kind, index};
+    if (!context->objects->add(record, &number)) return false;
+    *tag_ptr = static_cast<jlong>(number) + 1;
+    return root || class_tag != context->searched || context->instances->push_back(Instance{number + 1, size});
 }
 }  // namespace
 
-// Runs for every reference the VM follows: no JNI, nothing looked up; records come from the arena.
-// A search that runs out of memory (or reaches its ceiling) stops here.
+// Runs for every reference the VM follows: no JNI, nothing looked up; records come from the
+// search's blocks. A search that runs out of memory (or reaches its ceiling) stops here.
 jint JNICALL heapReferenceCallbackDump(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo* info,
                                        jlong class_tag, jlong, jlong size, jlong* tag_ptr,
                                        jlong* referrer_tag_ptr, jint, void* user_data) {
     auto* context = static_cast<SearchContext*>(user_data);
     if (context->limit != nullptr && limit_reached(context->limit, "heapReferenceCallback")) return JVMTI_VISIT_ABORT;
-    ObjectInfo* own = record_of(*tag_ptr);
-    ObjectInfo* cls = record_of(class_tag);
-    ObjectInfo* from = referrer_tag_ptr != nullptr ? record_of(*referrer_tag_ptr) : nullptr;
-    if (own != nullptr && cls == context->class_record) cls = own;
-    if (own != nullptr && own == from) return JVMTI_VISIT_OBJECTS;
-    if (!is_root(kind)) {
-        return reach(context, kind, info, own, cls, from, size, tag_ptr) ? JVMTI_VISIT_OBJECTS : JVMTI_VISIT_ABORT;
+    jlong own = context->known(*tag_ptr);
+    jlong from = referrer_tag_ptr != nullptr ? context->known(*referrer_tag_ptr) : 0;
+    if (own == 0) {
+        return reach_new(context, kind, info, class_tag, size, from, tag_ptr) ? JVMTI_VISIT_OBJECTS : JVMTI_VISIT_ABORT;
     }
-    jint index = root_index(kind, info);
-    if (own != nullptr) {
-        as_root(own, kind, index, size);
-    } else if (cls != nullptr) {
-        ObjectInfo* record = context->arena->allocate();
-        if (record == nullptr) return JVMTI_VISIT_ABORT;
-        *record = ObjectInfo{static_cast<uint32_t>(kind), index, 0, size, nullptr, cls->info};
-        *tag_ptr = reinterpret_cast<jlong>(record);
-    }
+    if (own != from) reach_again(context, kind, info, own, from);
     return JVMTI_VISIT_OBJECTS;
 }
 
@@ -219,49 +238,66 @@ private:
     NodeIndex<Path> m_index;
 };
 
-bool same_link(const ObjectInfo* a, const ObjectInfo* b) {
-    return a->info == b->info && a->kind == b->kind && a->index == b->index;
-}
+bool same_link(const Reached& a, const Reached& b) { return a.class_kind == b.class_kind && a.index == b.index; }
 
-// The last record of the run of equal links that `start` belongs to: a linked list's nodes, each
-// first reached through the same field of the one before. The records passed are pointed at that
-// last one (the walk is over: parents now serve the merging alone), so that the next instance
-// held along the same run crosses it in one step. Without that, instances spread along a chain of
-// n links cost n*n/2 steps, more than the walk itself.
-ObjectInfo* run_end(ObjectInfo* start) {
-    ObjectInfo* last = start;
-    while (last->parent != nullptr && same_link(last, last->parent)) last = last->parent;
-    for (ObjectInfo* record = start; record != last;) {
-        ObjectInfo* next = record->parent;
-        record->parent = last;
-        record = next;
+// The walk's records, read by tag for the merging.
+class ReachedByTag {
+public:
+    ReachedByTag(ReachedTable& objects, ClassInfo* infos) : m_objects(objects), m_infos(infos) {}
+    Reached& operator[](uint32_t tag) { return m_objects[tag - 1]; }
+    ClassInfo* info(const Reached& record) const { return &m_infos[record.class_number()]; }
+    uint32_t count() const { return m_objects.size(); }
+
+    // The tag of the last object of the run of equal links that `start` belongs to: a linked
+    // list's nodes, each first reached through the same field of the one before. The records
+    // passed are pointed at that last one (the walk is over: parents now serve the merging alone),
+    // so that the next instance held along the same run crosses it in one step. Without that,
+    // instances spread along a chain of n links cost n*n/2 steps, more than the walk itself.
+    uint32_t run_end(uint32_t start) {
+        uint32_t last = start;
+        while ((*this)[last].parent != 0 && same_link((*this)[last], (*this)[(*this)[last].parent])) {
+            last = (*this)[last].parent;
+        }
+        for (uint32_t tag = start; tag != last;) {
+            uint32_t next = (*this)[tag].parent;
+            (*this)[tag].parent = last;
+            tag = next;
+        }
+        return last;
     }
-    return last;
-}
+
+private:
+    ReachedTable& m_objects;
+    ClassInfo* m_infos;
+};
 
 // Merges one instance's chain of first references, from the instance up to its root. False when
-// the compaction deadline has passed or the tree cannot grow.
-bool merge_instance(Tree& tree, ObjectInfo* instance, std::optional<double> deadline, jlong* steps) {
-    if (tree.root->count == 0) tree.root->info = instance->info;
+// the compaction deadline has passed or the tree cannot grow. A chain longer than the objects
+// numbered has a loop (a class object whose first reference came late, from below it): merging
+// stops there rather than going round.
+bool merge_instance(Tree& tree, ReachedByTag& objects, const Instance& instance, std::optional<double> deadline,
+                    jlong* steps) {
+    const Reached* child = &objects[instance.tag];
+    if (tree.root->count == 0) tree.root->info = objects.info(*child);
     tree.root->count++;
-    tree.root->size += instance->size;
+    tree.root->size += instance.size;
     Path* current = tree.root;
-    ObjectInfo* child = instance;
     jint level = 0;
-    for (ObjectInfo* holder = instance->parent; holder != nullptr; child = holder, holder = holder->parent) {
-        if (deadline && ++*steps % CHECK_EVERY == 0 && *deadline < get_time()) {
-            LOG_DEBUG("TIMEOUT in compact");
+    uint32_t chain = 0;
+    for (uint32_t holder = child->parent; holder != 0; child = &objects[holder], holder = child->parent) {
+        if ((deadline && ++*steps % CHECK_EVERY == 0 && *deadline < get_time()) || ++chain > objects.count()) {
+            LOG_DEBUG("TIMEOUT or loop in compact");
             return false;
         }
-        if (same_link(child, holder)) {
-            holder = run_end(holder);
+        if (same_link(*child, objects[holder])) {
+            holder = objects.run_end(holder);
             continue;
         }
-        current = tree.add_link(current, holder->info, child->kind, child->index, instance->size);
+        current = tree.add_link(current, objects.info(objects[holder]), child->kind(), child->index, instance.size);
         if (current == nullptr) return false;
         level++;
     }
-    if (tree.add_link(current, nullptr, child->kind, child->index, instance->size) == nullptr) return false;
+    if (tree.add_link(current, nullptr, child->kind(), child->index, instance.size) == nullptr) return false;
     tree.height = std::max(tree.height, level + 1);
     return true;
 }
@@ -301,7 +337,7 @@ class Search {
 public:
     Search(JNIEnv* env, jint max_depth)
         : m_env(env), m_max_depth(max_depth), m_classes(env), m_budget(walk_ceiling_bytes()),
-          m_arena(m_budget, TAG_ENTRY_BYTES), m_instances(m_budget), m_tree(m_budget) {}
+          m_objects(m_budget, TAG_ENTRY_BYTES), m_instances(m_budget), m_tree(m_budget) {}
     ~Search();
     Search(const Search&) = delete;
     Search& operator=(const Search&) = delete;
@@ -325,6 +361,7 @@ private:
     void recover_classes();
     bool compact(jlong limit_millis);
     void clean_up();
+    bool is_class_tag(jlong tag) const { return tag > 0 && tag <= m_context.classes; }
     void init_classinfo(ClassInfo* info);
     ClassInfo* info_of(jclass klass) const;
     jint count_interface_fields(ClassInfo* info);
@@ -341,8 +378,8 @@ private:
     WalkBudget m_budget;
     ClassInfo* m_infos = nullptr;
     size_t m_info_count = 0;
-    Arena<ObjectInfo> m_arena;
-    BudgetArray<ObjectInfo*> m_instances;
+    ReachedTable m_objects;
+    BudgetArray<Instance> m_instances;
     SearchContext m_context;
     std::optional<IterationLimit> m_limit;
     Tree m_tree;
@@ -383,43 +420,43 @@ WalkFailure Search::search(const char* wanted, jlong limit_millis) {
     return WalkFailure{};
 }
 
-// False when memory ran out.
+// Numbers the classes first, so that a class's number is its index in m_infos. False when memory
+// ran out.
 bool Search::tag_classes(const char* wanted) {
     size_t wanted_length = std::strlen(wanted);
-    size_t count = static_cast<size_t>(m_classes.count());
+    // Beyond what a record can number (more than any class space holds), classes stay unknown.
+    uint32_t count = std::min(static_cast<uint32_t>(m_classes.count()), Reached::MAX_CLASSES);
     m_infos = static_cast<ClassInfo*>(m_budget.allocate(count * sizeof(ClassInfo)));
     if (m_infos == nullptr) return false;
     std::memset(static_cast<void*>(m_infos), 0, count * sizeof(ClassInfo));
     m_info_count = count;
-    for (jint k = 0; k < m_classes.count(); k++) {
+    m_context.classes = count;
+    for (uint32_t k = 0; k < count; k++) {
         ClassInfo& info = m_infos[k];
-        info.klass = m_classes[k];
-        ObjectInfo* record = m_arena.allocate();
-        if (record == nullptr) return false;
-        *record = ObjectInfo{0, 0, 0, 0, nullptr, &info};
-        g_jvmti->SetTag(info.klass, reinterpret_cast<jlong>(record));
+        info.klass = m_classes[static_cast<jint>(k)];
+        uint32_t number = 0;
+        if (!m_objects.add(Reached{0, k << Reached::KIND_BITS, 0}, &number)) return false;
+        if (g_jvmti->SetTag(info.klass, static_cast<jlong>(number) + 1) != JVMTI_ERROR_NONE) continue;
         JvmtiBuffer<char> signature;
         if (g_jvmti->GetClassSignature(info.klass, signature.out(), nullptr) != JVMTI_ERROR_NONE) continue;
-        if (m_context.class_record == nullptr && std::strcmp(signature.get(), "Ljava/lang/Class;") == 0) {
-            m_context.class_record = record;
-        }
-        if (m_context.search_record == nullptr && std::strncmp(signature.get(), wanted, wanted_length) == 0) {
-            m_context.search_record = record;
+        info.primitive_array = signature.get()[0] == '[' && signature.get()[1] != '[' && signature.get()[1] != 'L';
+        if (m_context.searched == 0 && std::strncmp(signature.get(), wanted, wanted_length) == 0) {
+            m_context.searched = static_cast<jlong>(number) + 1;
         }
     }
     return true;
 }
 
 bool Search::has_targets() const {
-    if (m_context.search_record == nullptr) LOG_ERROR("Cannot find search class");
-    if (m_context.class_record == nullptr) LOG_ERROR("Cannot found java.lang.Class");
-    return m_context.search_record != nullptr && m_context.class_record != nullptr;
+    if (m_context.searched == 0) LOG_ERROR("Cannot find search class");
+    return m_context.searched != 0;
 }
 
 jvmtiError Search::walk(jlong limit_millis) {
     m_limit = start_limit(limit_millis, get_time());
     m_context.limit = m_limit ? &*m_limit : nullptr;
-    m_context.arena = &m_arena;
+    m_context.objects = &m_objects;
+    m_context.infos = m_infos;
     m_context.instances = &m_instances;
     // The walk reports this thread's local references as roots. Held across it, the references to
     // every loaded class would make each class (and all it holds) look rooted right here, hiding
@@ -438,7 +475,9 @@ void Search::recover_classes() {
     if (m_classes.read() != JVMTI_ERROR_NONE) return;
     for (jint k = 0; k < m_classes.count(); k++) {
         jlong tag = 0;
-        if (g_jvmti->GetTag(m_classes[k], &tag) == JVMTI_ERROR_NONE && tag != 0) record_of(tag)->info->klass = m_classes[k];
+        if (g_jvmti->GetTag(m_classes[k], &tag) == JVMTI_ERROR_NONE && is_class_tag(tag)) {
+            m_infos[tag - 1].klass = m_classes[k];
+        }
     }
 }
 
@@ -449,21 +488,20 @@ bool Search::compact(jlong limit_millis) {
     std::optional<double> deadline;
     if (limit_millis > 0) deadline = m_walk_end + static_cast<double>(limit_millis) / 1000.0;
     jlong steps = 0;
+    ReachedByTag objects(m_objects, m_infos);
     for (size_t k = 0; k < m_instances.size(); k++) {
-        if (!merge_instance(m_tree, m_instances[k], deadline, &steps)) break;
+        if (!merge_instance(m_tree, objects, m_instances[k], deadline, &steps)) break;
     }
     LOG_DEBUG("Nodes reduced=%d total=%d", m_tree.reduced, m_tree.total);
     return m_budget.failure() == WalkBudget::NONE;
 }
 
-// Every tag goes, class tags included; when that fails, the records they name are kept.
+// Every tag goes, class tags included. The tags are numbers and name no memory, so the records go
+// whatever happens; tags that stay make the next heap operation clear them first.
 void Search::clean_up() {
     m_clean_up_error = clear_every_tag();
-    if (m_clean_up_error != JVMTI_ERROR_NONE) {
-        keep_until_tags_cleared(m_arena.blocks());
-    } else {
-        m_arena.blocks().free_all();
-    }
+    if (m_clean_up_error != JVMTI_ERROR_NONE) mark_tags_left();
+    m_objects.free_all();
 }
 
 void Search::init_classinfo(ClassInfo* info) {
@@ -486,7 +524,7 @@ void Search::init_classinfo(ClassInfo* info) {
 // The record of a class the search tagged, or null.
 ClassInfo* Search::info_of(jclass klass) const {
     jlong tag = 0;
-    return g_jvmti->GetTag(klass, &tag) == JVMTI_ERROR_NONE && tag != 0 ? record_of(tag)->info : nullptr;
+    return g_jvmti->GetTag(klass, &tag) == JVMTI_ERROR_NONE && is_class_tag(tag) ? &m_infos[tag - 1] : nullptr;
 }
 
 // The fields of every interface the class implements: directly or through a superclass, and the

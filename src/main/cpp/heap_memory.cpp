@@ -149,5 +149,7 @@ jvmtiError clear_leftover_tags() {
 
 void keep_until_tags_cleared(BlockChain& blocks) {
     s_named_by_tags.take_all(blocks);
-    s_tags_left = true;
+    mark_tags_left();
 }
+
+void mark_tags_left() { s_tags_left = true; }

@@ -30,6 +30,8 @@ public:
     void* allocate(size_t bytes, size_t also_charged = 0);
     // Gives back a block of this budget that is no longer needed while the walk goes on.
     void release(void* block, size_t bytes);
+    // Ends the walk as past its ceiling: for records that can number no more objects.
+    void refuse() { m_failure = OVER_CEILING; }
 
     Failure failure() const { return m_failure; }
     size_t used() const { return m_used; }
@@ -165,5 +167,9 @@ jvmtiError clear_leftover_tags();
 // After a clean-up that failed: the blocks that tags may still name stay allocated until
 // clear_leftover_tags succeeds, so that no tag ever names freed memory.
 void keep_until_tags_cleared(BlockChain& blocks);
+
+// After a clean-up that failed to clear tags that name no memory (numbers): the next heap
+// operation clears them first, or refuses.
+void mark_tags_left();
 
 jint JNICALL heapIterationCallbackFreeTag(jlong class_tag, jlong size, jlong* tag_ptr, jint length, void* user_data);

@@ -235,6 +235,12 @@ class HeapProbeTest {
         }
         Collections.sort(holders);
         assertEquals(holders, children(search(HeapTarget.Named.class.descriptorString(), 1)));
+
+        // Primitive arrays lead nowhere and go unrecorded, unless they are what is searched for.
+        GCPathEntry ints = search("[I", 1);
+        assertTrue(ints.getCount() >= 2 * 150_000, describe(ints));
+        assertTrue(ints.getChildren().stream().anyMatch(e -> e.getClazz() == Object[].class && e.getCount() >= 2 * 150_000),
+                children(ints).toString());
     }
 
     /** The field of the class that holds a Named. */
