@@ -90,10 +90,13 @@ function(kv_add_junit_suite suffix out)
     endif()
     kv_add_junit_test(junit.${simple}${suffix} ${class} ${agent})
     list(APPEND names junit.${simple}${suffix})
-    # Stepping behaves the same whichever way the called code is skipped.
+    # Stepping behaves the same whichever way the called code is skipped: by frame-pop requests,
+    # by single steps through it, or at compiled speed to a breakpoint at its return.
     if(simple MATCHES "^Stepping|^CfmlStepping|^SmapStepping")
       kv_add_junit_test(junit.${simple}.singleStepping${suffix} ${class} ${agent} -Dkv.jvmti.enable.fast.stepping=false)
-      list(APPEND names junit.${simple}.singleStepping${suffix})
+      kv_add_junit_test(junit.${simple}.compiledStepping${suffix} ${class} ${agent}
+                        -Dkv.jvmti.enable.compiled.stepping=true)
+      list(APPEND names junit.${simple}.singleStepping${suffix} junit.${simple}.compiledStepping${suffix})
     endif()
   endforeach()
   set(${out} ${names} PARENT_SCOPE)

@@ -139,3 +139,11 @@ bool may_follow(const uint8_t* code, size_t length, size_t at, size_t to) {
     if (op == TABLESWITCH || op == LOOKUPSWITCH) return switch_targets(code, length, at, to);
     return to == next;
 }
+
+size_t resume_after_call(const uint8_t* code, size_t length, size_t at) {
+    Flow flow = flow_at(code, length, at);
+    if (flow != Flow::NEXT && flow != Flow::INVOKE) return 0;
+    uint8_t op = code[at];
+    bool branches = (op >= IFEQ && op <= LOOKUPSWITCH) || op == IFNULL || op == IFNONNULL || op == GOTO_W || op == JSR_W;
+    return branches ? 0 : at + instruction_length(code, length, at);
+}

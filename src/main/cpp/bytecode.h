@@ -22,3 +22,9 @@ Flow flow_at(const uint8_t* code, size_t length, size_t at);
 // at `at`: the instruction that follows it, or one of its branch targets. False for instructions
 // whose successors cannot be known (ret, athrow) or read.
 bool may_follow(const uint8_t* code, size_t length, size_t at, size_t to);
+
+// Where the frame goes on after Java code that the instruction at `at` ran returns normally: the
+// next instruction, for a call and for any instruction that can run a class initialiser or a
+// class loader (new, getstatic, ldc and the like) without branching. 0 when it cannot be known:
+// branches, returns (which may register a finaliser and never go on), throws, unreadable code.
+size_t resume_after_call(const uint8_t* code, size_t length, size_t at);

@@ -2,6 +2,7 @@
 
 #include "boxing.h"
 #include "breakpoint.h"
+#include "compiled_step.h"
 #include "events.h"
 #include "global.h"
 #include "hooks.h"
@@ -217,7 +218,18 @@ std::optional<jint> fire_field_modification_complete(JNIEnv* env, jthread thread
     return answer;
 }
 
+namespace {
+// A breakpoint of the agent's, where a step waits for a return: the step goes on if it is the
+// thread's own return. True when no hook may hear of the event: no user's breakpoint stands there.
+bool is_agents_own(JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
+    PendingExceptionKeeper keeper(env);
+    reach_return(env, thread, method, location);
+    return !has_breakpoint(method, location);
+}
+}  // namespace
+
 void JNICALL Breakpoint(jvmtiEnv*, JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
+    if (has_return_breakpoints() && is_agents_own(env, thread, method, location)) return;
     // A step's marker stands for the one breakpoint event that follows its stop, whether or not the
     // thread wants breakpoints now, and for no later one.
     bool follows_step_stop = t_step_stop_method == method && t_step_stop_location == location;
@@ -256,8 +268,9 @@ void JNICALL Exception(jvmtiEnv*, JNIEnv* env, jthread thread, jmethodID method,
 
 void JNICALL ExceptionCatch(jvmtiEnv*, JNIEnv* env, jthread thread, jmethodID method, jlocation location,
                             jobject exception) {
-    if (!is_event_wanted(JVMTI_EVENT_EXCEPTION_CATCH)) return;
     PendingExceptionKeeper keeper(env);
+    if (g_compiled_stepping) catch_during_return_wait(env, thread, method, location);
+    if (!g_exceptions_enabled || !is_event_wanted(JVMTI_EVENT_EXCEPTION_CATCH)) return;
     report_exception(env, thread, method, location, exception, false, nullptr, 0);
 }
 
@@ -276,6 +289,7 @@ void JNICALL ClassFileLoadHook(jvmtiEnv*, JNIEnv* env, jclass class_being_redefi
                                jint, const unsigned char*, jint*, unsigned char**) {
     if (class_being_redefined == nullptr) return;
     forget_source_lines();
+    before_redefinition(env);
     ReferenceCountedJObject hook(g_fileLoadHook);
     if (!hook.isSet()) return;
     PendingExceptionKeeper keeper(env);

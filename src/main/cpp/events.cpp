@@ -36,13 +36,20 @@ bool is_free_while_on(jint event) {
     }
 }
 
+// Breakpoints and catches are what a compiled step waits for: once the VM reports them for a
+// thread, it goes on reporting them (they cost nothing while on) and the callbacks drop the ones
+// nobody wants, so that no user's switch can take them from a waiting step.
+bool is_kept_for_steps(jint event) {
+    return g_compiled_stepping && (event == JVMTI_EVENT_BREAKPOINT || event == JVMTI_EVENT_EXCEPTION_CATCH);
+}
+
 // Whether the switch needs the VM: not when it already reports the event, nor to switch off for
 // a while an event that is free while on.
 bool needs_vm(const ThreadData* data, jvmtiEventMode mode, jint event, bool user) {
     bool vm_has = (data->vm_events.load() & event_bit(event)) != 0;
     if (mode == JVMTI_ENABLE) return !vm_has;
     if (!is_free_while_on(event)) return true;
-    return user && vm_has;
+    return user && vm_has && !is_kept_for_steps(event);
 }
 
 void record_bit(std::atomic<jlong>& mask, jvmtiEventMode mode, jint event) {
@@ -166,6 +173,17 @@ bool set_event(jvmtiEventMode mode, jint event, jthread thread, bool user) {
     ThreadDataAccess access(thread);
     ThreadData* data = record_for_switch(access, event, thread);
     return data != nullptr && switch_event(data, mode, event, thread, user);
+}
+
+bool keep_reported(ThreadData* data, jint event, jthread thread) {
+    if (data == nullptr) return false;
+    if ((data->vm_events.load() & event_bit(event)) != 0) return true;
+    std::unique_lock<std::timed_mutex> guard(data->switch_lock, SWITCH_LOCK_PATIENCE);
+    if ((data->vm_events.load() & event_bit(event)) != 0) return true;
+    jvmtiError error = g_jvmti->SetEventNotificationMode(JVMTI_ENABLE, static_cast<jvmtiEvent>(event), thread);
+    if (!accepted(error, event, thread)) return false;
+    record_bit(data->vm_events, JVMTI_ENABLE, event);
+    return true;
 }
 
 bool set_event(ThreadData* data, jvmtiEventMode mode, jint event, jthread thread) {

@@ -15,6 +15,11 @@ struct ThreadData;
 // A null record is refused as a thread without a record is.
 bool set_event(ThreadData* data, jvmtiEventMode mode, jint event, jthread thread);
 
+// Has the VM report the event for the thread from now on, without switching it on for the thread's
+// hooks (its masks stay as they are): for the agent's own breakpoints and catches, which the
+// callbacks take before any hook's. False when the VM refuses.
+bool keep_reported(ThreadData* data, jint event, jthread thread);
+
 // Whether an event that the VM reports for the calling thread is one the thread wants now: false
 // when its switch is off while the VM was left reporting it. An event switched for the whole VM is
 // wanted on every thread, except while a hook runs on it.

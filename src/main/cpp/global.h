@@ -21,6 +21,9 @@ extern std::atomic<bool> g_active;
 extern std::atomic<bool> g_vm_alive;
 // Fixed at load.
 extern bool g_stepping_enabled;
+// Calls stepped over or out run at full speed: the step waits at the caller's return place with a
+// breakpoint of its own instead of a frame-pop request. Only with fast stepping.
+extern bool g_compiled_stepping;
 extern bool g_exceptions_enabled;
 // The longest duration of a step, in seconds; changed at run time by setMaxStepDuration.
 extern std::atomic<jint> MAX_STEP;

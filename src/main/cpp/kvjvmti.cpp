@@ -101,6 +101,8 @@ void read_configuration() {
     }
     g_exceptions_enabled = parse_switch(SystemProperty("kv.jvmti.enable.exceptions").get(), coldfusion);
     g_stepping_enabled = parse_switch(SystemProperty("kv.jvmti.enable.fast.stepping").get(), coldfusion);
+    g_compiled_stepping =
+        g_stepping_enabled && parse_switch(SystemProperty("kv.jvmti.enable.compiled.stepping").get(), true);
     read_heap_walk_ceiling();
 }
 
@@ -174,6 +176,8 @@ std::vector<std::string> installed_callback_names(const jvmtiEventCallbacks& cal
 
 void register_callbacks() {
     jvmtiEventCallbacks callbacks = build_callbacks(g_exceptions_enabled, g_stepping_enabled);
+    // A compiled step hears of an exception that skips its return place by the catch.
+    if (g_compiled_stepping) callbacks.ExceptionCatch = ExceptionCatch;
     if (g_jvmti->SetEventCallbacks(&callbacks, static_cast<jint>(sizeof callbacks)) != JVMTI_ERROR_NONE) return;
     LOG_DEBUG("Event Callbacks");
     for (const std::string& name : installed_callback_names(callbacks)) {
@@ -182,7 +186,7 @@ void register_callbacks() {
 }
 
 bool add_upd_capabilities() {
-    jvmtiCapabilities wanted = debugging_capabilities(g_exceptions_enabled, g_stepping_enabled);
+    jvmtiCapabilities wanted = debugging_capabilities(g_exceptions_enabled || g_compiled_stepping, g_stepping_enabled);
     if (g_jvmti->AddCapabilities(&wanted) != JVMTI_ERROR_NONE) return false;
     jvmtiCapabilities held{};
     if (g_jvmti->GetCapabilities(&held) != JVMTI_ERROR_NONE) return false;

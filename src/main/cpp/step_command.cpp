@@ -1,5 +1,6 @@
 #include "step_command.h"
 
+#include "compiled_step.h"
 #include "events.h"
 #include "exception.h"
 #include "frames.h"
@@ -113,10 +114,10 @@ void start_single_stepping(ThreadData* data, jthread thread, StepType type, cons
 constexpr bool STEP_ABORTED = true;
 constexpr bool STEP_GOES_ON = false;
 
-// Starts a step out by a frame-pop request; for a CFML step, of the nearest CFML caller (the step
-// is aborted when there is none).
+// Starts a step out by waiting for the frame to return: at compiled speed where it can, else by a
+// frame-pop request; for a CFML step, the frame of the nearest CFML caller (the step is aborted
+// when there is none).
 bool start_step_out_with_frame_pop(JNIEnv* env, ThreadData* data, jthread thread, const StepOrigin& origin) {
-    if (!switch_on(data, thread, JVMTI_EVENT_FRAME_POP)) return STEP_GOES_ON;
     StepPtr step = new_step(STEP_OUT, origin, origin.height);
     if (!step) return STEP_GOES_ON;
     jint frame = 0;
@@ -127,6 +128,11 @@ bool start_step_out_with_frame_pop(JNIEnv* env, ThreadData* data, jthread thread
         step->depth = get_cf_depth(thread);
     }
     LOG_FINE("StepOut set step_data %p", static_cast<void*>(step.get()));
+    if (wait_for_return_at_speed(thread, data, step.get(), frame, origin.height)) {
+        attach_step(data, std::move(step));
+        return STEP_GOES_ON;
+    }
+    if (!switch_on(data, thread, JVMTI_EVENT_FRAME_POP)) return STEP_GOES_ON;
     attach_step(data, std::move(step));
     jvmtiError error = g_jvmti->NotifyFramePop(thread, frame);
     if (error == JVMTI_ERROR_NONE) return STEP_GOES_ON;
@@ -172,7 +178,10 @@ bool apply_step_command(JNIEnv* env, jthread thread, ThreadData* data, jmethodID
     jvmtiError height_error = begins_step ? g_jvmti->GetFrameCount(thread, &height) : JVMTI_ERROR_NONE;
     SharedStep previous;
     if (!take_step(data, &previous)) return STEP_GOES_ON;
-    if (previous) clear_frame_pops(thread);
+    if (previous) {
+        clear_frame_pops(thread);
+        end_return_wait(previous.get());
+    }
     if (!begins_step) {
         if (command == STEP_CONTINUE) {
             LOG_DEBUG("Continue %p", static_cast<void*>(thread));

@@ -3,6 +3,7 @@
 
 #include <jvmti.h>
 
+#include <atomic>
 #include <cstdint>
 
 // The command a hook answers with; its names are STEP_TYPE_STR.
@@ -34,6 +35,21 @@ struct StepData {
     double deadline;        // get_time() by which the step must complete
     double coarse_deadline; // the same on coarse_clock(), which every single step can afford to read
     uint64_t serial;        // tells this step from every other one, at the same address included
+    // A compiled step's wait for a call to return (compiled_step.h): the place of the agent's
+    // breakpoint and the stack height at which it counts, written before `waiting` is set by the
+    // thread that starts the wait; the wait ends once, on whichever thread exchanges `waiting`.
+    jmethodID wait_method;
+    jlocation wait_location;
+    jint wait_height;
+    std::atomic<bool> waiting{false};
+    // Set by a class redefinition, which may clear the VM's breakpoints: the rest of the step
+    // skips calls with frame-pop requests.
+    std::atomic<bool> frame_pops_only{false};
+
+    StepData() = default;
+    StepData(const StepData&) = delete;
+    StepData& operator=(const StepData&) = delete;
+    ~StepData();  // ends a wait still standing
 };
 
 // Seconds on a monotonic clock of a few milliseconds' resolution that costs next to nothing to

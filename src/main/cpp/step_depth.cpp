@@ -106,3 +106,12 @@ jint step_height(jthread thread, uint64_t step_serial, jmethodID method, jlocati
     t.height = height;
     return height;
 }
+
+void forget_step_height() { t_tracker.height = -1; }
+
+jlocation return_location(jmethodID method, jlocation call_site) {
+    const MethodCode* code = code_of(method);
+    if (code == nullptr || call_site < 0) return -1;
+    size_t resume = resume_after_call(code->bytes.data(), code->bytes.size(), static_cast<size_t>(call_site));
+    return resume != 0 ? static_cast<jlocation>(resume) : -1;
+}

@@ -1,5 +1,6 @@
 #include "stepping.h"
 
+#include "compiled_step.h"
 #include "dispatch.h"
 #include "events.h"
 #include "frames.h"
@@ -20,8 +21,9 @@ struct StepEvent {
     // The owner's share of the record, which keeps it alive while the event is judged.
     const std::shared_ptr<StepData>* share;
     StepData* step;
-    jint line;   // mapped through the SMAP
-    jint depth;  // stack height, or CFML depth for a CFML step
+    jint line;    // mapped through the SMAP
+    jint depth;   // stack height, or CFML depth for a CFML step
+    jint height;  // stack height
 };
 
 void end_step_silently(jthread thread) {
@@ -100,6 +102,8 @@ bool judge_common(JNIEnv* env, jthread thread, jmethodID method, jlocation locat
         complete_field_modification(env, thread, method, location, data, share);
         return false;
     }
+    // Single steps while a wait for a return stands: a class redefinition gave the wait up.
+    if (step->waiting.load(std::memory_order_relaxed)) end_return_wait(step);
     if (timed_out(env, thread, data, share)) return false;
     // A place without a line (generated code, a class compiled without line numbers) is never a
     // stop, but its depth still counts: a call into such code is stepped over like any other.
@@ -108,8 +112,9 @@ bool judge_common(JNIEnv* env, jthread thread, jmethodID method, jlocation locat
     jint depth = step_height(thread, step->serial, method, location, &moved);
     if (depth < 0) return false;
     log_event(fast, step, depth, method, location);
+    jint height = depth;
     if (step->lang == LANG_CFML) depth = cfml_depth(thread, step->serial, moved);
-    *event = StepEvent{&share, step, line, depth};
+    *event = StepEvent{&share, step, line, depth, height};
     return true;
 }
 
@@ -124,6 +129,20 @@ void stop_here(JNIEnv* env, jthread thread, jmethodID method, jlocation location
     if (data != nullptr) release_step(data, *event.share);
 }
 
+// Stops single stepping until the frame at depth `frame` returns: at compiled speed where it can,
+// else by a frame-pop request.
+void wait_for_frame(jthread thread, const StepEvent& event, jint frame) {
+    ThreadData* data = own_thread_data();
+    if (wait_for_return_at_speed(thread, data, event.step, frame, event.height)) {
+        // A new command given meanwhile (a suspended thread's resumeThread) took the step: its
+        // wait must not outlive it.
+        if (data->step.get().get() != event.step) end_return_wait(event.step);
+        return;
+    }
+    forget_step_height();
+    wait_for_frame_pop(thread, frame);
+}
+
 bool is_cfml_target(JNIEnv* env, const StepEvent& event, jmethodID method) {
     return event.step->lang != LANG_CFML || get_type(env, method) == LANG_CFML;
 }
@@ -135,7 +154,7 @@ void wait_for_cfml_parent(JNIEnv* env, jthread thread, const StepEvent& event, b
         end_step_silently(thread);
         return;
     }
-    if (fast) wait_for_frame_pop(thread, parent - 1);
+    if (fast) wait_for_frame(thread, event, parent - 1);
 }
 
 void stop_or_wait_for_cfml(JNIEnv* env, jthread thread, jmethodID method, jlocation location,
@@ -168,7 +187,7 @@ void step_over(JNIEnv* env, jthread thread, jmethodID method, jlocation location
     } else if (step->depth < event.depth) {
         if (fast) {
             LOG_DEBUG("FRAMEPOP - OVER");
-            wait_for_frame_pop(thread, 0);
+            wait_for_frame(thread, event, 0);
         } else {
             LOG_DEBUG("StepOver - went in");
         }
@@ -184,7 +203,7 @@ void step_out_fast(JNIEnv* env, jthread thread, jmethodID method, jlocation loca
         return;
     }
     LOG_WARN("STEP_OUT didnt step as expected");
-    wait_for_frame_pop(thread, 0);
+    wait_for_frame(thread, event, 0);
 }
 
 void step_out_by_single_steps(JNIEnv* env, jthread thread, jmethodID method, jlocation location,
@@ -222,6 +241,10 @@ void single_step(JNIEnv* env, jthread thread, jmethodID method, jlocation locati
 // call the engine makes clears what it leaves: the events that call nothing cost no exception check.
 void JNICALL SingleStep(jvmtiEnv*, JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
     LOG_DEBUG("SingleStep %p %p@%d", static_cast<void*>(thread), static_cast<void*>(method), static_cast<int>(location));
+    single_step(env, thread, method, location, true);
+}
+
+void judge_step_at(JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
     single_step(env, thread, method, location, true);
 }
 

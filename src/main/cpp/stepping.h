@@ -9,3 +9,7 @@ void JNICALL FramePop(jvmtiEnv* jvmti, JNIEnv* env, jthread thread, jmethodID me
 // Without fast stepping: every instruction of the called code is examined and passed over.
 void JNICALL SingleStepNoFramePop(jvmtiEnv* jvmti, JNIEnv* env, jthread thread, jmethodID method,
                                   jlocation location);
+
+// Judges the calling thread's step at a place where no single-step event comes (a compiled step's
+// return place), as the fast SingleStep callback would.
+void judge_step_at(JNIEnv* env, jthread thread, jmethodID method, jlocation location);

@@ -1,6 +1,7 @@
 #include "thread.h"
 
 #include "breakpoint.h"
+#include "compiled_step.h"
 #include "exception.h"
 #include "global.h"
 #include "hooks.h"
@@ -177,6 +178,9 @@ void JNICALL ThreadEnd(jvmtiEnv*, JNIEnv* env, jthread thread) {
         ReferenceCountedJObject hook(g_threadHook);
         if (hook.isSet()) call_void_hook(env, hook, 1, "threadEnd", "(Ljava/lang/Thread;)V", thread);
     }
+    // A step still waiting for a return gives its breakpoint back now, while the thread can.
+    ThreadData* own = own_thread_data();
+    if (own != nullptr) end_return_wait(own->step.take().get());
     release_thread_data(env);
     BreakpointLocation::forget_thread_cache(env);
     RegisteredConstructor::forget_thread_cache(env);

@@ -41,26 +41,27 @@ struct Case {
     Flow flow;
     std::vector<size_t> followers;   // may follow
     std::vector<size_t> strangers;   // may not
+    size_t resume;                   // after a call made here; 0: none
 };
 }  // namespace
 
-TEST(Bytecode, LengthsFlowAndWhatMayFollow) {
+TEST(Bytecode, LengthsFlowWhatMayFollowAndWhereACallReturns) {
     const Case cases[] = {
-        {0, 1, Flow::NEXT, {1}, {0, 2}},
-        {3, 2, Flow::NEXT, {5}, {4, 6}},
-        {5, 3, Flow::NEXT, {8, 17}, {2, 9}},                  // conditional: both ways
-        {8, 3, Flow::INVOKE, {11}, {0, 8}},                   // back after the call
-        {11, 3, Flow::NEXT, {14}, {12}},
-        {14, 3, Flow::NEXT, {2}, {17}},                       // goto never falls through
-        {17, 5, Flow::INVOKE, {22}, {20}},
-        {22, 22, Flow::NEXT, {50, 51, 52}, {44, 23}},         // table: targets only
-        {44, 20, Flow::NEXT, {52, 40}, {64, 56}},             // lookup: default and the pair's target
-        {64, 6, Flow::NEXT, {70}, {68}},
-        {70, 1, Flow::UNKNOWN, {}, {71}},                     // athrow: anywhere
-        {71, 2, Flow::UNKNOWN, {}, {73}},                     // ret: anywhere
-        {73, 1, Flow::RETURN, {}, {74}},
-        {74, 0, Flow::UNKNOWN, {}, {76, 77}},                 // cut short
-        {200, 0, Flow::UNKNOWN, {}, {201}},                   // past the end
+        {0, 1, Flow::NEXT, {1}, {0, 2}, 1},
+        {3, 2, Flow::NEXT, {5}, {4, 6}, 5},
+        {5, 3, Flow::NEXT, {8, 17}, {2, 9}, 0},               // conditional: both ways
+        {8, 3, Flow::INVOKE, {11}, {0, 8}, 11},               // back after the call
+        {11, 3, Flow::NEXT, {14}, {12}, 14},
+        {14, 3, Flow::NEXT, {2}, {17}, 0},                    // goto never falls through
+        {17, 5, Flow::INVOKE, {22}, {20}, 22},
+        {22, 22, Flow::NEXT, {50, 51, 52}, {44, 23}, 0},      // table: targets only
+        {44, 20, Flow::NEXT, {52, 40}, {64, 56}, 0},          // lookup: default and the pair's target
+        {64, 6, Flow::NEXT, {70}, {68}, 70},
+        {70, 1, Flow::UNKNOWN, {}, {71}, 0},                  // athrow: anywhere
+        {71, 2, Flow::UNKNOWN, {}, {73}, 0},                  // ret: anywhere
+        {73, 1, Flow::RETURN, {}, {74}, 0},                   // may run a finaliser's registration
+        {74, 0, Flow::UNKNOWN, {}, {76, 77}, 0},              // cut short
+        {200, 0, Flow::UNKNOWN, {}, {201}, 0},                // past the end
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.at);
@@ -68,6 +69,7 @@ TEST(Bytecode, LengthsFlowAndWhatMayFollow) {
         EXPECT_EQ(c.flow, flow_at(CODE.data(), CODE.size(), c.at));
         for (size_t to : c.followers) EXPECT_TRUE(may_follow(CODE.data(), CODE.size(), c.at, to)) << to;
         for (size_t to : c.strangers) EXPECT_FALSE(may_follow(CODE.data(), CODE.size(), c.at, to)) << to;
+        EXPECT_EQ(c.resume, resume_after_call(CODE.data(), CODE.size(), c.at));
     }
     const uint8_t undefined[] = {0xcb, 0xff, 0xc4, 0x00};
     EXPECT_EQ(0u, instruction_length(undefined, 4, 0));

@@ -16,6 +16,8 @@ import com.brantide.kelvane.plugin.jvmti.testing.ClassFiles;
 import com.brantide.kelvane.plugin.jvmti.testing.Stops;
 import java.util.ArrayList;
 import java.util.List;
+import java.util.concurrent.CompletableFuture;
+import java.util.concurrent.TimeUnit;
 import java.util.function.LongUnaryOperator;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.BeforeEach;
@@ -70,12 +72,33 @@ class SteppingTest {
         assertEquals(at("caller-a", "caller-call", "caller-after", "caller-return", "outer-call", "outer-after"),
                 stops.stops());
 
-        // Over a recursion five calls deep, and over a call that an exception ends two frames down.
-        breakAt("recursesFrom-call", "catches-call");
-        Stops over = new Stops().answer(STEP_OVER, CONTINUE, STEP_OVER);
+        // Over a recursion five calls deep, over a call that an exception ends two frames down, and
+        // over one whose exception ends the stepped method too, caught two frames up.
+        breakAt("recursesFrom-call", "catches-call", "throwsFrom-call");
+        Stops over = new Stops().answer(STEP_OVER, CONTINUE, STEP_OVER, CONTINUE, STEP_OVER);
         api.registerBreakpointHook(over);
-        over.run(api, () -> StepTarget.recursesFrom(5) + StepTarget.catches(0));
-        assertEquals(at("recursesFrom-call", "recursesFrom-after", "catches-call", "catches-catch"), over.stops());
+        over.run(api, () -> StepTarget.recursesFrom(5) + StepTarget.catches(0) + StepTarget.catchesTwoUp(0));
+        assertEquals(at("recursesFrom-call", "recursesFrom-after", "catches-call", "catches-catch", "throwsFrom-call",
+                "catchesTwoUp-catch"), over.stops());
+
+        // Over a call that passes the place it returns to, deeper, in each of its recursions.
+        breakAt("countdown-call");
+        Stops recursion = new Stops().answer(STEP_OVER, NOOP, NOOP);
+        api.registerBreakpointHook(recursion);
+        recursion.run(api, () -> StepTarget.countdown(3));
+        assertEquals(at("countdown-call", "countdown-call", "countdown-call", "countdown-after"), recursion.stops());
+
+        // Two threads over the same call at once: each stops after its own.
+        breakAt("callsBusy-call");
+        Stops first = new Stops().answer(STEP_OVER);
+        Stops second = new Stops().answer(STEP_OVER);
+        api.registerBreakpointHook(Stops.either(first, second));
+        CompletableFuture<Integer> other = CompletableFuture.supplyAsync(() -> second.runUnchecked(api,
+                () -> StepTarget.callsBusy(300)));
+        first.run(api, () -> StepTarget.callsBusy(300));
+        other.get(60, TimeUnit.SECONDS);
+        assertEquals(List.of(at("callsBusy-call", "callsBusy-after"), at("callsBusy-call", "callsBusy-after")),
+                List.of(first.stops(), second.stops()));
     }
 
     @Test

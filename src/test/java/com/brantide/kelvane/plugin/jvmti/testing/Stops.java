@@ -71,6 +71,25 @@ public class Stops implements BreakpointHook, SteppingAbortedHook {
         }
     }
 
+    /** One hook for two threads under test, each answered and recorded by its own Stops. */
+    public static Stops either(Stops first, Stops second) {
+        return new Stops() {
+            @Override
+            public int breakpointHit(BreakpointLocation location, ThreadContext context) {
+                return (Thread.currentThread() == first.subject ? first : second).breakpointHit(location, context);
+            }
+        };
+    }
+
+    /** {@link #run} for callers that cannot throw checked exceptions. */
+    public <T> T runUnchecked(JvmtiApi api, Callable<T> code) {
+        try {
+            return run(api, code);
+        } catch (Exception e) {
+            throw new IllegalStateException(e);
+        }
+    }
+
     /** Runs the code on a new thread that has breakpoint events switched on, and waits for it. */
     public <T> T run(JvmtiApi api, Callable<T> code) throws Exception {
         return run(api, code, true);
