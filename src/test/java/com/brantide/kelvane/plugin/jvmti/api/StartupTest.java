@@ -70,6 +70,8 @@ class StartupTest {
         "fast stepping on under ColdFusion     | com.brantide.kelvane.plugin.jvmti.testing.StartupMain | coldfusion.home=x,kv.jvmti.enable.fast.stepping=true | true | false",
         "only exact true enables (capitals)    | com.brantide.kelvane.plugin.jvmti.testing.StartupMain | kv.jvmti.enable.exceptions=TRUE        | true  | false",
         "only exact true enables (one)         | com.brantide.kelvane.plugin.jvmti.testing.StartupMain | kv.jvmti.enable.fast.stepping=1        | false | true",
+        "compiled stepping hears catches       | com.brantide.kelvane.plugin.jvmti.testing.StartupMain | kv.jvmti.enable.exceptions=false,kv.jvmti.enable.compiled.stepping=true | true | false",
+        "compiled stepping needs fast stepping | com.brantide.kelvane.plugin.jvmti.testing.StartupMain | coldfusion.home=x,kv.jvmti.enable.compiled.stepping=true | false | false",
     })
     void propertiesDecideTheSwitches(String name, String main, String properties, boolean fastStepping,
             boolean exceptions) throws Exception {
@@ -86,7 +88,10 @@ class StartupTest {
         List<String> messages = result.agentMessages();
         // The start-up capability dump shows what the switches asked of the VM.
         assertTrue(messages.contains("DEBUG \tcan_generate_frame_pop_events=" + (fastStepping ? 1 : 0)));
-        assertTrue(messages.contains("DEBUG \tcan_generate_exception_events=" + (exceptions ? 1 : 0)));
+        // A compiled step hears through catches of exceptions that skip the place it waits at.
+        boolean catches = exceptions || fastStepping && properties != null && properties.contains("compiled.stepping=true");
+        assertTrue(messages.contains("DEBUG \tcan_generate_exception_events=" + (catches ? 1 : 0)));
+        assertEquals(catches, messages.contains("DEBUG \tExceptionCatch registered"));
         assertTrue(messages.contains("DEBUG \tcan_pop_frame=0") && messages.contains("DEBUG \tcan_get_owned_monitor_info=0"));
     }
 
