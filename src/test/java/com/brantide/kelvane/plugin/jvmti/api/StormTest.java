@@ -17,7 +17,7 @@ import org.junit.jupiter.api.Test;
  * histogram and GC-root search must have counted the kept objects exactly (no tag left behind).
  *
  * <p>The storm lasts kv.test.storm.seconds (or $KV_STORM_SECONDS) seconds, 15 by default; the
- * full run is tools/storm.sh.
+ * full run is tools/storm.sh. With kv.test.storm.compiled the child steps at compiled speed.
  */
 class StormTest {
     private static final Pattern FIGURE = Pattern.compile("(\\w+)=(\\d+)");
@@ -28,7 +28,11 @@ class StormTest {
                 System.getenv().getOrDefault("KV_STORM_SECONDS", "15")));
         int jcmdDumps = 0;
         ChildJvm.Result result;
-        try (ChildJvm.Running child = ChildJvm.main(StormMain.class).start()) {
+        ChildJvm storm = ChildJvm.main(StormMain.class);
+        if (Boolean.getBoolean("kv.test.storm.compiled")) {
+            storm.property("kv.jvmti.enable.compiled.stepping", "true");
+        }
+        try (ChildJvm.Running child = storm.start()) {
             child.awaitStdout("STARTED", 60);
             long end = System.nanoTime() + seconds * 1_000_000_000L;
             while (System.nanoTime() < end) {
