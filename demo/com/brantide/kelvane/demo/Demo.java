@@ -27,6 +27,7 @@ import com.brantide.kelvane.plugin.jvmti.api.ThreadCallback;
 import com.brantide.kelvane.plugin.jvmti.api.VariableCallback;
 import com.brantide.kelvane.demo.support.Smap;
 import com.brantide.kelvane.demo.support.SourceDebugExtension;
+import com.brantide.kelvane.demo.support.StepTiming;
 import java.lang.reflect.Field;
 import java.lang.reflect.Method;
 import java.nio.file.Path;
@@ -72,6 +73,7 @@ public final class Demo {
         stepThroughThePriceCalculation();
         watchTheStockAndTheRefusal();
         stepThroughTheTemplate();
+        timeAStepOver();
         histogram();
         leakPaths();
         suspendAWorker();
@@ -263,7 +265,20 @@ public final class Demo {
         System.out.println("  rendered " + html.lines().count() + " lines of HTML");
     }
 
-    // ---- 4. heap
+    // ---- 4. the cost of a step over a heavy call
+
+    private void timeAStepOver() throws Exception {
+        heading("Step over a heavy call: the agent's two modes, a child JVM each");
+        StepTiming.Times[] modes = new StepTiming.Times[2];
+        Progress.during("timing", () -> {
+            modes[0] = StepTiming.inChildJvm(false);
+            modes[1] = StepTiming.inChildJvm(true);
+        });
+        System.out.printf("  step over a 10^7-iteration call: frame pop %d ms, compiled %d ms, no debugger %d ms%n",
+                modes[0].stepped(), modes[1].stepped(), Math.min(modes[0].alone(), modes[1].alone()));
+    }
+
+    // ---- 5. heap
 
     private void histogram() throws Exception {
         heading("Heap histogram: the 15 largest classes");
@@ -317,7 +332,7 @@ public final class Demo {
         }
     }
 
-    // ---- 5. a suspended worker
+    // ---- 6. a suspended worker
 
     private void suspendAWorker() throws Exception {
         heading("A suspended worker: its stack, then the threads");

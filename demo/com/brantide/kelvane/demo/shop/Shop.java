@@ -32,6 +32,15 @@ public final class Shop {
         return order;
     }
 
+    /** The demand of so many days ahead, worked out day by day: a long computation. */
+    public long forecast(int days) {
+        long demand = 0;
+        for (int day = 0; day < days; day++) {
+            demand += day ^ (demand >>> 3);
+        }
+        return demand;
+    }
+
     public Inventory inventory() {
         return inventory;
     }

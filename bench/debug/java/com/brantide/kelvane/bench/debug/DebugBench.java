@@ -59,7 +59,7 @@ public final class DebugBench {
             breakpoints(library, floorAgent, classpath);
         }
         if (selected("step")) {
-            stepOver(library, classpath);
+            steps(library, classpath);
         }
         if (selected("singlestep")) {
             singleSteppingDepth(library, floorAgent, classpath);
@@ -87,9 +87,18 @@ public final class DebugBench {
 
     /** The library as plain single stepping has it: every bytecode of a stepped call an event. */
     private static List<String> singleStepping(List<String> library) {
-        List<String> options = new ArrayList<>(library);
-        options.add("-Dkv.jvmti.enable.fast.stepping=false");
-        return options;
+        return withOption(library, "-Dkv.jvmti.enable.fast.stepping=false");
+    }
+
+    /** The library as compiled stepping has it: a step over or out waits for the return at full speed. */
+    private static List<String> compiledStepping(List<String> library) {
+        return withOption(library, "-Dkv.jvmti.enable.compiled.stepping=true");
+    }
+
+    private static List<String> withOption(List<String> options, String option) {
+        List<String> with = new ArrayList<>(options);
+        with.add(option);
+        return with;
     }
 
     /** 1. The breakpoint round trip against the hook contract's floor, the bare up-call and JDWP. */
@@ -114,22 +123,48 @@ public final class DebugBench {
         row(bp, "no agent", nanos(none) + "/call", ratio("library/no agent", lib / none), "");
     }
 
-    /** 2. Step over a call of 10^7 loop iterations; single stepping covers fewer and is scaled. */
-    private void stepOver(List<String> library, String classpath) throws Exception {
+    /**
+     * 2. Step over a call of 10^7 loop iterations, and out of it after a step in: the library waiting
+     * for the return by a frame-pop request (the callee interpreted) and by a breakpoint of its own
+     * (compiled stepping), against JDWP + JDI and the call with no agent. Every JVM runs the call
+     * long enough to compile it before any breakpoint stands. The compiled mode also steps out from
+     * a breakpoint in the callee, which keeps the callee interpreted. Plain single stepping, one JVM,
+     * steps over fewer iterations and is scaled.
+     */
+    private void steps(List<String> library, String classpath) throws Exception {
         String it = Integer.toString(STEP_ITERATIONS);
-        List<List<Map<String, String>>> steps = alternate(
+        String compiledKinds = "over,out," + StepTimes.OUT_FROM_BREAKPOINT;
+        List<List<Map<String, String>>> runs = alternate(
                 () -> Child.run(library, classpath, "step", "library", it),
-                () -> Jdi.stepOver(classpath, STEP_ITERATIONS));
-        double fast = best(steps.get(0), "step.ms");
-        double jdwpStep = best(steps.get(1), "step.ms");
+                () -> Child.run(compiledStepping(library), classpath, "step", "library", it, compiledKinds),
+                () -> Jdi.steps(classpath, STEP_ITERATIONS),
+                () -> Child.run(List.of(), classpath, "step", "none", it));
         double slowMeasured = number(Child.run(singleStepping(library), classpath, "step", "library",
-                Integer.toString(SINGLE_STEP_ITERATIONS)), "step.ms");
+                Integer.toString(SINGLE_STEP_ITERATIONS), "over"), "step.over.ms");
         double slow = slowMeasured * STEP_ITERATIONS / SINGLE_STEP_ITERATIONS;
         String so = "2 step over a 10^7-iteration call";
-        row(so, "library, fast stepping", millis(fast), goal("library/JDWP", fast / jdwpStep, "<=", 1), "");
-        row(so, "library, single stepping", millis(slow), ratio("vs fast", slow / fast),
+        double compiled = stepRows(so, "step.over.ms", runs);
+        row(so, "library, single stepping", millis(slow), ratio("vs compiled", slow / compiled),
                 String.format(Locale.ROOT, "scaled from %s over 10^5", millis(slowMeasured)));
-        row(so, "JDWP + JDI step over", millis(jdwpStep), "", "");
+        String out = "2 step out of it, after a step in";
+        stepRows(out, "step.out.ms", runs);
+        double fromBreakpoint = best(runs.get(1), "step." + StepTimes.OUT_FROM_BREAKPOINT + ".ms");
+        row(out, "compiled, bp in the callee", millis(fromBreakpoint),
+                ratio("vs no agent", fromBreakpoint / best(runs.get(3), "step.out.ms")),
+                "from a breakpoint at its start: the VM interprets a method while it holds one");
+    }
+
+    /** The rows of one kind of step, from the runs of {@link #steps}; the compiled mode's figure. */
+    private double stepRows(String benchmark, String name, List<List<Map<String, String>>> runs) {
+        double framePop = best(runs.get(0), name);
+        double compiled = best(runs.get(1), name);
+        double jdwp = best(runs.get(2), name);
+        double none = best(runs.get(3), name);
+        row(benchmark, "library, frame pop", millis(framePop), ratio("frame pop/compiled", framePop / compiled), "");
+        row(benchmark, "library, compiled", millis(compiled), goal("compiled/no agent", compiled / none, "<=", 1.3), "");
+        row(benchmark, "JDWP + JDI", millis(jdwp), goal("JDWP/compiled", jdwp / compiled, ">=", 8), "");
+        row(benchmark, "no agent, the call alone", millis(none), "", "");
+        return compiled;
     }
 
     /**

@@ -15,13 +15,13 @@ import com.sun.jdi.connect.Connector;
 import com.sun.jdi.event.BreakpointEvent;
 import com.sun.jdi.event.Event;
 import com.sun.jdi.event.EventSet;
+import com.sun.jdi.event.LocatableEvent;
 import com.sun.jdi.event.StepEvent;
 import com.sun.jdi.event.VMDisconnectEvent;
 import com.sun.jdi.request.BreakpointRequest;
 import com.sun.jdi.request.EventRequest;
 import com.sun.jdi.request.EventRequestManager;
 import com.sun.jdi.request.StepRequest;
-import java.util.ArrayList;
 import java.util.HashMap;
 import java.util.List;
 import java.util.Map;
@@ -50,10 +50,7 @@ final class Jdi {
         Map<String, String> results = session(classpath, new Debugger() {
             @Override
             public void setUp(VirtualMachine vm, ReferenceType target) {
-                Location hot = method(target, "hot").location();
-                BreakpointRequest request = vm.eventRequestManager().createBreakpointRequest(hot);
-                request.setSuspendPolicy(EventRequest.SUSPEND_EVENT_THREAD);
-                request.enable();
+                breakpoint(vm.eventRequestManager(), method(target, "hot").location());
             }
 
             @Override
@@ -69,51 +66,68 @@ final class Jdi {
         return results;
     }
 
-    /** Steps over the call line of Target.stepOverSubject, timed from the resume to the step event. */
-    static Map<String, String> stepOver(String classpath, int iterations) throws Exception {
-        List<Double> millis = new ArrayList<>();
-        List<String> wrong = new ArrayList<>();
-        int[] nextLine = {0};
-        long[] resumed = {0};
+    /**
+     * Steps over the call line of Target.stepOverSubject, then in and out of its callee (see
+     * {@link StepTimes}), from a breakpoint on the call line; each timed step from the resume to its
+     * step event.
+     */
+    static Map<String, String> steps(String classpath, int iterations) throws Exception {
+        Map<String, StepTimes> times = Map.of("over", new StepTimes("over"), "out", new StepTimes("out"));
+        String[] kind = {"over"};
+        Location[] call = {null};
+        long[] next = {0};
         Map<String, String> results = session(classpath, new Debugger() {
             @Override
             public void setUp(VirtualMachine vm, ReferenceType target) throws Exception {
                 List<Location> lines = method(target, "stepOverSubject").allLineLocations();
-                Location call = lines.get(0);
-                nextLine[0] = lines.stream().mapToInt(Location::lineNumber).filter(l -> l != call.lineNumber())
-                        .findFirst().orElseThrow();
-                BreakpointRequest request = vm.eventRequestManager().createBreakpointRequest(call);
-                request.setSuspendPolicy(EventRequest.SUSPEND_EVENT_THREAD);
-                request.enable();
+                call[0] = lines.get(0);
+                next[0] = lines.stream().filter(l -> l.lineNumber() != call[0].lineNumber()).findFirst().orElseThrow()
+                        .codeIndex();
+                breakpoint(vm.eventRequestManager(), call[0]);
             }
 
             @Override
             public void handle(EventRequestManager requests, Event event) {
-                if (event instanceof BreakpointEvent) {
-                    StepRequest step = requests.createStepRequest(((BreakpointEvent) event).thread(),
-                            StepRequest.STEP_LINE, StepRequest.STEP_OVER);
-                    step.addCountFilter(1);
-                    step.setSuspendPolicy(EventRequest.SUSPEND_EVENT_THREAD);
-                    step.enable();
-                    resumed[0] = System.nanoTime();
-                } else if (event instanceof StepEvent) {
-                    long now = System.nanoTime();
-                    Location at = ((StepEvent) event).location();
-                    if (at.method().name().equals("stepOverSubject") && at.lineNumber() == nextLine[0]) {
-                        millis.add((now - resumed[0]) / 1e6);
-                    } else {
-                        wrong.add(at.toString());
-                    }
+                if (!(event instanceof BreakpointEvent) && !(event instanceof StepEvent)) {
+                    return;
+                }
+                long now = System.nanoTime();
+                if (event instanceof StepEvent) {
                     requests.deleteEventRequest(event.request());
+                }
+                LocatableEvent stop = (LocatableEvent) event;
+                StepTimes steps = times.get(kind[0]);
+                String step = steps.answer();
+                if (step != null) {
+                    step(requests, stop.thread(), step);
+                    steps.commanded();
+                    return;
+                }
+                Location at = stop.location();
+                steps.stopped(now, at.method().equals(call[0].method())
+                        && StepTimes.endsStep(kind[0], at.codeIndex(), call[0].codeIndex(), next[0]), at);
+                if (steps.complete()) {
+                    kind[0] = "out";
                 }
             }
         }, "step", "jdwp", Integer.toString(iterations));
-        if (!wrong.isEmpty() || millis.size() != Target.REPEATS + 1) {
-            throw new IllegalStateException("steps stopped at " + millis.size() + " right places, and at " + wrong);
-        }
-        millis.remove(0); // warm-up
-        results.put("step.ms", Double.toString(Target.best(millis.stream().mapToDouble(Double::doubleValue).toArray())));
+        times.forEach((name, steps) -> results.put("step." + name + ".ms", Double.toString(steps.best())));
         return results;
+    }
+
+    /** One line step ("over", "in" or "out") of the thread, ending at the first stop. */
+    private static void step(EventRequestManager requests, ThreadReference thread, String step) {
+        StepRequest request = requests.createStepRequest(thread, StepRequest.STEP_LINE,
+                step.equals("over") ? StepRequest.STEP_OVER : step.equals("in") ? StepRequest.STEP_INTO : StepRequest.STEP_OUT);
+        request.addCountFilter(1);
+        request.setSuspendPolicy(EventRequest.SUSPEND_EVENT_THREAD);
+        request.enable();
+    }
+
+    private static void breakpoint(EventRequestManager requests, Location location) {
+        BreakpointRequest request = requests.createBreakpointRequest(location);
+        request.setSuspendPolicy(EventRequest.SUSPEND_EVENT_THREAD);
+        request.enable();
     }
 
     /**
@@ -126,10 +140,7 @@ final class Jdi {
         Map<String, String> results = session(classpath, new Debugger() {
             @Override
             public void setUp(VirtualMachine vm, ReferenceType target) {
-                BreakpointRequest request = vm.eventRequestManager().createBreakpointRequest(
-                        method(target, "leaf").location());
-                request.setSuspendPolicy(EventRequest.SUSPEND_EVENT_THREAD);
-                request.enable();
+                breakpoint(vm.eventRequestManager(), method(target, "leaf").location());
             }
 
             @Override

@@ -29,7 +29,9 @@ import java.util.function.LongSupplier;
  *
  * <pre>
  * Target breakpoint none|library|floor|contract|jdwp   the breakpoint round trip, ns per hit
- * Target step library|jdwp ITERATIONS                  step over a line whose call loops ITERATIONS times
+ * Target step none|library|jdwp ITERATIONS [KINDS]     step over a line whose call loops ITERATIONS times,
+ *                                                      and out of that call (the call alone under none);
+ *                                                      KINDS: over,out by default (StepTimes)
  * Target singlestep library|floor DEPTH ITERATIONS     the same step, every bytecode of the call a
  *                                                      single-step event, with the callee DEPTH frames high
  * Target smap CLASS_DIR                                stepping through the generated 2,000-line method
@@ -51,7 +53,7 @@ public final class Target {
     public static void main(String[] args) throws Exception {
         switch (args[0]) {
             case "breakpoint": breakpoint(args[1]); break;
-            case "step": step(args[1], Integer.parseInt(args[2])); break;
+            case "step": step(args[1], Integer.parseInt(args[2]), stepKinds(args)); break;
             case "singlestep": singleStep(args[1], Integer.parseInt(args[2]), Integer.parseInt(args[3])); break;
             case "smap": smap(Path.of(args[1])); break;
             case "stacks": stacks(args[1], Integer.parseInt(args[2])); break;
@@ -181,8 +183,9 @@ public final class Target {
         }
     }
 
-    // ---- 2. step over a long call
+    // ---- 2. step over and out of a long call
 
+    /** The call line is stepped over; a step out of spin ends back on it. */
     static long stepOverSubject(int iterations) {
         long r = spin(iterations);
         return r + 1;
@@ -196,47 +199,90 @@ public final class Target {
         return s;
     }
 
-    static void step(String agent, int iterations) throws Exception {
+    /**
+     * Runs the subject as an application has run it by the time someone debugs it, before any
+     * debugger sets a breakpoint: a few long calls, which compile spin's loop on the stack, then
+     * many short ones, which compile both methods whole.
+     */
+    static void warmUp(int iterations) {
+        for (int i = 0; i < 5; i++) {
+            sink += stepOverSubject(iterations);
+        }
+        for (int i = 0; i < 20_000; i++) {
+            sink += stepOverSubject(1_000);
+        }
+    }
+
+    /** The calls of one kind of step: a warm-up and the timed repeats. */
+    static void callSubject(int iterations) {
+        for (int i = 0; i <= REPEATS; i++) {
+            sink += stepOverSubject(iterations);
+        }
+    }
+
+    /** The kinds of step to time, "over" and "out" unless the argument names some (StepTimes). */
+    static List<String> stepKinds(String[] args) {
+        return List.of(args.length > 3 ? args[3].split(",") : new String[] {"over", "out"});
+    }
+
+    static void step(String agent, int iterations, List<String> kinds) throws Exception {
+        warmUp(iterations);
         if (agent.equals("jdwp")) {
-            // The debugger times each step and checks where it stops.
+            // The debugger answers the breakpoint with each kind of step in turn, times them and checks the stops.
             awaitDebugger();
-            for (int i = 0; i <= REPEATS; i++) {
-                sink += stepOverSubject(iterations);
-            }
-            System.out.println("DONE");
+            kinds.forEach(kind -> callSubject(iterations));
             return;
         }
-        JvmtiApi api = library();
+        JvmtiApi api = agent.equals("none") ? null : library();
+        for (String kind : kinds) {
+            result("step." + kind + ".ms", api == null ? timeCalls(iterations) : timeSteps(api, kind, iterations));
+        }
+        if (api != null) {
+            result("step.fast", api.isFastSteppingEnabled());
+        }
+    }
+
+    /** With no debugger, the subject's call: what a step over its call line or out of spin covers. */
+    static double timeCalls(int iterations) {
+        double[] millis = new double[REPEATS];
+        for (int i = -1; i < REPEATS; i++) {
+            long start = System.nanoTime();
+            sink += stepOverSubject(iterations);
+            long elapsed = System.nanoTime() - start;
+            if (i >= 0) {
+                millis[i] = elapsed / 1e6;
+            }
+        }
+        return best(millis);
+    }
+
+    /**
+     * Steps of one kind (see {@link StepTimes}) from the library's breakpoint hook: the best time
+     * from the hook's answer to the stop that ends the timed step, in ms.
+     */
+    static double timeSteps(JvmtiApi api, String kind, int iterations) {
         Method subject = method(Target.class, "stepOverSubject");
         TreeMap<Integer, Long> lines = lineStarts(api, subject);
         long call = lines.firstEntry().getValue();
         long next = lines.higherEntry(lines.firstKey()).getValue();
-        List<Double> millis = new ArrayList<>();
-        List<String> wrong = new ArrayList<>();
-        long[] commanded = {0};
+        BreakpointLocation start = StepTimes.startsInCallee(kind) ? BreakpointLocation.forMethod(method(Target.class, "spin"), 0)
+                : BreakpointLocation.forMethod(subject, call);
+        StepTimes times = new StepTimes(kind);
         api.registerBreakpointHook((BreakpointHook) (location, context) -> {
             long now = System.nanoTime();
-            if (location.getMember().equals(subject) && location.getLocation() == call) {
-                commanded[0] = System.nanoTime();
-                return StepType.STEP_OVER;
+            String step = times.answer();
+            if (step != null) {
+                times.commanded();
+                return step.equals("over") ? StepType.STEP_OVER : step.equals("in") ? StepType.STEP_IN : StepType.STEP_OUT;
             }
-            if (location.getMember().equals(subject) && location.getLocation() == next) {
-                millis.add((now - commanded[0]) / 1e6);
-            } else {
-                wrong.add(location.toString());
-            }
+            times.stopped(now, location.getMember().equals(subject)
+                    && StepTimes.endsStep(kind, location.getLocation(), call, next), location);
             return StepType.CONTINUE;
         });
-        api.setBreakpoint(BreakpointLocation.forMethod(subject, call));
-        for (int i = 0; i <= REPEATS; i++) {
-            sink += stepOverSubject(iterations);
-        }
-        if (!wrong.isEmpty() || millis.size() != REPEATS + 1) {
-            throw new IllegalStateException("steps stopped at " + millis.size() + " right places, and at " + wrong);
-        }
-        millis.remove(0); // warm-up
-        result("step.ms", best(millis.stream().mapToDouble(Double::doubleValue).toArray()));
-        result("step.fast", api.isFastSteppingEnabled());
+        api.setBreakpoint(start);
+        callSubject(iterations);
+        api.clearBreakpoint(start);
+        return times.best();
     }
 
     // ---- 2b. single stepping against stack depth

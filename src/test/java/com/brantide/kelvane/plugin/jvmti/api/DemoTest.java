@@ -39,6 +39,7 @@ class DemoTest {
                 "^  STEP_OVER  checkout\\.tpl:2  ",
                 "^  STEP_OVER  checkout\\.tpl:3  ",
                 "^  STEP_OVER  checkout\\.tpl:4  <p>Total",
+                "^  step over a 10\\^7-iteration call: frame pop \\d+ ms, compiled \\d+ ms, no debugger \\d+ ms$",
                 "^  rank  class +instances +size$",
                 "^    15  \\S+ +\\d+ +[\\d.]+ [KM]?B$",
                 "^  \\.\\.\\.   com\\.brantide\\.kelvane\\.demo\\.shop\\.Order +2001 ",
