@@ -1,5 +1,7 @@
 #include "capabilities.h"
 
+#include "virtual_threads.h"
+
 #define KV_CAPABILITY_FIELD_LIST(X)                                                                           \
     X(can_tag_objects) X(can_generate_field_modification_events) X(can_generate_field_access_events)          \
     X(can_get_bytecodes) X(can_get_synthetic_attribute) X(can_get_owned_monitor_info)                         \
@@ -52,6 +54,7 @@ jvmtiCapabilities debugging_capabilities(bool exceptions_enabled, bool stepping_
 }
 
 jvmtiCapabilities without_basic(jvmtiCapabilities caps) {
+    set_virtual_thread_capability(&caps, false);
     caps.can_tag_objects = 0;
     caps.can_get_source_file_name = 0;
     caps.can_get_line_numbers = 0;

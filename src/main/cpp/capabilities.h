@@ -18,5 +18,6 @@ extern const CapabilityField CAPABILITY_FIELDS[CAPABILITY_FIELD_COUNT];
 jvmtiCapabilities basic_capabilities();
 // Held while the agent is active; exception and frame-pop events only when configured.
 jvmtiCapabilities debugging_capabilities(bool exceptions_enabled, bool stepping_enabled);
-// The given set less the basic set: what setActive(false) and start-up give back.
+// The given set less the basic set and virtual-thread support: what setActive(false) and start-up
+// give back.
 jvmtiCapabilities without_basic(jvmtiCapabilities caps);

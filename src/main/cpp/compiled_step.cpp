@@ -35,7 +35,7 @@ bool wait_for_return_at_speed(jthread thread, ThreadData* data, StepData* step, 
     step->waiting.store(true);
     LOG_DEBUG("RETURN WAIT %p@%d height=%d", static_cast<void*>(caller), static_cast<int>(resume), step->wait_height);
     set_event(data, JVMTI_DISABLE, JVMTI_EVENT_SINGLE_STEP, thread);
-    forget_step_height();
+    forget_step_height(step->tracker);
     return true;
 }
 

@@ -7,6 +7,7 @@
 #include "log.h"
 #include "native.h"
 #include "version.h"
+#include "virtual_threads.h"
 
 namespace {
 void register_hook(JNIEnv* env, ReferenceCountedJObject& hook, jobject object) {
@@ -66,7 +67,10 @@ KV_NATIVE(void, registerExceptionHook)(JNIEnv* env, jobject, jobject hook) {
     register_hook(env, g_exceptionHook, hook);
 }
 
-KV_NATIVE(void, registerThreadHook)(JNIEnv* env, jobject, jobject hook) { register_hook(env, g_threadHook, hook); }
+KV_NATIVE(void, registerThreadHook)(JNIEnv* env, jobject, jobject hook) {
+    register_hook(env, g_threadHook, hook);
+    update_virtual_thread_events();
+}
 
 KV_NATIVE(void, registerFieldHook)(JNIEnv* env, jobject, jobject hook) { register_hook(env, g_fieldHook, hook); }
 

@@ -75,6 +75,8 @@ void dump_thread_events(JNIEnv* env) {
         dump_thread(threads[static_cast<size_t>(i)]);
         if (env != nullptr) env->DeleteLocalRef(threads[static_cast<size_t>(i)]);
     }
+    // Virtual threads are not among all threads: those with records are listed from them.
+    if (env != nullptr) for_each_virtual_thread(env, dump_thread);
     log("%s", "");
 }
 }  // namespace

@@ -170,7 +170,8 @@ void switch_from_bitmask(jvmtiEventMode mode, jlong mask, jthread thread) {
 
 bool set_event(jvmtiEventMode mode, jint event, jthread thread, bool user) {
     if (thread == nullptr) return switch_vm_wide(mode, event);
-    ThreadDataAccess access(thread);
+    // A virtual thread gets its record when an event is first switched on for it.
+    ThreadDataAccess access(thread, mode == JVMTI_ENABLE);
     ThreadData* data = record_for_switch(access, event, thread);
     return data != nullptr && switch_event(data, mode, event, thread, user);
 }

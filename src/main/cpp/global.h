@@ -24,6 +24,8 @@ extern bool g_stepping_enabled;
 // Calls stepped over or out run at full speed: the step waits at the caller's return place with a
 // breakpoint of its own instead of a frame-pop request. Only with fast stepping.
 extern bool g_compiled_stepping;
+// The VM has virtual threads and the agent holds can_support_virtual_threads (from load on).
+extern bool g_virtual_threads;
 extern bool g_exceptions_enabled;
 // The longest duration of a step, in seconds; changed at run time by setMaxStepDuration.
 extern std::atomic<jint> MAX_STEP;

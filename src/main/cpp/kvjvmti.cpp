@@ -13,6 +13,7 @@
 #include "stepping.h"
 #include "thread.h"
 #include "version.h"
+#include "virtual_threads.h"
 
 #include <cstdlib>
 
@@ -109,9 +110,22 @@ void read_configuration() {
 // Acquiring the debugging set once at load, while the VM still offers its load-time-only
 // capabilities, keeps them available to setActive(true) later; giving them back at once keeps
 // the VM at full speed while nobody debugs.
+// Virtual threads are seen as such only by an agent that holds their capability from load on.
+void add_virtual_thread_support() {
+    jvmtiCapabilities potential{};
+    if (g_jvmti_version < JVMTI_VERSION_WITH_VIRTUAL_THREADS ||
+        g_jvmti->GetPotentialCapabilities(&potential) != JVMTI_ERROR_NONE || !has_virtual_thread_capability(potential)) {
+        return;
+    }
+    jvmtiCapabilities wanted{};
+    set_virtual_thread_capability(&wanted, true);
+    g_virtual_threads = g_jvmti->AddCapabilities(&wanted) == JVMTI_ERROR_NONE;
+}
+
 void settle_capabilities() {
     jvmtiCapabilities basic = basic_capabilities();
     g_jvmti->AddCapabilities(&basic);
+    add_virtual_thread_support();
     if (!add_upd_capabilities()) {
         LOG_ERROR("Unable to acquire JVMTI capabilities.");
         return;
@@ -175,13 +189,26 @@ std::vector<std::string> installed_callback_names(const jvmtiEventCallbacks& cal
 }
 
 void register_callbacks() {
-    jvmtiEventCallbacks callbacks = build_callbacks(g_exceptions_enabled, g_stepping_enabled);
+    CallbacksWithVirtualThreads table{};
+    jvmtiEventCallbacks& callbacks = table.base;
+    callbacks = build_callbacks(g_exceptions_enabled, g_stepping_enabled);
     // A compiled step hears of an exception that skips its return place by the catch.
     if (g_compiled_stepping) callbacks.ExceptionCatch = ExceptionCatch;
-    if (g_jvmti->SetEventCallbacks(&callbacks, static_cast<jint>(sizeof callbacks)) != JVMTI_ERROR_NONE) return;
+    // Only a VM that knows the longer table is given it.
+    jint size = static_cast<jint>(sizeof callbacks);
+    if (g_virtual_threads) {
+        table.VirtualThreadStart = VirtualThreadStart;
+        table.VirtualThreadEnd = VirtualThreadEnd;
+        size = static_cast<jint>(sizeof table);
+    }
+    if (g_jvmti->SetEventCallbacks(&callbacks, size) != JVMTI_ERROR_NONE) return;
     LOG_DEBUG("Event Callbacks");
     for (const std::string& name : installed_callback_names(callbacks)) {
         LOG_DEBUG("\t%s registered", name.c_str());
+    }
+    if (g_virtual_threads) {
+        LOG_DEBUG("\tVirtualThreadStart registered");
+        LOG_DEBUG("\tVirtualThreadEnd registered");
     }
 }
 
@@ -201,6 +228,9 @@ void dump_capabilities() {
     LOG_DEBUG("Capabilities");
     for (const CapabilityField& field : CAPABILITY_FIELDS) {
         LOG_DEBUG("\t%s=%d", field.name, field.held(held) ? 1 : 0);
+    }
+    if (g_jvmti_version >= JVMTI_VERSION_WITH_VIRTUAL_THREADS) {
+        LOG_DEBUG("\tcan_support_virtual_threads=%d", has_virtual_thread_capability(held) ? 1 : 0);
     }
 }
 

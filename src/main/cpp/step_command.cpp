@@ -9,11 +9,13 @@
 #include "log.h"
 #include "lookup.h"
 #include "thread.h"
+#include "virtual_threads.h"
 
 #include <atomic>
 #include <ctime>
 #include <memory>
 #include <new>
+#include <optional>
 
 const char* const STEP_TYPE_STR[9] = {"UNKNOWN",   "STOP",      "CONTINUE",          "STEP_IN", "STEP_OUT",
                                       "STEP_OVER", "STOP_WITH_TIMEOUT", "FIELD_MODIFICATION_COMPLETE", "NOOP"};
@@ -165,7 +167,14 @@ bool is_step(jint command) {
 bool starts_step(jint command) { return is_step(command) || command == STEP_FIELD_MODIFICATION_COMPLETE; }
 
 void handle_breakpoint_hit_return(JNIEnv* env, jthread thread, jmethodID method, jlocation location, jint command) {
-    if (apply_step_command(env, thread, own_thread_data(), method, location, command)) fire_stepping_aborted(env, thread);
+    ThreadData* own = own_thread_data();
+    // A virtual thread gets its record when it first steps; until then it has no step to end.
+    std::optional<ThreadDataAccess> made;
+    if (own == nullptr && is_virtual_thread(env, thread)) {
+        if (!starts_step(command)) return;
+        own = made.emplace(thread, true).get();
+    }
+    if (apply_step_command(env, thread, own, method, location, command)) fire_stepping_aborted(env, thread);
 }
 
 bool apply_step_command(JNIEnv* env, jthread thread, ThreadData* data, jmethodID method, jlocation location,

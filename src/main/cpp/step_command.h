@@ -3,6 +3,8 @@
 
 #include <jvmti.h>
 
+#include "step_depth.h"
+
 #include <atomic>
 #include <cstdint>
 
@@ -45,6 +47,8 @@ struct StepData {
     // Set by a class redefinition, which may clear the VM's breakpoints: the rest of the step
     // skips calls with frame-pop requests.
     std::atomic<bool> frame_pops_only{false};
+    // The frames of the step's single steps, judged by the owner alone.
+    StepTracker tracker;
 
     StepData() = default;
     StepData(const StepData&) = delete;

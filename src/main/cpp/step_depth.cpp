@@ -42,26 +42,6 @@ const MethodCode* code_of(jmethodID method) {
     return t_last = &slot;
 }
 
-// Where a call that the thread entered returns to in its caller.
-struct CallSite {
-    jmethodID method;
-    jlocation return_location;
-};
-
-constexpr int SITES_KEPT = 64;
-
-// The calling thread's last single step.
-struct Tracker {
-    uint64_t serial = 0;
-    jmethodID method = nullptr;
-    jlocation location = -1;
-    jint height = -1;
-    int sites = 0;
-    CallSite site[SITES_KEPT];
-};
-
-thread_local Tracker t_tracker;
-
 bool caller_is(jthread thread, jmethodID method, jlocation location) {
     jmethodID caller = nullptr;
     jlocation at = -1;
@@ -69,7 +49,7 @@ bool caller_is(jthread thread, jmethodID method, jlocation location) {
 }
 
 // The height of this event derived from the previous one, or -1 when it cannot be.
-jint derive(Tracker& t, jthread thread, jmethodID method, jlocation location, bool* moved) {
+jint derive(StepTracker& t, jthread thread, jmethodID method, jlocation location, bool* moved) {
     const MethodCode* code = code_of(t.method);
     if (code == nullptr || t.location < 0 || location < 0) return -1;
     const uint8_t* bytes = code->bytes.data();
@@ -79,7 +59,8 @@ jint derive(Tracker& t, jthread thread, jmethodID method, jlocation location, bo
     if (method == t.method && may_follow(bytes, length, at, static_cast<size_t>(location))) return t.height;
     *moved = true;
     Flow flow = flow_at(bytes, length, at);
-    if (flow == Flow::INVOKE && location == 0 && t.sites < SITES_KEPT && caller_is(thread, t.method, t.location)) {
+    if (flow == Flow::INVOKE && location == 0 && t.sites < StepTracker::SITES_KEPT &&
+        caller_is(thread, t.method, t.location)) {
         t.site[t.sites++] = CallSite{t.method, t.location + static_cast<jlocation>(instruction_length(bytes, length, at))};
         return t.height + 1;
     }
@@ -92,22 +73,20 @@ jint derive(Tracker& t, jthread thread, jmethodID method, jlocation location, bo
 }
 }  // namespace
 
-jint step_height(jthread thread, uint64_t step_serial, jmethodID method, jlocation location, bool* moved) {
-    Tracker& t = t_tracker;
-    jint height = t.serial == step_serial && t.height >= 0 ? derive(t, thread, method, location, moved) : -1;
+jint step_height(StepTracker& t, jthread thread, jmethodID method, jlocation location, bool* moved) {
+    jint height = t.height >= 0 ? derive(t, thread, method, location, moved) : -1;
     if (height < 0) {
         *moved = true;
         t.sites = 0;
         if (g_jvmti->GetFrameCount(thread, &height) != JVMTI_ERROR_NONE) height = -1;
     }
-    t.serial = step_serial;
     t.method = method;
     t.location = location;
     t.height = height;
     return height;
 }
 
-void forget_step_height() { t_tracker.height = -1; }
+void forget_step_height(StepTracker& tracker) { tracker.height = -1; }
 
 jlocation return_location(jmethodID method, jlocation call_site) {
     const MethodCode* code = code_of(method);

@@ -72,14 +72,9 @@ void log_event(bool fast, const StepData* step, jint depth, jmethodID method, jl
 }
 
 // The CFML depth of the calling thread, counted again only when the frame changed.
-jint cfml_depth(jthread thread, uint64_t step_serial, bool moved) {
-    thread_local uint64_t counted_for = 0;
-    thread_local jint depth = -1;
-    if (moved || counted_for != step_serial || depth < 0) {
-        depth = get_cf_depth(thread);
-        counted_for = step_serial;
-    }
-    return depth;
+jint cfml_depth(jthread thread, StepTracker& tracker, bool moved) {
+    if (moved || tracker.cfml_depth < 0) tracker.cfml_depth = get_cf_depth(thread);
+    return tracker.cfml_depth;
 }
 
 // The part both variants share. False when the event ends here; otherwise the step, the current
@@ -109,11 +104,11 @@ bool judge_common(JNIEnv* env, jthread thread, jmethodID method, jlocation locat
     // stop, but its depth still counts: a call into such code is stepped over like any other.
     jint line = source_line(env, method, location);
     bool moved = true;
-    jint depth = step_height(thread, step->serial, method, location, &moved);
+    jint depth = step_height(step->tracker, thread, method, location, &moved);
     if (depth < 0) return false;
     log_event(fast, step, depth, method, location);
     jint height = depth;
-    if (step->lang == LANG_CFML) depth = cfml_depth(thread, step->serial, moved);
+    if (step->lang == LANG_CFML) depth = cfml_depth(thread, step->tracker, moved);
     *event = StepEvent{&share, step, line, depth, height};
     return true;
 }
@@ -139,7 +134,7 @@ void wait_for_frame(jthread thread, const StepEvent& event, jint frame) {
         if (data->step.get().get() != event.step) end_return_wait(event.step);
         return;
     }
-    forget_step_height();
+    forget_step_height(event.step->tracker);
     wait_for_frame_pop(thread, frame);
 }
 

@@ -92,7 +92,7 @@ bool command_and_resume(JNIEnv* env, jthread thread, jint op, Resumed* resumed) 
     if (!check_target(env, thread)) return false;
     Place place;
     if (starts_step(op)) resumed->place_error = g_jvmti->GetFrameLocation(thread, 0, &place.method, &place.location);
-    ThreadDataAccess record(thread);
+    ThreadDataAccess record(thread, starts_step(op));
     if (resumed->place_error == JVMTI_ERROR_NONE) {
         resumed->step_aborted = apply_step_command(env, thread, record.get(), place.method, place.location, op);
     } else {

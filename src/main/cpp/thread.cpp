@@ -8,11 +8,13 @@
 #include "log.h"
 #include "lookup.h"
 #include "resources.h"
+#include "virtual_threads.h"
 
 #include <atomic>
 #include <memory>
 #include <new>
 #include <unordered_map>
+#include <vector>
 
 namespace {
 // The records of live threads by Java thread id, for threads that read another thread's record.
@@ -82,26 +84,119 @@ void release_thread_data(JNIEnv* env) {
 }
 }  // namespace
 
-ThreadDataAccess::ThreadDataAccess(jthread thread) {
+namespace {
+std::atomic<long> s_virtual_records{0};
+
+std::shared_ptr<ThreadData> registered(jlong id) {
+    std::lock_guard<std::mutex> guard(registry().lock);
+    auto found = registry().records.find(id);
+    return found != registry().records.end() ? found->second : nullptr;
+}
+
+// The record of a virtual thread, made now if it has none. The registry holds it first, so that
+// two threads making one for the same thread agree on it.
+std::shared_ptr<ThreadData> virtual_record(JNIEnv* env, jthread thread, jlong id) {
+    std::shared_ptr<ThreadData> record;
+    {
+        std::lock_guard<std::mutex> guard(registry().lock);
+        std::shared_ptr<ThreadData>& slot = registry().records[id];
+        if (slot) return slot;
+        slot.reset(new (std::nothrow) ThreadData());
+        if (!slot) {
+            registry().records.erase(id);
+            return nullptr;
+        }
+        slot->thread_id = id;
+        slot->virtual_thread = env->NewWeakGlobalRef(thread);
+        record = slot;
+    }
+    jvmtiError error = g_jvmti->SetThreadLocalStorage(thread, record.get());
+    if (error != JVMTI_ERROR_NONE) {
+        LOG_DEBUG("SetThreadLocalStorage of a virtual thread %s %d", get_error_message(error).c_str(), error);
+        {
+            std::lock_guard<std::mutex> guard(registry().lock);
+            registry().records.erase(id);
+        }
+        if (record->virtual_thread != nullptr) env->DeleteWeakGlobalRef(record->virtual_thread);
+        return nullptr;
+    }
+    // Its end frees it: the end event must be on from now.
+    if (s_virtual_records++ == 0) update_virtual_thread_events();
+    return record;
+}
+}  // namespace
+
+ThreadDataAccess::ThreadDataAccess(jthread thread, bool create_virtual) {
     JNIEnv* env = current_env();
     if (env == nullptr) {
         m_error = JVMTI_ERROR_UNATTACHED_THREAD;
         return;
     }
-    if (is_own_thread(env, thread)) {
+    // The OS thread's own record stands for the current thread only where no virtual thread can
+    // be mounted on it, or when asked for by the platform thread's own object.
+    if (thread == nullptr ? !g_virtual_threads : is_own_thread(env, thread)) {
         m_data = t_own_record;
         return;
     }
-    if (thread == nullptr) return;
+    if (thread == nullptr) {
+        m_data = own_thread_data();
+        return;
+    }
     jlong id = get_thread_id(env, thread);
-    std::lock_guard<std::mutex> guard(registry().lock);
-    auto found = registry().records.find(id);
-    if (found == registry().records.end()) return;
-    m_foreign_share = found->second;
+    m_foreign_share = registered(id);
+    if (!m_foreign_share && create_virtual && is_virtual_thread(env, thread)) {
+        m_foreign_share = virtual_record(env, thread, id);
+    }
     m_data = m_foreign_share.get();
 }
 
-ThreadData* own_thread_data() { return t_own_record; }
+// The weak reference goes with the last share of the record, which a dump may still hold.
+ThreadData::~ThreadData() {
+    JNIEnv* env = virtual_thread != nullptr && g_vm_alive ? current_env() : nullptr;
+    if (env != nullptr) env->DeleteWeakGlobalRef(virtual_thread);
+}
+
+ThreadData* own_thread_data() {
+    if (!g_virtual_threads) return t_own_record;
+    void* stored = nullptr;
+    return g_jvmti->GetThreadLocalStorage(nullptr, &stored) == JVMTI_ERROR_NONE ? static_cast<ThreadData*>(stored)
+                                                                                : nullptr;
+}
+
+bool release_virtual_record() {
+    ThreadData* own = own_thread_data();
+    if (own == nullptr) return false;
+    end_return_wait(own->step.take().get());
+    std::shared_ptr<ThreadData> record;
+    {
+        std::lock_guard<std::mutex> guard(registry().lock);
+        auto found = registry().records.find(own->thread_id);
+        if (found != registry().records.end() && found->second.get() == own) {
+            record = std::move(found->second);
+            registry().records.erase(found);
+        }
+    }
+    g_jvmti->SetThreadLocalStorage(nullptr, nullptr);
+    s_virtual_records--;
+    return true;
+}
+
+long virtual_records() { return s_virtual_records.load(); }
+
+void for_each_virtual_thread(JNIEnv* env, void (*visit)(jthread thread)) {
+    if (virtual_records() == 0) return;
+    std::vector<std::shared_ptr<ThreadData>> records;
+    {
+        std::lock_guard<std::mutex> guard(registry().lock);
+        for (const auto& entry : registry().records) {
+            if (entry.second->virtual_thread != nullptr) records.push_back(entry.second);
+        }
+    }
+    for (const std::shared_ptr<ThreadData>& record : records) {
+        LocalRef<jthread> thread(env, env->NewLocalRef(record->virtual_thread));
+        if (thread) visit(thread.get());
+    }
+}
 
 jobject get_thread_context(JNIEnv* env, jthread thread) {
     jint frames = 0;

@@ -68,9 +68,12 @@ struct ThreadData {
     ThreadData() = default;
     ThreadData(const ThreadData&) = delete;
     ThreadData& operator=(const ThreadData&) = delete;
-    ~ThreadData() = default;
+    ~ThreadData();
 
     jlong thread_id = 0;
+    // A virtual thread's own object, held weakly, so that the dump can name it; null for a
+    // platform thread. Set before the record is shared, released with the record.
+    jweak virtual_thread = nullptr;
     // Bit (e - 50) for JVMTI event e: what the managed side switched on, and what is on now.
     // Atomic: the owning thread and managed threads change them at the same time.
     std::atomic<jlong> user_events{0};
@@ -96,7 +99,9 @@ struct ThreadData {
 // thread then fail with THREAD_NOT_ALIVE, which every caller handles).
 class ThreadDataAccess {
 public:
-    explicit ThreadDataAccess(jthread thread);
+    // With create_virtual, a virtual thread that has no record yet gets one (platform threads get
+    // theirs when they start).
+    explicit ThreadDataAccess(jthread thread, bool create_virtual = false);
     ThreadDataAccess(const ThreadDataAccess&) = delete;
     ThreadDataAccess& operator=(const ThreadDataAccess&) = delete;
 
@@ -112,8 +117,17 @@ private:
 };
 
 // The calling thread's own record, or null: for event callbacks, which always run on the thread
-// the event is about. No lock, no JNI call.
+// the event is about. No lock, no JNI call; where the VM has virtual threads, one JVMTI call that
+// stays in native code, since the OS thread may carry a virtual thread.
 ThreadData* own_thread_data();
+
+// At a virtual thread's end, on the thread itself: frees its record, if it has one. True when it
+// had one.
+bool release_virtual_record();
+// How many virtual threads have records.
+long virtual_records();
+// Calls visit with each live virtual thread that has a record (a local reference, deleted after).
+void for_each_virtual_thread(JNIEnv* env, void (*visit)(jthread thread));
 
 // A new ThreadContext for the thread (local reference), or null with one ERROR line.
 jobject get_thread_context(JNIEnv* env, jthread thread);

@@ -12,6 +12,7 @@ import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
 import com.brantide.kelvane.plugin.jvmti.ThreadContext;
 import com.brantide.kelvane.plugin.jvmti.fixtures.EventTarget;
 import com.brantide.kelvane.plugin.jvmti.testing.ChildJvm;
+import com.brantide.kelvane.plugin.jvmti.testing.ThreadKind;
 import java.lang.reflect.Field;
 import java.util.ArrayList;
 import java.util.Arrays;
@@ -43,12 +44,12 @@ class EventHooksTest {
 
     /** Runs the code on a fresh thread with the given events switched on for it. */
     private void onThreadWith(Runnable code, int... events) throws InterruptedException {
-        Thread thread = new Thread(() -> {
+        Thread thread = ThreadKind.unstarted("event-subject", () -> {
             for (int event : events) {
                 assertTrue(api.setEventNotificationMode(Thread.currentThread(), event, true));
             }
             code.run();
-        }, "event-subject");
+        });
         thread.setUncaughtExceptionHandler((t, e) -> calls.add(new Object[] {"uncaught", e}));
         thread.start();
         thread.join(30_000);

@@ -8,6 +8,7 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.brantide.kelvane.plugin.jvmti.StepType;
 import com.brantide.kelvane.plugin.jvmti.fixtures.StackTarget;
+import com.brantide.kelvane.plugin.jvmti.testing.ThreadKind;
 import java.util.ArrayList;
 import java.util.HashMap;
 import java.util.List;
@@ -41,13 +42,13 @@ class StacksTest {
     /** Starts the code on a new thread, waits until it is in place, and suspends it. */
     private Thread suspended(String name, long stackSize, Job job) throws InterruptedException {
         CountDownLatch entered = new CountDownLatch(1);
-        Thread thread = new Thread(null, () -> {
+        Thread thread = ThreadKind.unstarted(name, stackSize, () -> {
             try {
                 job.run(entered);
             } catch (InterruptedException e) {
                 Thread.currentThread().interrupt();
             }
-        }, name, stackSize);
+        });
         started.add(thread);
         thread.start();
         entered.await();

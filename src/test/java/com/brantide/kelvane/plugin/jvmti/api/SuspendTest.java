@@ -10,6 +10,7 @@ import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
 import com.brantide.kelvane.plugin.jvmti.StepType;
 import com.brantide.kelvane.plugin.jvmti.fixtures.StepTarget;
 import com.brantide.kelvane.plugin.jvmti.testing.Stops;
+import com.brantide.kelvane.plugin.jvmti.testing.ThreadKind;
 import java.util.ArrayList;
 import java.util.List;
 import org.junit.jupiter.api.AfterEach;
@@ -27,10 +28,10 @@ class SuspendTest {
         assertTrue(api.setActive(true));
         StepTarget.spinning = true;
         StepTarget.spins = 0;
-        spinner = new Thread(() -> {
+        spinner = ThreadKind.unstarted("spinner", () -> {
             api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, true);
             StepTarget.spin();
-        }, "spinner");
+        });
         spinner.setDaemon(true);
         spinner.start();
         while (StepTarget.spins < 1000) {

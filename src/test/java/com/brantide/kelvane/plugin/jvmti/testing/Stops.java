@@ -103,7 +103,7 @@ public class Stops implements BreakpointHook, SteppingAbortedHook {
     private <T> T run(JvmtiApi api, Callable<T> code, boolean switchBreakpoints) throws Exception {
         Object[] result = new Object[1];
         Exception[] failure = new Exception[1];
-        Thread thread = new Thread(() -> {
+        Thread thread = ThreadKind.unstarted("stepping-subject", () -> {
             if (switchBreakpoints && !api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, true)) {
                 failure[0] = new IllegalStateException("breakpoints not switched on");
                 return;
@@ -113,7 +113,7 @@ public class Stops implements BreakpointHook, SteppingAbortedHook {
             } catch (Exception e) {
                 failure[0] = e;
             }
-        }, "stepping-subject");
+        });
         subject = thread;
         thread.start();
         thread.join(60_000);

@@ -1,0 +1,45 @@
+package com.brantide.kelvane.plugin.jvmti.testing;
+
+import java.lang.reflect.Method;
+import org.junit.jupiter.api.Assumptions;
+
+/**
+ * The kind of thread the code under test runs on: a platform thread, or with
+ * -Dkv.test.thread.kind=virtual a virtual one, so that the same scenarios cover both. The tests are
+ * built for JDK 17, so virtual threads are made through reflection; where the VM has none, a test
+ * that needs one is skipped, not passed.
+ */
+public final class ThreadKind {
+    public static final boolean VIRTUAL = "virtual".equals(System.getProperty("kv.test.thread.kind"));
+
+    private ThreadKind() {
+    }
+
+    /** Skips the calling test when it is to run on virtual threads and the VM has none. */
+    public static void assumeAvailable() {
+        Assumptions.assumeTrue(!VIRTUAL || Runtime.version().feature() >= 21, "virtual threads need JDK 21");
+    }
+
+    /** A new, unstarted thread of the kind under test. */
+    public static Thread unstarted(String name, Runnable body) {
+        return unstarted(name, 0, body);
+    }
+
+    /** The same with a stack size for a platform thread (a virtual thread's stack grows as needed). */
+    public static Thread unstarted(String name, long stackSize, Runnable body) {
+        if (!VIRTUAL) {
+            return new Thread(null, body, name, stackSize);
+        }
+        assumeAvailable();
+        try {
+            // Through the public builder interface: its implementation is not exported.
+            Class<?> builderType = Class.forName("java.lang.Thread$Builder");
+            Object builder = Thread.class.getMethod("ofVirtual").invoke(null);
+            builder = builderType.getMethod("name", String.class).invoke(builder, name);
+            Method unstarted = builderType.getMethod("unstarted", Runnable.class);
+            return (Thread) unstarted.invoke(builder, body);
+        } catch (ReflectiveOperationException e) {
+            throw new IllegalStateException("no virtual thread", e);
+        }
+    }
+}
