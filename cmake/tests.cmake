@@ -102,7 +102,12 @@ function(kv_add_junit_suite suffix out)
     # The same scenarios on virtual threads, run by the newest JDK that has them.
     if(suffix STREQUAL "" AND KV_VIRTUAL_THREAD_JAVA AND simple MATCHES "^(Stepping|CfmlStepping|SmapStepping|EventHooks|Suspend|Locals|Stacks)Test$")
       set(KV_JAVA ${KV_VIRTUAL_THREAD_JAVA})
-      kv_add_junit_test(junit.${simple}.virtualThreads ${class} ${agent} -Dkv.test.thread.kind=virtual)
+      set(kv_stack_option "")
+      if(simple STREQUAL "StacksTest")
+        # A mounted virtual thread runs on its carrier's stack: -Xss sizes them for the deep stack.
+        set(kv_stack_option -Xss256m)
+      endif()
+      kv_add_junit_test(junit.${simple}.virtualThreads ${class} ${agent} -Dkv.test.thread.kind=virtual ${kv_stack_option})
       list(APPEND names junit.${simple}.virtualThreads)
       set(KV_JAVA ${kv_suite_java})
     endif()

@@ -11,9 +11,11 @@
 #include "resources.h"
 #include "step_command.h"
 #include "thread.h"
+#include "virtual_threads.h"
 
 #include <cstdarg>
 #include <cstring>
+#include <optional>
 
 namespace {
 #define KV_LOCATION "Lcom/brantide/kelvane/plugin/jvmti/BreakpointLocation;"
@@ -39,7 +41,7 @@ thread_local jlocation t_step_stop_location = -1;
 class HookCall {
 public:
     HookCall(JNIEnv* env, jthread thread, jmethodID method, jlocation location)
-        : m_env(env), m_thread(thread), m_method(method), m_location(location), m_data(own_thread_data()),
+        : m_env(env), m_thread(thread), m_method(method), m_location(location), m_data(record_of(env, thread)),
           m_saved(clear_active_events(m_data, thread)) {}
 
     jobject location_object(jmethodID method, jlocation location) {
@@ -57,6 +59,14 @@ public:
     }
 
 private:
+    // The event thread's record; a virtual thread gets one when a hook is first called on it.
+    ThreadData* record_of(JNIEnv* env, jthread thread) {
+        ThreadData* own = own_thread_data();
+        if (own != nullptr || !is_virtual_thread(env, thread)) return own;
+        return m_made.emplace(thread, true).get();
+    }
+
+    std::optional<ThreadDataAccess> m_made;  // before m_data, which it may hold
     JNIEnv* m_env;
     jthread m_thread;
     jmethodID m_method;
