@@ -16,6 +16,7 @@
 #include "resources.h"
 #include "step_command.h"
 #include "thread.h"
+#include "virtual_threads.h"
 
 namespace {
 constexpr const char* SUSPENDED =
@@ -93,6 +94,11 @@ bool command_and_resume(JNIEnv* env, jthread thread, jint op, Resumed* resumed) 
     Place place;
     if (starts_step(op)) resumed->place_error = g_jvmti->GetFrameLocation(thread, 0, &place.method, &place.location);
     ThreadDataAccess record(thread, starts_step(op));
+    // A virtual thread without a record has no step to end.
+    if (record.get() == nullptr && is_virtual_thread(env, thread) && !starts_step(op)) {
+        resumed->resume_error = g_jvmti->ResumeThread(thread);
+        return true;
+    }
     if (resumed->place_error == JVMTI_ERROR_NONE) {
         resumed->step_aborted = apply_step_command(env, thread, record.get(), place.method, place.location, op);
     } else {

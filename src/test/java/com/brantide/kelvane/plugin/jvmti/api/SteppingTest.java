@@ -88,6 +88,13 @@ class SteppingTest {
         recursion.run(api, () -> StepTarget.countdown(3));
         assertEquals(at("countdown-call", "countdown-call", "countdown-call", "countdown-after"), recursion.stops());
 
+        // Over a call that parks the thread (a virtual one unmounts, and may go on on another carrier).
+        breakAt("sleepsOver-call");
+        Stops parked = new Stops().answer(STEP_OVER);
+        api.registerBreakpointHook(parked);
+        parked.run(api, () -> StepTarget.sleepsOver(50));
+        assertEquals(at("sleepsOver-call", "sleepsOver-after"), parked.stops());
+
         // Two threads over the same call at once: each stops after its own.
         breakAt("callsBusy-call");
         Stops first = new Stops().answer(STEP_OVER);

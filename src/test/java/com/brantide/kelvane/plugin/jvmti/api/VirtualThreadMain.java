@@ -17,8 +17,7 @@ import java.util.concurrent.atomic.AtomicReference;
  * meet the agent: a breakpoint hit with breakpoints switched on for the virtual thread itself, then
  * for its carrier; the hook answers with a step once, and looks at the stopped thread's stack and
  * locals; another thread suspends a virtual thread and lists its stack. Each finding is printed as
- * "name=value"; "DONE" at the end. The agent has no capability for virtual threads: what matters is
- * that nothing crashes and that what it reports agrees with itself.
+ * "name=value"; "DONE" at the end.
  */
 public final class VirtualThreadMain {
     private static final JvmtiApi API = new JvmtiApi();

@@ -6,14 +6,14 @@ import static org.junit.jupiter.api.Assumptions.assumeTrue;
 
 import com.brantide.kelvane.plugin.jvmti.testing.ChildJvm;
 import java.util.LinkedHashMap;
+import java.util.List;
 import java.util.Map;
 import org.junit.jupiter.api.Test;
 
 /**
- * Virtual threads meet an agent that holds no capability for them (VirtualThreadMain): breakpoints
- * switched on by the virtual thread itself and for its carrier, a step asked for from the hook,
- * stacks and locals read, and a virtual thread suspended from outside. Nothing may crash, and what
- * the agent reports must agree with itself. The findings are printed.
+ * Virtual threads meet the agent (VirtualThreadMain, on one carrier thread): breakpoints switched on
+ * by the virtual thread itself and for its carrier, a step asked for from the hook, stacks and
+ * locals read, and a virtual thread suspended from outside. The findings are printed.
  */
 class VirtualThreadProbeTest {
     @Test
@@ -43,10 +43,12 @@ class VirtualThreadProbeTest {
         assertEquals("true", found.get("own.isVirtual"));
         assertEquals("none", found.get("own.failure"));
         assertEquals("none", found.get("mounted.failure"));
-        // A thread the agent keeps no record of cannot have events switched for it.
-        if (found.get("own.record").equals("false")) {
-            assertEquals("false", found.get("own.switched"));
-        }
+        // A virtual thread gets its record when it first needs one, and its own events and step;
+        // its carrier's switches and record never stand in for it.
+        assertEquals(List.of("false", "true", "2"),
+                List.of(found.get("own.record"), found.get("own.switched"), found.get("own.hookCalls")));
+        assertEquals(List.of("true", "0"), List.of(found.get("carrier.switched"), found.get("mounted.hookCalls")));
+        assertEquals(0, errors, "no agent ERROR line");
         // Whatever reaches the hook is told about the thread it runs on.
         found.entrySet().stream().filter(e -> e.getKey().endsWith(".contextIsSelf"))
                 .forEach(e -> assertEquals("true", e.getValue(), e.getKey()));
