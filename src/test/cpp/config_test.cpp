@@ -1,5 +1,6 @@
 #include "capabilities.h"
 #include "config.h"
+#include "virtual_threads.h"
 
 #include <gtest/gtest.h>
 
@@ -75,4 +76,16 @@ TEST(Capabilities, WithoutBasicRemovesExactlyTheBasicSet) {
     EXPECT_EQ(count_held(debugging) - 4, count_held(rest));  // object-free events are not in the debugging set
     EXPECT_FALSE(held(rest, "can_tag_objects") || held(rest, "can_get_line_numbers"));
     EXPECT_TRUE(held(rest, "can_access_local_variables"));
+
+    // Virtual-thread support: the unnamed bit after sampled allocation events (bit 44), held from
+    // load on and never given back.
+    jvmtiCapabilities virtual_only{};
+    set_virtual_thread_capability(&virtual_only, true);
+    unsigned char bytes[sizeof virtual_only];
+    std::memcpy(bytes, &virtual_only, sizeof bytes);
+    EXPECT_EQ(0x10, bytes[5]);
+    EXPECT_TRUE(has_virtual_thread_capability(virtual_only));
+    EXPECT_EQ(0, count_held(virtual_only)) << "no named field";
+    EXPECT_FALSE(has_virtual_thread_capability(without_basic(virtual_only)));
+    EXPECT_FALSE(has_virtual_thread_capability(debugging));
 }

@@ -5,11 +5,13 @@ import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
+import com.brantide.kelvane.plugin.jvmti.testing.ThreadKind;
 import java.util.ArrayList;
 import java.util.List;
 import java.util.Set;
 import java.util.concurrent.ConcurrentHashMap;
 import java.util.concurrent.CountDownLatch;
+import java.util.concurrent.atomic.AtomicBoolean;
 import java.util.concurrent.atomic.AtomicReference;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.BeforeEach;
@@ -28,10 +30,10 @@ class ThreadEventsProbeTest {
     void startWorker() throws InterruptedException {
         assertTrue(api.setActive(true));
         CountDownLatch started = new CountDownLatch(1);
-        worker = new Thread(() -> {
+        worker = ThreadKind.unstarted("events-worker", () -> {
             started.countDown();
             awaitQuietly(release);
-        }, "events-worker");
+        });
         worker.start();
         started.await();
     }
@@ -46,7 +48,8 @@ class ThreadEventsProbeTest {
 
     @Test
     void onlyThreadsSeenStartingHaveRecords() {
-        assertTrue(AgentProbe.hasThreadData(worker));
+        // A virtual thread gets its record only when it first needs one.
+        assertEquals(!ThreadKind.VIRTUAL, AgentProbe.hasThreadData(worker));
         assertTrue(AgentProbe.hasThreadData(Thread.currentThread()));
         Thread early = systemThreadStartedBeforeTheAgentListened();
         assertFalse(AgentProbe.hasThreadData(early));
@@ -107,23 +110,27 @@ class ThreadEventsProbeTest {
     void threadHookHearsEveryStartAndEndAndSurvivesThrowingHooks() throws InterruptedException {
         Set<Thread> started = ConcurrentHashMap.newKeySet();
         Set<Thread> ended = ConcurrentHashMap.newKeySet();
+        AtomicBoolean onItself = new AtomicBoolean(true);
         api.registerThreadHook(new ThreadHook() {
             @Override
             public void threadStart(Thread thread) {
                 started.add(thread);
+                onItself.compareAndSet(true, thread == Thread.currentThread());
                 throw new IllegalStateException("a hook that throws");
             }
 
             @Override
             public void threadEnd(Thread thread) {
                 ended.add(thread);
+                onItself.compareAndSet(true, thread == Thread.currentThread());
                 throw new IllegalStateException("a hook that throws");
             }
         });
         AtomicReference<Throwable> leaked = new AtomicReference<>();
         List<Thread> threads = new ArrayList<>();
         for (int i = 0; i < 50; i++) {
-            Thread thread = new Thread(() -> assertTrue(AgentProbe.hasThreadData(Thread.currentThread())));
+            Thread thread = ThreadKind.unstarted("hooked-" + i,
+                    () -> assertEquals(!ThreadKind.VIRTUAL, AgentProbe.hasThreadData(Thread.currentThread())));
             thread.setUncaughtExceptionHandler((t, e) -> leaked.set(e));
             threads.add(thread);
             thread.start();
@@ -133,6 +140,7 @@ class ThreadEventsProbeTest {
         }
         assertEquals(null, leaked.get(), "nothing a hook threw reached the application thread");
         assertTrue(started.containsAll(threads) && ended.containsAll(threads));
+        assertTrue(onItself.get(), "each hook call ran on the thread it was about");
     }
 
     private void assertMasks(long user, long active) {
