@@ -8,6 +8,7 @@
 #include "log.h"
 #include "resources.h"
 #include "thread.h"
+#include "virtual_threads.h"
 #include "version.h"
 
 namespace {
@@ -17,6 +18,7 @@ void dump_capability_block() {
     if (g_jvmti->GetCapabilities(&held) != JVMTI_ERROR_NONE) return;
     log("Capabilities");
     for (const CapabilityField& field : CAPABILITY_FIELDS) log("\t%s=%d", field.name, field.held(held) ? 1 : 0);
+    if (has_virtual_thread_capability(held)) log("\tcan_support_virtual_threads=1");
     log("%s", "");
 }
 

@@ -3,6 +3,7 @@ package com.brantide.kelvane.plugin.jvmti.api;
 import com.brantide.kelvane.plugin.jvmti.BreakpointLocation;
 import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
 import com.brantide.kelvane.plugin.jvmti.fixtures.Target;
+import com.brantide.kelvane.plugin.jvmti.testing.ThreadKind;
 import java.util.concurrent.CountDownLatch;
 
 /**
@@ -18,15 +19,14 @@ public final class DumpMain {
         api.registerClasses();
         CountDownLatch release = new CountDownLatch(1);
         CountDownLatch running = new CountDownLatch(1);
-        Thread worker = new Thread(() -> {
+        Thread worker = ThreadKind.unstarted("dump-worker", () -> {
             running.countDown();
             try {
                 release.await();
             } catch (InterruptedException e) {
                 Thread.currentThread().interrupt();
             }
-        }, "dump-worker");
-        worker.setDaemon(true);
+        });
         worker.start();
         running.await();
         new Target(1); // prepared, so that its members can carry breakpoints and watches

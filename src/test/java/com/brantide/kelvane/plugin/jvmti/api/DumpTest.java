@@ -4,6 +4,7 @@ import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.brantide.kelvane.plugin.jvmti.testing.ChildJvm;
+import com.brantide.kelvane.plugin.jvmti.testing.ThreadKind;
 import java.util.ArrayList;
 import java.util.List;
 import org.junit.jupiter.api.Test;
@@ -19,6 +20,10 @@ class DumpTest {
         assertEquals("\tcan_tag_objects=1", dump.get(3));
         assertEquals("\tcan_generate_breakpoint_events=0", dump.get(3 + 19), "only the basic set is held");
         assertEquals("\tcan_generate_resource_exhaustion_threads_events=0", dump.get(43));
+        // Held from load on where the VM has virtual threads.
+        boolean virtual = Runtime.version().feature() >= 21;
+        assertEquals(virtual, dump.get(44).equals("\tcan_support_virtual_threads=1"));
+        dump = dump.subList(virtual ? 1 : 0, dump.size());
         assertEquals(List.of("", "Hooks", "\tClassPrepareHook=Unset", "\tFileLoadHook=Unset", "\tThreadHook=Unset",
                 "\tBreakpointHook=Unset", "\tExceptionHook=Unset", "\tFieldHook=Unset", "", "Counters",
                 "\tBreakpoints=0", "\tFieldAccess=0", "\tFieldWatch=0", "Thread Events", ""), dump.subList(44, dump.size()));
@@ -28,7 +33,11 @@ class DumpTest {
     void hooksAndThreadEventsInShortAndLongForm() throws Exception {
         List<String> dump;
         ChildJvm.Result result;
-        try (ChildJvm.Running child = ChildJvm.main(DumpMain.class, "busy").withProbeAgent().start()) {
+        ChildJvm busy = ChildJvm.main(DumpMain.class, "busy").withProbeAgent();
+        if (ThreadKind.VIRTUAL) {
+            busy.property("kv.test.thread.kind", "virtual");  // its line follows the platform threads' lines
+        }
+        try (ChildJvm.Running child = busy.start()) {
             child.awaitStdout("READY", 60);
             dump = requestDump(child);
             child.closeStdin();

@@ -30,7 +30,9 @@ public final class ThreadKind {
         if (!VIRTUAL) {
             return new Thread(null, body, name, stackSize);
         }
-        assumeAvailable();
+        if (Runtime.version().feature() < 21) {
+            assumeAvailable();  // only then: child JVMs run without JUnit
+        }
         try {
             // Through the public builder interface: its implementation is not exported.
             Class<?> builderType = Class.forName("java.lang.Thread$Builder");
