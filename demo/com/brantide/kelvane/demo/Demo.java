@@ -28,6 +28,7 @@ import com.brantide.kelvane.plugin.jvmti.api.VariableCallback;
 import com.brantide.kelvane.demo.support.Smap;
 import com.brantide.kelvane.demo.support.SourceDebugExtension;
 import com.brantide.kelvane.demo.support.StepTiming;
+import com.brantide.kelvane.demo.support.VirtualThreads;
 import java.lang.reflect.Field;
 import java.lang.reflect.Method;
 import java.nio.file.Path;
@@ -36,6 +37,7 @@ import java.util.ArrayList;
 import java.util.Deque;
 import java.util.LinkedHashMap;
 import java.util.List;
+import java.util.Optional;
 import java.util.Map;
 import java.util.concurrent.ArrayBlockingQueue;
 import java.util.concurrent.BlockingQueue;
@@ -74,6 +76,7 @@ public final class Demo {
         watchTheStockAndTheRefusal();
         stepThroughTheTemplate();
         timeAStepOver();
+        debugAVirtualThread();
         histogram();
         leakPaths();
         suspendAWorker();
@@ -276,6 +279,16 @@ public final class Demo {
         });
         System.out.printf("  step over a 10^7-iteration call: frame pop %d ms, compiled %d ms, no debugger %d ms%n",
                 modes[0].stepped(), modes[1].stepped(), Math.min(modes[0].alone(), modes[1].alone()));
+    }
+
+    private void debugAVirtualThread() throws Exception {
+        heading("A breakpoint and a step in a virtual thread (a child JVM with virtual threads)");
+        Optional<List<String>> report = VirtualThreads.inChildJvm();
+        if (report.isEmpty()) {
+            System.out.println("  no JDK 21 or later here: no virtual threads to show");
+            return;
+        }
+        report.get().forEach(System.out::println);
     }
 
     // ---- 5. heap

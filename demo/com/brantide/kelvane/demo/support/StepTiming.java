@@ -47,7 +47,7 @@ public final class StepTiming {
     }
 
     /** This JVM's -agentpath option, so that the child loads the same agent. */
-    private static String agentOption() {
+    static String agentOption() {
         return ProcessHandle.current().info().arguments().stream().flatMap(Arrays::stream)
                 .filter(argument -> argument.startsWith("-agentpath:")).findFirst()
                 .orElseThrow(() -> new IllegalStateException("no -agentpath among this JVM's arguments"));

@@ -40,6 +40,7 @@ class DemoTest {
                 "^  STEP_OVER  checkout\\.tpl:3  ",
                 "^  STEP_OVER  checkout\\.tpl:4  <p>Total",
                 "^  step over a 10\\^7-iteration call: frame pop \\d+ ms, compiled \\d+ ms, no debugger \\d+ ms$",
+                "^  (STEP_OVER  Shop\\.record \\(Shop\\.java:\\d+\\)  on virtual thread \"checkout\"|no JDK 21 or later here)",
                 "^  rank  class +instances +size$",
                 "^    15  \\S+ +\\d+ +[\\d.]+ [KM]?B$",
                 "^  \\.\\.\\.   com\\.brantide\\.kelvane\\.demo\\.shop\\.Order +2001 ",
