@@ -113,16 +113,23 @@ std::shared_ptr<ThreadData> virtual_record(JNIEnv* env, jthread thread, jlong id
     jvmtiError error = g_jvmti->SetThreadLocalStorage(thread, record.get());
     if (error != JVMTI_ERROR_NONE) {
         LOG_DEBUG("SetThreadLocalStorage of a virtual thread %s %d", get_error_message(error).c_str(), error);
-        {
-            std::lock_guard<std::mutex> guard(registry().lock);
-            registry().records.erase(id);
-        }
-        if (record->virtual_thread != nullptr) env->DeleteWeakGlobalRef(record->virtual_thread);
-        return nullptr;
+        std::lock_guard<std::mutex> guard(registry().lock);
+        registry().records.erase(id);
+        return nullptr;  // the last share takes the weak reference with it
     }
     // Its end frees it: the end event must be on from now.
     if (s_virtual_records++ == 0) update_virtual_thread_events();
     return record;
+}
+
+// A record made for a virtual thread while it was ending, after its end event: nothing else frees
+// it once the thread is gone.
+void forget_dead_virtual_thread(const std::shared_ptr<ThreadData>& record) {
+    std::lock_guard<std::mutex> guard(registry().lock);
+    auto found = registry().records.find(record->thread_id);
+    if (found == registry().records.end() || found->second != record) return;
+    registry().records.erase(found);
+    s_virtual_records--;
 }
 }  // namespace
 
@@ -194,7 +201,11 @@ void for_each_virtual_thread(JNIEnv* env, void (*visit)(jthread thread)) {
     }
     for (const std::shared_ptr<ThreadData>& record : records) {
         LocalRef<jthread> thread(env, env->NewLocalRef(record->virtual_thread));
-        if (thread) visit(thread.get());
+        if (thread) {
+            visit(thread.get());
+        } else {
+            forget_dead_virtual_thread(record);
+        }
     }
 }
 

@@ -76,7 +76,7 @@ public final class ThreadStormMain {
 
     private static void spawn(AtomicBoolean stop, ConcurrentLinkedDeque<Thread> live, Set<Thread> created) {
         while (!stop.get()) {
-            Thread thread = new Thread(() -> LockSupport.parkNanos(200_000), "storm");
+            Thread thread = ThreadKind.unstarted("storm", () -> LockSupport.parkNanos(200_000));
             created.add(thread);
             thread.start();
             live.addLast(thread);
