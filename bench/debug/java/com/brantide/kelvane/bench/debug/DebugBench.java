@@ -122,6 +122,8 @@ public final class DebugBench {
         variants.put("contract", () -> Child.run(floor(floorAgent, "contract"), classpath, "breakpoint", "contract"));
         if (VirtualThreads.available()) {
             variants.put("library virtual", () -> Child.run(library, classpath, "breakpoint", "library", "virtual"));
+            variants.put("library as virtual",
+                    () -> Child.run(library, classpath, "breakpoint", "library", "as-virtual"));
             variants.put("contract virtual", () -> Child.run(floor(floorAgent, "contract,vthreads"), classpath,
                     "breakpoint", "contract", "virtual"));
         }
@@ -136,12 +138,25 @@ public final class DebugBench {
         String bp = BREAKPOINT_ROW;
         row(bp, "library", nanos(lib) + "/hit", goal("library/contract floor", lib / contract, "<=", 1.15), "");
         virtualThreadRow("library", bps, true);
+        asHighRow(bps);
         String bare = peers ? ratio("contract/bare floor", contract / best(bps.get("bare"), "breakpoint.ns")) : "";
         row(bp, "contract floor", nanos(contract) + "/hit", bare, "frame count, new ThreadContext, breakpointHit");
         virtualThreadRow("contract", bps, false);
         if (peers) {
             peerRows(lib, bps);
         }
+    }
+
+    /** The library's round trip in the platform thread raised to the virtual thread's height. */
+    private void asHighRow(Map<String, List<Map<String, String>>> bps) {
+        if (!VirtualThreads.available()) {
+            return;
+        }
+        double virtual = best(bps.get("library virtual"), "breakpoint.ns");
+        double asHigh = best(bps.get("library as virtual"), "breakpoint.ns");
+        row(BREAKPOINT_ROW, "library, platform as high", nanos(asHigh) + "/hit", ratio("virtual/this", virtual / asHigh),
+                "the platform thread raised to " + text(bps.get("library as virtual").get(0), "breakpoint.frames")
+                        + " frames");
     }
 
     /** Row 1's figures of the bare floor, JDWP and no agent. */

@@ -21,6 +21,7 @@ import java.util.Arrays;
 import java.util.List;
 import java.util.TreeMap;
 import java.util.function.LongSupplier;
+import java.util.function.Supplier;
 
 /**
  * The debugged program, one benchmark per JVM. It reports its figures as "RESULT name value" lines
@@ -28,9 +29,11 @@ import java.util.function.LongSupplier;
  * debugger sets itself up.
  *
  * <pre>
- * Target breakpoint none|library|floor|contract|jdwp [virtual]
- *                                                      the breakpoint round trip, ns per hit; with
- *                                                      virtual, hit in a virtual thread
+ * Target breakpoint none|library|floor|contract|jdwp [main|virtual|as-virtual]
+ *                                                      the breakpoint round trip, ns per hit, hit in
+ *                                                      the main thread, a virtual thread, or the main
+ *                                                      thread as high as the virtual one (library and
+ *                                                      contract only)
  * Target step none|library|jdwp ITERATIONS [KINDS]     step over a line whose call loops ITERATIONS times,
  *                                                      and out of that call (the call alone under none);
  *                                                      KINDS: over,out by default (StepTimes)
@@ -58,7 +61,7 @@ public final class Target {
 
     public static void main(String[] args) throws Exception {
         switch (args[0]) {
-            case "breakpoint": breakpoint(args[1], args.length > 2 && args[2].equals("virtual")); break;
+            case "breakpoint": breakpoint(args[1], args.length > 2 ? args[2] : "main"); break;
             case "step": step(args[1], Integer.parseInt(args[2]), stepKinds(args)); break;
             case "singlestep": singleStep(args[1], Integer.parseInt(args[2]), Integer.parseInt(args[3])); break;
             case "smap": smap(Path.of(args[1])); break;
@@ -157,7 +160,7 @@ public final class Target {
      * The round trip in the main thread or in a virtual thread; either switches breakpoint events
      * on for itself, where the agent has them per thread.
      */
-    static void breakpoint(String agent, boolean inVirtualThread) throws Exception {
+    static void breakpoint(String agent, String thread) throws Exception {
         int calls = 20_000;
         CountingHook hook = new CountingHook();
         BreakpointLocation hot = BreakpointLocation.forMethod(method(Target.class, "hot"), 0);
@@ -189,7 +192,13 @@ public final class Target {
             default:
                 throw new IllegalArgumentException(agent);
         }
-        double[] perCall = inVirtualThread ? hitsInVirtualThread(switchOn, calls) : timeHits(switchOn, calls);
+        double[] perCall;
+        switch (thread) {
+            case "main": perCall = timeHits(switchOn, calls); break;
+            case "virtual": perCall = hitsInVirtualThread(switchOn, calls); break;
+            case "as-virtual": perCall = hitsAsHighAsVirtual(switchOn, calls, hook); break;
+            default: throw new IllegalArgumentException(thread);
+        }
         long expected = (long) calls * (REPEATS + 1);
         long seen = agent.equals("floor") ? Floor.hits : agent.equals("jdwp") ? expected : hook.hits;
         if (!agent.equals("none") && seen != expected) {
@@ -219,6 +228,32 @@ public final class Target {
             throw new IllegalStateException("the virtual thread did not finish its hits");
         }
         return perCall[0];
+    }
+
+    /**
+     * The hits in the main thread with its stack raised to the height of a virtual thread's at the
+     * same place: the round trip walks the stack, and a virtual thread's has more frames of the
+     * JDK's own at its bottom. A few calibrating hits in either thread give the heights.
+     */
+    static double[] hitsAsHighAsVirtual(Runnable switchOn, int calls, CountingHook hook) throws Exception {
+        hitsInVirtualThread(switchOn, 1);
+        int virtualHeight = hook.frames;
+        raised(0, () -> timeHits(switchOn, 1));
+        int extra = virtualHeight - hook.frames;
+        if (extra < 0) {
+            throw new IllegalStateException("the virtual thread stands " + virtualHeight + " frames high, the main one "
+                    + hook.frames);
+        }
+        hook.hits = 0;
+        double[] perCall = raised(extra, () -> timeHits(switchOn, calls));
+        if (hook.frames != virtualHeight) {
+            throw new IllegalStateException("raised to " + hook.frames + " frames, not " + virtualHeight);
+        }
+        return perCall;
+    }
+
+    static double[] raised(int frames, Supplier<double[]> task) {
+        return frames == 0 ? task.get() : raised(frames - 1, task);
     }
 
     /** The floor agent's breakpoint; what switches its events on for the calling thread. */
