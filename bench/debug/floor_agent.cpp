@@ -1,14 +1,20 @@
 // The floors of the debugging path: the least an agent can do per event, in one of three modes
-// chosen by the agent option (-agentpath:libkv_bench_debug_floor.so=MODE).
+// chosen by the agent option (-agentpath:libkv_bench_debug_floor.so=MODE[,vthreads]), and two more
+// that handle no event at all and only show what merely loading an agent costs the VM. With
+// ",vthreads" the agent also holds can_support_virtual_threads, which a VM with virtual threads
+// asks of an agent that handles their events or looks at their stacks.
 //
-//   bare      (the default) the Breakpoint callback calls one cached static method, Floor.hit().
-//   contract  the Breakpoint callback does what the library's hook contract asks of every hit and
-//             nothing more: the thread's frame count, a new ThreadContext(thread, count) and the
-//             hook's breakpointHit(location, context), with a location object made once, and the
-//             exception checks JNI asks for around them.
-//   step      a breakpoint switches single stepping on for its thread; the SingleStep callback
-//             reads the frame's location, looks its line up in a table cached beforehand, and
-//             switches stepping off when the stepped method reaches another line.
+//   bare          (the default) the Breakpoint callback calls one cached static method, Floor.hit().
+//   contract      the Breakpoint callback does what the library's hook contract asks of every hit
+//                 and nothing more: the thread's frame count, a new ThreadContext(thread, count) and
+//                 the hook's breakpointHit(location, context), with a location object made once, and
+//                 the exception checks JNI asks for around them.
+//   step          a breakpoint switches single stepping on for its thread; the SingleStep callback
+//                 reads the frame's location, looks its line up in a table cached beforehand, and
+//                 switches stepping off when the stepped method reaches another line.
+//   env           a JVMTI environment, nothing more.
+//   capabilities  the capabilities the library settles on at load: it takes its debugging set and
+//                 gives it back, and keeps its basic set and virtual threads.
 //
 // The managed side is com.brantide.kelvane.bench.debug.Floor, whose natives set the breakpoint,
 // switch the event on for one thread and hand the agent what it caches. Every cache is filled
@@ -20,13 +26,16 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <string>
+#include <utility>
 #include <vector>
 
 namespace {
-enum class Mode { bare, contract, step };
+enum class Mode { bare, contract, step, env, capabilities };
 
 jvmtiEnv* g_jvmti = nullptr;
 Mode g_mode = Mode::bare;
+bool g_virtual_threads = false;
 
 // bare
 jclass g_floor = nullptr;
@@ -97,22 +106,80 @@ void JNICALL single_step(jvmtiEnv*, JNIEnv*, jthread thread, jmethodID, jlocatio
     }
 }
 
+// MODE, or MODE,vthreads.
 bool read_mode(const char* options) {
-    if (options == nullptr || *options == '\0' || std::strcmp(options, "bare") == 0) {
-        g_mode = Mode::bare;
-    } else if (std::strcmp(options, "contract") == 0) {
-        g_mode = Mode::contract;
-    } else if (std::strcmp(options, "step") == 0) {
-        g_mode = Mode::step;
-    } else {
-        return false;
+    std::string mode_name = options == nullptr || *options == '\0' ? "bare" : options;
+    size_t comma = mode_name.find(',');
+    if (comma != std::string::npos) {
+        if (mode_name.compare(comma + 1, std::string::npos, "vthreads") != 0) return false;
+        g_virtual_threads = true;
+        mode_name.resize(comma);
     }
-    return true;
+    const std::pair<const char*, Mode> modes[] = {{"bare", Mode::bare}, {"contract", Mode::contract}, {"step", Mode::step},
+                                                  {"env", Mode::env},   {"capabilities", Mode::capabilities}};
+    for (const auto& [name, mode] : modes) {
+        if (mode_name == name) {
+            g_mode = mode;
+            return true;
+        }
+    }
+    return false;
 }
+
+// can_support_virtual_threads, which the JDK 17 header this is built against leaves unnamed: bit 44
+// of the record, the one after can_generate_sampled_object_alloc_events.
+void add_virtual_thread_capability(jvmtiCapabilities* capabilities) {
+    constexpr unsigned bit = 44;
+    unsigned char bytes[sizeof *capabilities];
+    std::memcpy(bytes, capabilities, sizeof bytes);
+    bytes[bit / 8] = static_cast<unsigned char>(bytes[bit / 8] | 1u << (bit % 8));
+    std::memcpy(capabilities, bytes, sizeof bytes);
+}
+
+// The library's set for setActive(true), with exceptions and fast stepping on, as by default.
+jvmtiCapabilities library_debugging_capabilities() {
+    jvmtiCapabilities c{};
+    c.can_tag_objects = c.can_get_source_file_name = c.can_get_line_numbers = c.can_get_source_debug_extension = 1;
+    c.can_generate_field_modification_events = c.can_generate_field_access_events = 1;
+    c.can_get_current_contended_monitor = c.can_access_local_variables = c.can_get_bytecodes = 1;
+    c.can_generate_single_step_events = c.can_generate_breakpoint_events = c.can_suspend = 1;
+    c.can_get_owned_monitor_stack_depth_info = c.can_generate_exception_events = c.can_generate_frame_pop_events = 1;
+    return c;
+}
+
+// What the library holds after load: its basic set and virtual threads.
+jvmtiCapabilities library_kept_capabilities() {
+    jvmtiCapabilities c{};
+    c.can_tag_objects = c.can_get_source_file_name = c.can_get_line_numbers = c.can_get_source_debug_extension = 1;
+    c.can_generate_object_free_events = 1;
+    add_virtual_thread_capability(&c);
+    return c;
+}
+
+// The debugging set is taken while the VM offers its load-time capabilities and given back, as
+// the library does; what the VM switched on for it at load may stay on.
+bool settle_like_the_library() {
+    jvmtiCapabilities debugging = library_debugging_capabilities();
+    jvmtiCapabilities kept = library_kept_capabilities();
+    return g_jvmti->AddCapabilities(&debugging) == JVMTI_ERROR_NONE &&
+           g_jvmti->RelinquishCapabilities(&debugging) == JVMTI_ERROR_NONE &&
+           g_jvmti->AddCapabilities(&kept) == JVMTI_ERROR_NONE;
+}
+
+// The modes that handle no event: the capabilities they stand for, and no callback.
+bool settle_capabilities() {
+    if (g_mode == Mode::capabilities) return settle_like_the_library();
+    jvmtiCapabilities capabilities{};
+    if (g_virtual_threads) add_virtual_thread_capability(&capabilities);
+    return g_jvmti->AddCapabilities(&capabilities) == JVMTI_ERROR_NONE;
+}
+
+bool handles_events() { return g_mode == Mode::bare || g_mode == Mode::contract || g_mode == Mode::step; }
 
 bool install_callbacks() {
     jvmtiCapabilities capabilities{};
     capabilities.can_generate_breakpoint_events = 1;
+    if (g_virtual_threads) add_virtual_thread_capability(&capabilities);
     jvmtiEventCallbacks callbacks{};
     switch (g_mode) {
         case Mode::bare: callbacks.Breakpoint = bare_breakpoint; break;
@@ -123,6 +190,7 @@ bool install_callbacks() {
             callbacks.Breakpoint = step_breakpoint;
             callbacks.SingleStep = single_step;
             break;
+        default: return false;
     }
     return g_jvmti->AddCapabilities(&capabilities) == JVMTI_ERROR_NONE &&
            g_jvmti->SetEventCallbacks(&callbacks, sizeof(callbacks)) == JVMTI_ERROR_NONE;
@@ -150,7 +218,8 @@ extern "C" {
 JNIEXPORT jint JNICALL Agent_OnLoad(JavaVM* vm, char* options, void*) {
     if (!read_mode(options)) return JNI_ERR;
     if (vm->GetEnv(reinterpret_cast<void**>(&g_jvmti), JVMTI_VERSION_1_2) != JNI_OK) return JNI_ERR;
-    return install_callbacks() ? JNI_OK : JNI_ERR;
+    bool ready = handles_events() ? install_callbacks() : settle_capabilities();
+    return ready ? JNI_OK : JNI_ERR;
 }
 
 // Floor.setBreakpoint(Method, long): also caches Floor.hit()V for the bare callback.

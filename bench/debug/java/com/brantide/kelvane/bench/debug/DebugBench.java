@@ -4,6 +4,8 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.Arrays;
+import java.util.HashMap;
+import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Locale;
 import java.util.Map;
@@ -15,7 +17,9 @@ import java.util.Map;
  *
  * <p>Usage: {@code DebugBench LIBRARY FLOOR_AGENT CLASSPATH}, the class path being the one the
  * target JVMs get (the library's API jar and the benchmark jar). System properties for shorter
- * runs: {@code kv.bench.only} (some of breakpoint, step, singlestep, smap, stacks, comma-separated),
+ * runs: {@code kv.bench.only} (some of breakpoint, step, singlestep, smap, stacks, vthreads, comma-separated;
+ * vbreakpoint for the breakpoint round trip's library and contract floor alone, in a platform and a
+ * virtual thread),
  * {@code kv.bench.rounds} (JVMs per variant), {@code kv.bench.repeats} (timed repeats in each, passed
  * on to the target JVMs) and {@code kv.bench.depth.iterations} (the loop stepped in singlestep).
  */
@@ -31,6 +35,8 @@ public final class DebugBench {
     static final int STACK_HEIGHT = 200;
     /** JVMs per variant of the benchmarks that have a goal; fewer (-Dkv.bench.rounds=1) while developing. */
     static final int ROUNDS = Integer.getInteger("kv.bench.rounds", 3);
+    static final String BREAKPOINT_ROW = "1 breakpoint round trip";
+    static final String NO_VIRTUAL_THREADS = "not applicable: no virtual threads before JDK 21";
 
     private final List<String[]> rows = new ArrayList<>();
     private int missed;
@@ -49,14 +55,15 @@ public final class DebugBench {
                 loadAverage());
         System.out.println("Figures: the best of " + Target.REPEATS + " timed repeats after a warm-up (rates: of "
                 + Target.REPEATS + " windows of 0.1 s), in " + ROUNDS + " JVMs per variant (one for the scaled"
-                + " single-stepping row of 2), variants alternating.");
+                + " single-stepping row of 2), variants alternating; virtual-thread starts: the median of every"
+                + " timed round.");
         new DebugBench().run(library, args[1], classpath);
         System.out.println("load average at the end " + loadAverage());
     }
 
     private void run(List<String> library, String floorAgent, String classpath) throws Exception {
-        if (selected("breakpoint")) {
-            breakpoints(library, floorAgent, classpath);
+        if (selected("breakpoint") || selected("vbreakpoint")) {
+            breakpoints(library, floorAgent, classpath, selected("breakpoint"));
         }
         if (selected("step")) {
             steps(library, classpath);
@@ -69,6 +76,9 @@ public final class DebugBench {
         }
         if (selected("stacks")) {
             stacks(library, classpath);
+        }
+        if (selected("vthreads")) {
+            virtualThreadStarts(library, floorAgent, classpath);
         }
         print();
         System.out.println(missed == 0 ? "all goals met" : missed + " goal(s) MISSED");
@@ -101,26 +111,82 @@ public final class DebugBench {
         return with;
     }
 
-    /** 1. The breakpoint round trip against the hook contract's floor, the bare up-call and JDWP. */
-    private void breakpoints(List<String> library, String floorAgent, String classpath) throws Exception {
-        List<List<Map<String, String>>> bps = alternate(
-                () -> Child.run(library, classpath, "breakpoint", "library"),
-                () -> Child.run(floor(floorAgent, "contract"), classpath, "breakpoint", "contract"),
-                () -> Child.run(floor(floorAgent, "bare"), classpath, "breakpoint", "floor"),
-                () -> Jdi.breakpoint(classpath),
-                () -> Child.run(List.of(), classpath, "breakpoint", "none"));
-        double lib = best(bps.get(0), "breakpoint.ns");
-        double contract = best(bps.get(1), "breakpoint.ns");
-        double bare = best(bps.get(2), "breakpoint.ns");
-        double jdwp = best(bps.get(3), "breakpoint.ns");
-        double none = best(bps.get(4), "breakpoint.ns");
-        String bp = "1 breakpoint round trip";
+    /**
+     * 1. The breakpoint round trip against the hook contract's floor, the bare up-call and JDWP; on a
+     * VM with virtual threads, the library and the contract floor in a virtual thread too. Without
+     * the peers (-Dkv.bench.only=vbreakpoint), the library and the contract floor alone.
+     */
+    private void breakpoints(List<String> library, String floorAgent, String classpath, boolean peers) throws Exception {
+        Map<String, Variant> variants = new LinkedHashMap<>();
+        variants.put("library", () -> Child.run(library, classpath, "breakpoint", "library"));
+        variants.put("contract", () -> Child.run(floor(floorAgent, "contract"), classpath, "breakpoint", "contract"));
+        if (VirtualThreads.available()) {
+            variants.put("library virtual", () -> Child.run(library, classpath, "breakpoint", "library", "virtual"));
+            variants.put("library as virtual",
+                    () -> Child.run(library, classpath, "breakpoint", "library", "as-virtual"));
+            variants.put("contract virtual", () -> Child.run(floor(floorAgent, "contract,vthreads"), classpath,
+                    "breakpoint", "contract", "virtual"));
+        }
+        if (peers) {
+            variants.put("bare", () -> Child.run(floor(floorAgent, "bare"), classpath, "breakpoint", "floor"));
+            variants.put("jdwp", () -> Jdi.breakpoint(classpath));
+            variants.put("none", () -> Child.run(List.of(), classpath, "breakpoint", "none"));
+        }
+        Map<String, List<Map<String, String>>> bps = alternate(variants);
+        double lib = best(bps.get("library"), "breakpoint.ns");
+        double contract = best(bps.get("contract"), "breakpoint.ns");
+        String bp = BREAKPOINT_ROW;
         row(bp, "library", nanos(lib) + "/hit", goal("library/contract floor", lib / contract, "<=", 1.15), "");
-        row(bp, "contract floor", nanos(contract) + "/hit", ratio("contract/bare floor", contract / bare),
-                "frame count, new ThreadContext, breakpointHit");
+        virtualThreadRow("library", bps, true);
+        asHighRow(bps);
+        String bare = peers ? ratio("contract/bare floor", contract / best(bps.get("bare"), "breakpoint.ns")) : "";
+        row(bp, "contract floor", nanos(contract) + "/hit", bare, "frame count, new ThreadContext, breakpointHit");
+        virtualThreadRow("contract", bps, false);
+        if (peers) {
+            peerRows(lib, bps);
+        }
+    }
+
+    /** The library's round trip in the platform thread raised to the virtual thread's height. */
+    private void asHighRow(Map<String, List<Map<String, String>>> bps) {
+        if (!VirtualThreads.available()) {
+            return;
+        }
+        double virtual = best(bps.get("library virtual"), "breakpoint.ns");
+        double asHigh = best(bps.get("library as virtual"), "breakpoint.ns");
+        row(BREAKPOINT_ROW, "library, platform as high", nanos(asHigh) + "/hit", ratio("virtual/this", virtual / asHigh),
+                "the platform thread raised to " + text(bps.get("library as virtual").get(0), "breakpoint.frames")
+                        + " frames");
+    }
+
+    /** Row 1's figures of the bare floor, JDWP and no agent. */
+    private void peerRows(double lib, Map<String, List<Map<String, String>>> bps) {
+        String bp = BREAKPOINT_ROW;
+        double bare = best(bps.get("bare"), "breakpoint.ns");
+        double jdwp = best(bps.get("jdwp"), "breakpoint.ns");
+        double none = best(bps.get("none"), "breakpoint.ns");
         row(bp, "bare floor (up-call only)", nanos(bare) + "/hit", ratio("library/bare floor", lib / bare), "");
         row(bp, "JDWP + JDI", nanos(jdwp) + "/hit", goal("JDWP/library", jdwp / lib, ">=", 100), "");
         row(bp, "no agent", nanos(none) + "/call", ratio("library/no agent", lib / none), "");
+    }
+
+    /**
+     * An agent's round trip in a virtual thread against its own in the platform thread. The round
+     * trip walks the stack for the context's frame count, so the note gives both heights.
+     */
+    private void virtualThreadRow(String agent, Map<String, List<Map<String, String>>> bps, boolean hasGoal) {
+        String variant = agent + ", virtual thread";
+        if (!VirtualThreads.available()) {
+            row(BREAKPOINT_ROW, variant, "", "", NO_VIRTUAL_THREADS);
+            return;
+        }
+        List<Map<String, String>> virtualRuns = bps.get(agent + " virtual");
+        List<Map<String, String>> platformRuns = bps.get(agent);
+        double ratio = best(virtualRuns, "breakpoint.ns") / best(platformRuns, "breakpoint.ns");
+        row(BREAKPOINT_ROW, variant, nanos(best(virtualRuns, "breakpoint.ns")) + "/hit",
+                hasGoal ? goal("virtual/platform", ratio, "<=", 1.1) : ratio("virtual/platform", ratio),
+                String.format(Locale.ROOT, "stack %s frames high, %s in the platform thread",
+                        text(virtualRuns.get(0), "breakpoint.frames"), text(platformRuns.get(0), "breakpoint.frames")));
     }
 
     /**
@@ -267,6 +333,57 @@ public final class DebugBench {
                 jdiFirst.get("stacks.jdi.variables"), number(jdiFirst, "stacks.jdi.first.ms")));
     }
 
+    /**
+     * 6. Starting and joining 10^6 trivial virtual threads, in batches of 10^4: the library switched
+     * on, with and without a thread hook, against no agent; and, to tell what any agent costs the VM
+     * from what the library adds, the floor agent's load-only modes. The figure is the wall time;
+     * the note gives the CPU time, which a busy machine disturbs less.
+     */
+    private void virtualThreadStarts(List<String> library, String floorAgent, String classpath) throws Exception {
+        String vt = "6 start+join 10^6 virtual threads";
+        if (!VirtualThreads.available()) {
+            row(vt, "every variant", "", "", NO_VIRTUAL_THREADS);
+            return;
+        }
+        Map<String, Variant> variants = new LinkedHashMap<>();
+        variants.put("no agent", () -> Child.run(List.of(), classpath, "vthreads", "none"));
+        variants.put("library, switched on", () -> Child.run(library, classpath, "vthreads", "library"));
+        variants.put("library + thread hook", () -> Child.run(library, classpath, "vthreads", "hook"));
+        variants.put("floor: JVMTI env only", () -> Child.run(floor(floorAgent, "env"), classpath, "vthreads", "none"));
+        variants.put("floor: + virtual threads",
+                () -> Child.run(floor(floorAgent, "env,vthreads"), classpath, "vthreads", "none"));
+        variants.put("floor: capabilities",
+                () -> Child.run(floor(floorAgent, "capabilities"), classpath, "vthreads", "none"));
+        Map<String, List<Map<String, String>>> runs = alternate(variants);
+        double none = medianRound(runs.get("no agent"), "vthreads.ms");
+        double noneCpu = medianRound(runs.get("no agent"), "vthreads.cpu.ms");
+        double lib = medianRound(runs.get("library, switched on"), "vthreads.ms");
+        Map<String, String> notes = Map.of("no agent", "",
+                "library, switched on", ratio("no thread hook; library/env floor",
+                        lib / medianRound(runs.get("floor: JVMTI env only"), "vthreads.ms")),
+                "library + thread hook", "a no-op hook: virtual-thread start and end events on",
+                "floor: JVMTI env only", "the agent obtains a JVMTI env, nothing more",
+                "floor: + virtual threads", "and can_support_virtual_threads",
+                "floor: capabilities", "the library's at load: debugging set taken and given back");
+        for (String variant : variants.keySet()) {
+            double wall = medianRound(runs.get(variant), "vthreads.ms");
+            double cpu = medianRound(runs.get(variant), "vthreads.cpu.ms");
+            String ratio = variant.equals("no agent") ? ""
+                    : variant.equals("library, switched on") ? goal("library/no agent", wall / none, "<=", 1.25)
+                    : ratio("vs no agent", wall / none);
+            row(vt, variant, millis(wall), ratio, String.format(Locale.ROOT, "CPU %.0f ms (%.2fx)%s%s", cpu,
+                    cpu / noneCpu, notes.get(variant).isEmpty() ? "" : "; ", notes.get(variant)));
+        }
+    }
+
+    /** The median of a variant's timed rounds, every round of every JVM. */
+    private static double medianRound(List<Map<String, String>> runs, String name) {
+        double[] rounds = runs.stream().flatMap(r -> Arrays.stream(text(r, name).split(",")))
+                .mapToDouble(Double::parseDouble).sorted().toArray();
+        int half = rounds.length / 2;
+        return rounds.length % 2 == 1 ? rounds[half] : (rounds[half - 1] + rounds[half]) / 2;
+    }
+
     /** The arguments with one replaced. */
     private static String[] with(String[] args, int index, String value) {
         String[] copy = args.clone();
@@ -294,6 +411,17 @@ public final class DebugBench {
             }
         }
         return results;
+    }
+
+    /** {@link #alternate(Variant...)} for variants by name; their results by the same names. */
+    private static Map<String, List<Map<String, String>>> alternate(Map<String, Variant> variants) throws Exception {
+        List<List<Map<String, String>>> runs = alternate(variants.values().toArray(new Variant[0]));
+        Map<String, List<Map<String, String>>> named = new HashMap<>();
+        int v = 0;
+        for (String name : variants.keySet()) {
+            named.put(name, runs.get(v++));
+        }
+        return named;
     }
 
     /** The best (lowest) figure of a variant's runs. */
@@ -339,11 +467,15 @@ public final class DebugBench {
     }
 
     private static double number(Map<String, String> results, String name) {
+        return Double.parseDouble(text(results, name));
+    }
+
+    private static String text(Map<String, String> results, String name) {
         String value = results.get(name);
         if (value == null) {
             throw new IllegalStateException("no result " + name + " in " + results);
         }
-        return Double.parseDouble(value);
+        return value;
     }
 
     private static String nanos(double ns) {

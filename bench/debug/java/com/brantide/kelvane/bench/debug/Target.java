@@ -21,6 +21,7 @@ import java.util.Arrays;
 import java.util.List;
 import java.util.TreeMap;
 import java.util.function.LongSupplier;
+import java.util.function.Supplier;
 
 /**
  * The debugged program, one benchmark per JVM. It reports its figures as "RESULT name value" lines
@@ -28,7 +29,11 @@ import java.util.function.LongSupplier;
  * debugger sets itself up.
  *
  * <pre>
- * Target breakpoint none|library|floor|contract|jdwp   the breakpoint round trip, ns per hit
+ * Target breakpoint none|library|floor|contract|jdwp [main|virtual|as-virtual]
+ *                                                      the breakpoint round trip, ns per hit, hit in
+ *                                                      the main thread, a virtual thread, or the main
+ *                                                      thread as high as the virtual one (library and
+ *                                                      contract only)
  * Target step none|library|jdwp ITERATIONS [KINDS]     step over a line whose call loops ITERATIONS times,
  *                                                      and out of that call (the call alone under none);
  *                                                      KINDS: over,out by default (StepTimes)
@@ -36,6 +41,10 @@ import java.util.function.LongSupplier;
  *                                                      single-step event, with the callee DEPTH frames high
  * Target smap CLASS_DIR                                stepping through the generated 2,000-line method
  * Target stacks library|jdwp HEIGHT                    listing a stack of HEIGHT frames and its locals
+ * Target vthreads none|library|hook                    starting and joining 10^6 trivial virtual threads,
+ *                                                      ms per round; library: switched on, hook: with a
+ *                                                      thread hook too; none under a floor agent's
+ *                                                      load-only modes too
  * </pre>
  *
  * <p>The floor agent's mode goes with it: {@code floor} runs under the bare mode, {@code contract}
@@ -52,11 +61,12 @@ public final class Target {
 
     public static void main(String[] args) throws Exception {
         switch (args[0]) {
-            case "breakpoint": breakpoint(args[1]); break;
+            case "breakpoint": breakpoint(args[1], args.length > 2 ? args[2] : "main"); break;
             case "step": step(args[1], Integer.parseInt(args[2]), stepKinds(args)); break;
             case "singlestep": singleStep(args[1], Integer.parseInt(args[2]), Integer.parseInt(args[3])); break;
             case "smap": smap(Path.of(args[1])); break;
             case "stacks": stacks(args[1], Integer.parseInt(args[2])); break;
+            case "vthreads": VirtualThreads.startAndJoin(args[1]); break;
             default: throw new IllegalArgumentException(args[0]);
         }
     }
@@ -74,17 +84,27 @@ public final class Target {
         }
     }
 
+    /** The library switched on, with breakpoint events for the current thread. */
     static JvmtiApi library() {
+        JvmtiApi api = switchedOn();
+        enableBreakpoints(api);
+        return api;
+    }
+
+    static JvmtiApi switchedOn() {
         JvmtiApi api = new JvmtiApi();
         api.registerClasses();
         if (!api.setActive(true)) {
             throw new IllegalStateException("the library did not switch on");
         }
         api.setMaxStepDuration(3600);
+        return api;
+    }
+
+    static void enableBreakpoints(JvmtiApi api) {
         if (!api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, true)) {
             throw new IllegalStateException("breakpoint events not switched on");
         }
-        return api;
     }
 
     static Method method(Class<?> clazz, String name) {
@@ -125,35 +145,45 @@ public final class Target {
     /** The hook of the round trip, for the library and the contract floor alike. */
     static final class CountingHook implements BreakpointHook {
         long hits;
+        /** The stack height at the breakpoint, which the round trip walks for the context. */
+        int frames;
 
         @Override
         public int breakpointHit(BreakpointLocation location, ThreadContext context) {
             hits++;
+            frames = context.getFrameCount();
             return StepType.CONTINUE;
         }
     }
 
-    static void breakpoint(String agent) throws Exception {
+    /**
+     * The round trip in the main thread or in a virtual thread; either switches breakpoint events
+     * on for itself, where the agent has them per thread.
+     */
+    static void breakpoint(String agent, String thread) throws Exception {
         int calls = 20_000;
         CountingHook hook = new CountingHook();
         BreakpointLocation hot = BreakpointLocation.forMethod(method(Target.class, "hot"), 0);
+        Runnable switchOn = () -> {
+        };
         switch (agent) {
             case "none":
                 calls = 10_000_000;
                 break;
             case "library":
-                JvmtiApi api = library();
+                JvmtiApi api = switchedOn();
                 api.registerBreakpointHook(hook);
                 api.setBreakpoint(hot);
+                switchOn = () -> enableBreakpoints(api);
                 break;
             case "floor":
-                floorBreakpoint(hot);
+                switchOn = floorBreakpoint(hot);
                 break;
             case "contract":
                 if (!Floor.setContractHook(hook, hot, ThreadContext.class)) {
                     throw new IllegalStateException("floor agent refused the hook");
                 }
-                floorBreakpoint(hot);
+                switchOn = floorBreakpoint(hot);
                 break;
             case "jdwp":
                 calls = 500;
@@ -162,10 +192,12 @@ public final class Target {
             default:
                 throw new IllegalArgumentException(agent);
         }
-        nanosPerCall(calls); // warm-up
-        double[] perCall = new double[REPEATS];
-        for (int i = 0; i < REPEATS; i++) {
-            perCall[i] = nanosPerCall(calls);
+        double[] perCall;
+        switch (thread) {
+            case "main": perCall = timeHits(switchOn, calls); break;
+            case "virtual": perCall = hitsInVirtualThread(switchOn, calls); break;
+            case "as-virtual": perCall = hitsAsHighAsVirtual(switchOn, calls, hook); break;
+            default: throw new IllegalArgumentException(thread);
         }
         long expected = (long) calls * (REPEATS + 1);
         long seen = agent.equals("floor") ? Floor.hits : agent.equals("jdwp") ? expected : hook.hits;
@@ -174,13 +206,66 @@ public final class Target {
         }
         result("breakpoint.ns", best(perCall));
         result("breakpoint.hits", expected);
+        result("breakpoint.frames", hook.frames);
     }
 
-    static void floorBreakpoint(BreakpointLocation location) {
-        if (!Floor.setBreakpoint((Method) location.getMember(), location.getLocation())
-                || !Floor.enableBreakpoints(Thread.currentThread())) {
+    /** Breakpoint events switched on, a warm-up and the timed repeats: ns per call of each repeat. */
+    static double[] timeHits(Runnable switchOn, int calls) {
+        switchOn.run();
+        nanosPerCall(calls);
+        double[] perCall = new double[REPEATS];
+        for (int i = 0; i < REPEATS; i++) {
+            perCall[i] = nanosPerCall(calls);
+        }
+        return perCall;
+    }
+
+    static double[] hitsInVirtualThread(Runnable switchOn, int calls) throws Exception {
+        double[][] perCall = {null};
+        Thread thread = VirtualThreads.start(() -> perCall[0] = timeHits(switchOn, calls));
+        thread.join();
+        if (perCall[0] == null) {
+            throw new IllegalStateException("the virtual thread did not finish its hits");
+        }
+        return perCall[0];
+    }
+
+    /**
+     * The hits in the main thread with its stack raised to the height of a virtual thread's at the
+     * same place: the round trip walks the stack, and a virtual thread's has more frames of the
+     * JDK's own at its bottom. A few calibrating hits in either thread give the heights.
+     */
+    static double[] hitsAsHighAsVirtual(Runnable switchOn, int calls, CountingHook hook) throws Exception {
+        hitsInVirtualThread(switchOn, 1);
+        int virtualHeight = hook.frames;
+        raised(0, () -> timeHits(switchOn, 1));
+        int extra = virtualHeight - hook.frames;
+        if (extra < 0) {
+            throw new IllegalStateException("the virtual thread stands " + virtualHeight + " frames high, the main one "
+                    + hook.frames);
+        }
+        hook.hits = 0;
+        double[] perCall = raised(extra, () -> timeHits(switchOn, calls));
+        if (hook.frames != virtualHeight) {
+            throw new IllegalStateException("raised to " + hook.frames + " frames, not " + virtualHeight);
+        }
+        return perCall;
+    }
+
+    static double[] raised(int frames, Supplier<double[]> task) {
+        return frames == 0 ? task.get() : raised(frames - 1, task);
+    }
+
+    /** The floor agent's breakpoint; what switches its events on for the calling thread. */
+    static Runnable floorBreakpoint(BreakpointLocation location) {
+        if (!Floor.setBreakpoint((Method) location.getMember(), location.getLocation())) {
             throw new IllegalStateException("floor agent refused the breakpoint");
         }
+        return () -> {
+            if (!Floor.enableBreakpoints(Thread.currentThread())) {
+                throw new IllegalStateException("floor agent refused to switch breakpoints on");
+            }
+        };
     }
 
     // ---- 2. step over and out of a long call
