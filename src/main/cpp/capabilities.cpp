@@ -2,6 +2,8 @@
 
 #include "virtual_threads.h"
 
+#include <cstring>
+
 #define KV_CAPABILITY_FIELD_LIST(X)                                                                           \
     X(can_tag_objects) X(can_generate_field_modification_events) X(can_generate_field_access_events)          \
     X(can_get_bytecodes) X(can_get_synthetic_attribute) X(can_get_owned_monitor_info)                         \
@@ -51,6 +53,28 @@ jvmtiCapabilities debugging_capabilities(bool exceptions_enabled, bool stepping_
     caps.can_generate_exception_events = exceptions_enabled ? 1 : 0;
     caps.can_generate_frame_pop_events = stepping_enabled ? 1 : 0;
     return caps;
+}
+
+const char* const INSPECTION_ONLY_MODE =
+    "inspection only (kv.jvmti.inspection.only or attached to a running VM): no debugging capability";
+
+jvmtiCapabilities inspection_capabilities() {
+    jvmtiCapabilities caps = basic_capabilities();
+    caps.can_suspend = 1;
+    caps.can_get_current_contended_monitor = 1;
+    caps.can_get_owned_monitor_stack_depth_info = 1;
+    return caps;
+}
+
+jvmtiCapabilities capabilities_in_both(const jvmtiCapabilities& a, const jvmtiCapabilities& b) {
+    unsigned char left[sizeof a];
+    unsigned char right[sizeof b];
+    std::memcpy(left, &a, sizeof a);
+    std::memcpy(right, &b, sizeof b);
+    for (size_t k = 0; k < sizeof left; k++) left[k] &= right[k];
+    jvmtiCapabilities both{};
+    std::memcpy(&both, left, sizeof both);
+    return both;
 }
 
 jvmtiCapabilities without_basic(jvmtiCapabilities caps) {

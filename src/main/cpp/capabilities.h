@@ -18,6 +18,16 @@ extern const CapabilityField CAPABILITY_FIELDS[CAPABILITY_FIELD_COUNT];
 jvmtiCapabilities basic_capabilities();
 // Held while the agent is active; exception and frame-pop events only when configured.
 jvmtiCapabilities debugging_capabilities(bool exceptions_enabled, bool stepping_enabled);
+// Held while the agent is active in inspection-only mode: the capabilities that leave the VM's
+// compiled code as it is (tagging, suspension, monitors, lines and source names).
+jvmtiCapabilities inspection_capabilities();
+// The capabilities held in both sets.
+jvmtiCapabilities capabilities_in_both(const jvmtiCapabilities& a, const jvmtiCapabilities& b);
+
+// The line that names inspection-only mode, in the start-up lines, the capability dumps and every
+// refusal of a debugging feature.
+extern const char* const INSPECTION_ONLY_MODE;
+
 // The given set less the basic set and virtual-thread support: what setActive(false) and start-up
 // give back.
 jvmtiCapabilities without_basic(jvmtiCapabilities caps);

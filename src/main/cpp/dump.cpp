@@ -19,6 +19,7 @@ void dump_capability_block() {
     log("Capabilities");
     for (const CapabilityField& field : CAPABILITY_FIELDS) log("\t%s=%d", field.name, field.held(held) ? 1 : 0);
     if (has_virtual_thread_capability(held)) log("\tcan_support_virtual_threads=1");
+    if (g_inspection_only) log("\t%s", INSPECTION_ONLY_MODE);
     log("%s", "");
 }
 

@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "capabilities.h"
 #include "event_mask.h"
 #include "exception.h"
 #include "global.h"
@@ -77,6 +78,10 @@ bool accepted(jvmtiError error, jint event, jthread thread) {
     // worth an error line each.
     if (error == JVMTI_ERROR_THREAD_NOT_ALIVE || error == JVMTI_ERROR_WRONG_PHASE) {
         LOG_DEBUG("Failed to set event for thread %s(%d)", get_error_message(error).c_str(), error);
+        return false;
+    }
+    if (error == JVMTI_ERROR_MUST_POSSESS_CAPABILITY && g_inspection_only) {
+        LOG_WARN("%s", INSPECTION_ONLY_MODE);
         return false;
     }
     if (error != JVMTI_ERROR_NONE) {

@@ -1,5 +1,6 @@
 #include "exception.h"
 
+#include "capabilities.h"
 #include "global.h"
 #include "log.h"
 #include "lookup.h"
@@ -84,6 +85,7 @@ jint throw_exception(JNIEnv* env, const char* className, const char* format, ...
 }
 
 void throw_jvmti_exception(JNIEnv* env, jvmtiError error) {
+    if (error == JVMTI_ERROR_MUST_POSSESS_CAPABILITY && g_inspection_only) LOG_WARN("%s", INSPECTION_ONLY_MODE);
     std::string name = get_error_message(error);
     const char* registered =
         error == JVMTI_ERROR_MUST_POSSESS_CAPABILITY ? "JVMTICapabilityException" : "JVMTIException";

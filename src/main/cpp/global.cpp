@@ -8,6 +8,7 @@ std::atomic<bool> g_vm_alive{false};
 bool g_stepping_enabled = true;
 bool g_compiled_stepping = false;
 bool g_virtual_threads = false;
+bool g_inspection_only = false;
 bool g_exceptions_enabled = true;
 std::atomic<jint> MAX_STEP{DEFAULT_MAX_STEP};
 long g_heap_walk_max_mb = 64;

@@ -26,6 +26,9 @@ extern bool g_stepping_enabled;
 extern bool g_compiled_stepping;
 // The VM has virtual threads and the agent holds can_support_virtual_threads (from load on).
 extern bool g_virtual_threads;
+// Loaded for inspection only (by the property, or attached to a running VM): no debugging
+// capability is ever taken, so the VM compiles as it would without the agent.
+extern bool g_inspection_only;
 extern bool g_exceptions_enabled;
 // The longest duration of a step, in seconds; changed at run time by setMaxStepDuration.
 extern std::atomic<jint> MAX_STEP;

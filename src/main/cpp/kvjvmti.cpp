@@ -104,12 +104,18 @@ void read_configuration() {
     g_stepping_enabled = parse_switch(SystemProperty("kv.jvmti.enable.fast.stepping").get(), coldfusion);
     g_compiled_stepping =
         g_stepping_enabled && parse_switch(SystemProperty("kv.jvmti.enable.compiled.stepping").get(), true);
+    g_inspection_only = g_inspection_only || parse_switch(SystemProperty("kv.jvmti.inspection.only").get(), true);
     read_heap_walk_ceiling();
 }
 
-// Acquiring the debugging set once at load, while the VM still offers its load-time-only
-// capabilities, keeps them available to setActive(true) later; giving them back at once keeps
-// the VM at full speed while nobody debugs.
+// What of the set the VM can still give: in a VM the agent was attached to, the load-time-only
+// capabilities are gone, and asking for any of them would fail the whole request.
+jvmtiCapabilities available(const jvmtiCapabilities& wanted) {
+    jvmtiCapabilities potential{};
+    if (g_jvmti->GetPotentialCapabilities(&potential) != JVMTI_ERROR_NONE) return wanted;
+    return capabilities_in_both(wanted, potential);
+}
+
 // Virtual threads are seen as such only by an agent that holds their capability from load on.
 void add_virtual_thread_support() {
     jvmtiCapabilities potential{};
@@ -122,8 +128,11 @@ void add_virtual_thread_support() {
     g_virtual_threads = g_jvmti->AddCapabilities(&wanted) == JVMTI_ERROR_NONE;
 }
 
+// Acquiring the debugging set (the inspection set, for inspection only) once at load, while the VM
+// still offers its load-time-only capabilities, keeps them available to setActive(true) later;
+// giving them back at once keeps the VM at full speed while nobody debugs.
 void settle_capabilities() {
-    jvmtiCapabilities basic = basic_capabilities();
+    jvmtiCapabilities basic = available(basic_capabilities());
     g_jvmti->AddCapabilities(&basic);
     add_virtual_thread_support();
     if (!add_upd_capabilities()) {
@@ -213,7 +222,9 @@ void register_callbacks() {
 }
 
 bool add_upd_capabilities() {
-    jvmtiCapabilities wanted = debugging_capabilities(g_exceptions_enabled || g_compiled_stepping, g_stepping_enabled);
+    jvmtiCapabilities wanted = g_inspection_only
+                                   ? available(inspection_capabilities())
+                                   : debugging_capabilities(g_exceptions_enabled || g_compiled_stepping, g_stepping_enabled);
     if (g_jvmti->AddCapabilities(&wanted) != JVMTI_ERROR_NONE) return false;
     jvmtiCapabilities held{};
     if (g_jvmti->GetCapabilities(&held) != JVMTI_ERROR_NONE) return false;
@@ -232,20 +243,23 @@ void dump_capabilities() {
     if (g_jvmti_version >= JVMTI_VERSION_WITH_VIRTUAL_THREADS) {
         LOG_DEBUG("\tcan_support_virtual_threads=%d", has_virtual_thread_capability(held) ? 1 : 0);
     }
+    if (g_inspection_only) LOG_DEBUG("\t%s", INSPECTION_ONLY_MODE);
 }
 
-extern "C" JNIEXPORT jint JNICALL Agent_OnLoad(JavaVM* vm, char* options, void* /*reserved*/) {
-    log("%s", version_banner());
+namespace {
+// Start-up, at load or at attach; false when the VM gives no JVMTI environment.
+bool start_agent(JavaVM* vm, const char* options) {
     g_vm = vm;
     if (vm->GetEnv(reinterpret_cast<void**>(&g_jvmti), JVMTI_VERSION_1_0) != JNI_OK) {
         g_jvmti = nullptr;
         g_active = false;
-        return 0;
+        return false;
     }
     g_vm_alive = true;
     if (g_jvmti->GetVersionNumber(&g_jvmti_version) != JVMTI_ERROR_NONE) g_jvmti_version = 0;
     read_configuration();
     LOG_DEBUG("agentargs = %s", options);
+    LOG_DEBUG("mode = %s", g_inspection_only ? INSPECTION_ONLY_MODE : "debugging");
     PAUSE_LOCK = new JavaLock("SuspendPauseLock");
     TAG_LOCK = new JavaLock("TagLock");
     settle_capabilities();
@@ -253,7 +267,26 @@ extern "C" JNIEXPORT jint JNICALL Agent_OnLoad(JavaVM* vm, char* options, void* 
     enable_default_events();
     atexit(forget_references_at_exit);
     g_active = false;
+    return true;
+}
+}  // namespace
+
+extern "C" JNIEXPORT jint JNICALL Agent_OnLoad(JavaVM* vm, char* options, void* /*reserved*/) {
+    log("%s", version_banner());
+    start_agent(vm, options);
     return 0;
+}
+
+// Loaded into a running VM (jcmd <pid> JVMTI.agent_load): the debugging capabilities can only be
+// had at load, so the agent inspects only. A VM that has the agent already keeps it as it is.
+extern "C" JNIEXPORT jint JNICALL Agent_OnAttach(JavaVM* vm, char* options, void* /*reserved*/) {
+    if (g_jvmti != nullptr) {
+        log("Kelvane JVMTI: already loaded in this VM; attach refused, nothing changed");
+        return JNI_ERR;
+    }
+    log("%s", version_banner());
+    g_inspection_only = true;
+    return start_agent(vm, options) ? JNI_OK : JNI_ERR;
 }
 
 extern "C" JNIEXPORT void JNICALL Agent_OnUnload(JavaVM* /*vm*/) {

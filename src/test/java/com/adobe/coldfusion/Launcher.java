@@ -7,7 +7,7 @@ public final class Launcher {
     private Launcher() {
     }
 
-    public static void main(String[] args) {
+    public static void main(String[] args) throws Exception {
         StartupMain.main(args);
     }
 }

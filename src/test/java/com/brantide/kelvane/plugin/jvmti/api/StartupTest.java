@@ -22,15 +22,6 @@ class StartupTest {
             "^Kelvane JVMTI Revision: (\\S+) Build: \\d+\\.[0-9a-f]{40}\\.\\1 Date: [A-Z][a-z]{2} \\d{2} \\d{4} \\d{2}:\\d{2}:\\d{2}$";
 
     @Test
-    void bannerComesFirstAndTheVmRunsNormally() throws Exception {
-        Result result = ChildJvm.main(StartupMain.class).run().assertClean();
-        String banner = result.stderrLines().get(0);
-        assertTrue(banner.matches(BANNER), banner);
-        assertEquals(List.of(), result.agentMessages(), "the default level writes no DEBUG lines");
-        assertTrue(result.stdout.contains("active=false"));
-    }
-
-    @Test
     void debugLevelLogsStartUpInOrder() throws Exception {
         Result result = ChildJvm.main(StartupMain.class).logLevel(4).agentOptions("hello").run().assertClean();
         List<String> lines = result.stderrLines();
@@ -45,13 +36,15 @@ class StartupTest {
             startup.add(parsed);
         }
         List<String> messages = startup.stream().map(l -> l.message).collect(Collectors.toList());
-        assertEquals("agentargs = hello", messages.get(0));
-        assertEquals("Capabilities", messages.get(1));
-        assertEquals("\tcan_tag_objects=1", messages.get(2));
-        assertEquals("\tcan_generate_resource_exhaustion_threads_events=0", messages.get(42));
+        assertEquals(List.of("agentargs = hello", "mode = debugging", "Capabilities", "\tcan_tag_objects=1"),
+                messages.subList(0, 4));
+        assertEquals("\tcan_generate_resource_exhaustion_threads_events=0", messages.get(43));
+        // A VM with virtual threads shows their capability after the record's named fields.
+        boolean virtual = Runtime.version().feature() >= 21;
+        assertEquals(virtual, messages.get(44).equals("\tcan_support_virtual_threads=1"));
         int callbacks = messages.indexOf("Event Callbacks");
         int events = messages.indexOf("Default Global Events");
-        assertTrue(callbacks == 43 && events > callbacks, messages.toString());
+        assertTrue(callbacks == (virtual ? 45 : 44) && events > callbacks, messages.toString());
         assertTrue(messages.subList(callbacks + 1, events).stream().allMatch(m -> m.matches("\t[A-Za-z]+ registered")));
         assertEquals(List.of("\tClassPrepare - events enabled", "\tClassFileLoadHook - events enabled",
                 "\tThreadStart - events enabled", "\tThreadEnd - events enabled",
@@ -105,11 +98,41 @@ class StartupTest {
     }
 
     @Test
-    void levelsFilterByThreshold() throws Exception {
+    void levelsFilterByThresholdAfterTheBanner() throws Exception {
         Result fine = ChildJvm.main(StartupMain.class, "on").logLevel(5).run().assertClean();
         assertTrue(fine.agentMessages().contains("DEBUG agentargs = (null)"));
-        Result warn = ChildJvm.main(StartupMain.class, "on").logLevel(3).run().assertClean();
-        assertFalse(warn.agentMessages().stream().anyMatch(m -> m.startsWith("DEBUG")));
+        Result byDefault = ChildJvm.main(StartupMain.class, "on").run().assertClean();
+        assertTrue(byDefault.stderrLines().get(0).matches(BANNER), byDefault.stderrLines().get(0));
+        assertEquals(List.of(), byDefault.agentMessages(), "the default level writes no DEBUG lines");
+        assertTrue(byDefault.stdout.contains("active=false"));
+    }
+
+    @ParameterizedTest
+    @CsvSource({"at load by its property", "attached with jcmd"})
+    void inspectionOnlyInspectsAndRefusesToDebug(String how) throws Exception {
+        boolean attach = how.startsWith("attached");
+        ChildJvm child = ChildJvm.main(StartupMain.class, "inspect", attach ? "attached" : "loaded").logLevel(4);
+        Result result;
+        try (ChildJvm.Running running = (attach ? child.withoutAgent() : child.property("kv.jvmti.inspection.only", "true"))
+                .start()) {
+            if (attach) {
+                running.awaitStdout("READY", 60);
+                String agent = System.getProperty("kv.test.agent");
+                running.jcmd("JVMTI.agent_load", agent);
+                running.jcmd("JVMTI.agent_load", agent);  // refused: the agent is there already
+                running.closeStdin();
+            }
+            result = running.await(60);
+        }
+        assertEquals(List.of("active=true", "histogram=3 gcRoots=3 suspendedDepth>0=true source=StartupMain.java",
+                "breakpoint=JVMTICapabilityException locals=JVMTICapabilityException switch=false"),
+                result.stdoutLines().subList(attach ? 1 : 0, result.stdoutLines().size()));
+        List<String> messages = result.agentMessages();
+        String mode = "inspection only (kv.jvmti.inspection.only or attached to a running VM): no debugging capability";
+        assertTrue(messages.containsAll(List.of("DEBUG mode = " + mode, "DEBUG \t" + mode, "WARN " + mode,
+                "DEBUG \tcan_tag_objects=1", "DEBUG \tcan_suspend=1", "DEBUG \tcan_generate_breakpoint_events=0",
+                "DEBUG \tcan_access_local_variables=0", "DEBUG \tcan_generate_single_step_events=0")), messages.toString());
+        assertEquals(attach, result.stderr.contains("Kelvane JVMTI: already loaded in this VM; attach refused, nothing changed"));
     }
 
     @Test
