@@ -1,18 +1,21 @@
 #!/usr/bin/env bash
 # Runs the benchmarks.
-# Usage: tools/bench.sh debug|heap|all
+# Usage: tools/bench.sh debug|heap|host [standard|diagnostics|all]|all
 #   debug  the debugging path (bench/debug) on every JDK 17+ present: the build's JDK and each JDK
 #          under /usr/lib/jvm; figures, ratios against baselines of the same run, goals ok/MISSED
 #   heap   the heap analysis benchmarks (tools/bench-heap.sh)
-#   all    both
-# The debug benchmarks build in $KV_BENCH_BUILD_DIR (default: build-bench).
+#   host   what the agent costs the host's own speed (bench/host) on every JDK 17+ present: no agent,
+#          the library loaded, switched on, in inspection-only mode, and JDWP (standard); the floor
+#          agent holding one capability or event at a time (diagnostics, about 15 minutes per JDK)
+#   all    debug, heap and host (standard)
+# The debug and host benchmarks build in $KV_BENCH_BUILD_DIR (default: build-bench).
 set -eu
 cd "$(dirname "$0")/.."
 root=$PWD
 build=${KV_BENCH_BUILD_DIR:-$root/build-bench}
 
 usage() {
-    sed -n '3,8p' "$0" | sed 's/^# \{0,1\}//' >&2
+    sed -n '3,11p' "$0" | sed 's/^# \{0,1\}//' >&2
     exit 2
 }
 
@@ -46,6 +49,19 @@ bench_debug() {
     return $status
 }
 
+bench_host() {
+    local configs=${1:-standard}
+    cmake -S "$root" -B "$build" -DKV_BUILD_TESTS=OFF >/dev/null
+    cmake --build "$build" -j"$(nproc)" --target kvjvmti kv_bench_host_floor kv_bench_host_jar >/dev/null
+    local api=$build/kvjvmti-api.jar jar=$build/kvjvmti-bench-host.jar status=0 jdk
+    for jdk in $(jdks); do
+        "$jdk/bin/java" -Dkv.bench.configs="$configs" -cp "$api:$jar" com.brantide.kelvane.bench.host.HostBench \
+            "$build/libkvjvmti.so" "$build/libkv_bench_host_floor.so" "$api:$jar" || status=1
+        echo
+    done
+    return $status
+}
+
 bench_heap() {
     if [ ! -f "$root/tools/bench-heap.sh" ]; then
         echo "bench.sh: tools/bench-heap.sh is not there; no heap benchmarks to run" >&2
@@ -57,10 +73,15 @@ bench_heap() {
 case "${1:-}" in
     debug) bench_debug ;;
     heap) bench_heap ;;
+    host)
+        case "${2:-standard}" in standard | diagnostics | all) ;; *) usage ;; esac
+        bench_host "${2:-standard}"
+        ;;
     all)
         status=0
         bench_debug || status=1
         bench_heap || status=1
+        bench_host || status=1
         exit $status
         ;;
     *) usage ;;
