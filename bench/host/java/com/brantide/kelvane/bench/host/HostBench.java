@@ -4,16 +4,18 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.Arrays;
+import java.util.Collections;
 import java.util.HashMap;
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Locale;
 import java.util.Map;
+import java.util.Random;
 import java.util.function.Predicate;
 
 /**
  * What an agent costs the host's own speed, on the JVM that runs this class: each workload timed
- * by the host itself in fresh JVMs, under each configuration, the configurations alternating, and
+ * by the host itself in fresh JVMs, under each configuration, the JVMs shuffled each round, and
  * every figure set against no agent's from the same run.
  *
  * <p>Usage: {@code HostBench LIBRARY FLOOR_AGENT CLASSPATH}, the class path being the one the host
@@ -28,6 +30,8 @@ import java.util.function.Predicate;
  */
 public final class HostBench {
     static final int ROUNDS = Integer.getInteger("kv.bench.rounds", 3);
+    /** The same order of JVMs in every run of the benchmark. */
+    private static final long ORDER_SEED = 17;
     /** The goal: inspection-only mode keeps at least 0.97x of no agent's speed, on every workload. */
     static final double INSPECTION_GOAL = 1 / 0.97;
 
@@ -52,8 +56,8 @@ public final class HostBench {
         System.out.printf("== JDK %s (%s), load average %s%n", Runtime.version(), System.getProperty("java.home"),
                 loadAverage());
         System.out.printf("Figures: medians of every timed round (%d JVMs per configuration and workload, %d timed"
-                + " rounds each after a warm-up), configurations alternating; CPU: all threads of the host"
-                + " process.%n", ROUNDS, HostTarget.REPEATS);
+                + " rounds each after a warm-up), the JVMs in a new random order each round; CPU: all"
+                + " threads of the host process.%n", ROUNDS, HostTarget.REPEATS);
         boolean inspectionMode = checkInspectionMode(configurations, args[0]);
         HostBench bench = new HostBench(configurations, selectedWorkloads(), args[2]);
         bench.measure();
@@ -107,15 +111,23 @@ public final class HostBench {
         return present;
     }
 
-    /** Every workload under every configuration, ROUNDS times, the configurations innermost. */
+    /**
+     * Every workload under every configuration, ROUNDS times, in a new order each round. The machine
+     * slows down under sustained load (the same JVM run a dozen times in a row takes a third longer
+     * at the end), so a fixed order would charge that to whichever configurations come late.
+     */
     private void measure() throws Exception {
+        Random order = new Random(ORDER_SEED);
         for (int round = 0; round < ROUNDS; round++) {
+            List<Map.Entry<Workload, Configuration>> jvms = new ArrayList<>();
             for (Workload workload : workloads) {
-                for (Configuration configuration : configurations) {
-                    Map<String, String> results = HostJvm.run(configuration, workload, classpath);
-                    runs.computeIfAbsent(configuration.key(), k -> new HashMap<>())
-                            .computeIfAbsent(workload, w -> new ArrayList<>()).add(results);
-                }
+                configurations.forEach(configuration -> jvms.add(Map.entry(workload, configuration)));
+            }
+            Collections.shuffle(jvms, order);
+            for (Map.Entry<Workload, Configuration> jvm : jvms) {
+                Map<String, String> results = HostJvm.run(jvm.getValue(), jvm.getKey(), classpath);
+                runs.computeIfAbsent(jvm.getValue().key(), k -> new HashMap<>())
+                        .computeIfAbsent(jvm.getKey(), w -> new ArrayList<>()).add(results);
             }
             System.out.printf("round %d of %d done, load average %s%n", round + 1, ROUNDS, loadAverage());
         }
