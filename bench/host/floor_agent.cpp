@@ -11,6 +11,8 @@
 //   class-prepare      ClassPrepare events switched on for the VM, with a callback that does nothing
 //   exceptions         can_generate_exception_events, and Exception and ExceptionCatch events
 //                      switched on for the VM, with callbacks that do nothing
+//   exception-capability  can_generate_exception_events alone, no event switched on: what the
+//                      capability costs while no exception is asked for
 //   can_...            one capability by its JVMTI name, among those inspection may want (see
 //                      SINGLE_CAPABILITIES)
 //
@@ -84,6 +86,8 @@ bool add_feature(const std::string& feature) {
         g_capabilities.can_generate_exception_events = 1;
         g_callbacks.Exception = exception_thrown;
         g_callbacks.ExceptionCatch = exception_caught;
+    } else if (feature == "exception-capability") {
+        g_capabilities.can_generate_exception_events = 1;
     } else {
         return add_single_capability(feature);
     }

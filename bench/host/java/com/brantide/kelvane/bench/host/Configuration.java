@@ -41,8 +41,8 @@ record Configuration(String key, String name, List<String> jvmOptions, boolean s
 
     /**
      * The floor agent holding one thing at a time: what the library holds from load on (its basic
-     * set, ClassFileLoadHook and ClassPrepare events, exception events) and each capability
-     * inspection may want, each alone.
+     * set, ClassFileLoadHook and ClassPrepare events), the exception capability alone and with its
+     * events on, and each capability inspection may want, each alone.
      */
     static List<Configuration> diagnostics(String floorAgent) {
         List<Configuration> floors = new ArrayList<>();
@@ -50,6 +50,8 @@ record Configuration(String key, String name, List<String> jvmOptions, boolean s
         floors.add(floor(floorAgent, "basic", "floor: basic set", "basic"));
         floors.add(floor(floorAgent, "class-file-hook", "floor: basic + ClassFileLoadHook", "basic,class-file-hook"));
         floors.add(floor(floorAgent, "class-prepare", "floor: basic + ClassPrepare", "basic,class-prepare"));
+        floors.add(floor(floorAgent, "exception-capability", "floor: basic + exception capability",
+                "basic,exception-capability"));
         floors.add(floor(floorAgent, "exceptions", "floor: basic + exception events", "basic,exceptions"));
         for (String capability : SINGLE_CAPABILITIES) {
             floors.add(floor(floorAgent, capability, "floor: " + capability, capability));

@@ -22,11 +22,11 @@ import java.util.function.Predicate;
  * JVMs get (the library's API jar and the benchmark jar). System properties:
  * {@code kv.bench.configs} (comma-separated groups and configuration keys: standard, the default;
  * diagnostics, the floor agent's one-thing-at-a-time configurations; all; keys none, loaded, on,
- * inspection, jdwp, env, basic, class-file-hook, class-prepare, exceptions and the can_... names;
- * no agent and the control, no agent again, are always measured),
+ * inspection, jdwp, env, basic, class-file-hook, class-prepare, exception-capability, exceptions
+ * and the can_... names; no agent and the control, no agent again, are always measured),
  * {@code kv.bench.workloads} (some of boxing, stream, objects, exceptions, classes),
- * {@code kv.bench.rounds} (JVMs per configuration and workload) and {@code kv.bench.repeats}
- * (timed rounds in each JVM).
+ * {@code kv.bench.rounds} (JVMs per configuration and workload), {@code kv.bench.repeats}
+ * (timed rounds in each JVM) and {@code kv.bench.raw} (a file for every JVM's results).
  */
 public final class HostBench {
     static final int ROUNDS = Integer.getInteger("kv.bench.rounds", 3);
@@ -55,12 +55,13 @@ public final class HostBench {
         List<Configuration> configurations = selectedConfigurations(args[0], args[1]);
         System.out.printf("== JDK %s (%s), load average %s%n", Runtime.version(), System.getProperty("java.home"),
                 loadAverage());
-        System.out.printf("Figures: medians of every timed round (%d JVMs per configuration and workload, %d timed"
-                + " rounds each after a warm-up), the JVMs in a new random order each round; CPU: all"
-                + " threads of the host process.%n", ROUNDS, HostTarget.REPEATS);
+        System.out.printf("Figures: medians and 10th percentiles (p10) of every timed round (%d JVMs per"
+                + " configuration and workload, %d timed rounds each after a warm-up), the JVMs in a new random"
+                + " order each round; CPU: all threads of the host process.%n", ROUNDS, HostTarget.REPEATS);
         boolean inspectionMode = checkInspectionMode(configurations, args[0]);
         HostBench bench = new HostBench(configurations, selectedWorkloads(), args[2]);
         bench.measure();
+        bench.writeRaw(System.getProperty("kv.bench.raw"));
         new HostReport(configurations, bench.measures(), inspectionMode).print();
         System.out.println("load average at the end " + loadAverage());
     }
@@ -134,6 +135,20 @@ public final class HostBench {
     }
 
     /**
+     * Every JVM's results, one JVM a line (configuration, workload, then name=value), for a closer
+     * look at how they spread: into the file named, when one is.
+     */
+    private void writeRaw(String file) throws java.io.IOException {
+        if (file == null) {
+            return;
+        }
+        List<String> lines = new ArrayList<>();
+        runs.forEach((configuration, byWorkload) -> byWorkload.forEach((workload, jvms) -> jvms.forEach(
+                results -> lines.add(configuration + " " + workload.key() + " " + results))));
+        Files.write(Path.of(file), lines);
+    }
+
+    /**
      * The figures as measured: each workload's timed rounds, javac's first compile in the class
      * loading JVMs, and the start-up of every JVM.
      */
@@ -188,11 +203,14 @@ public final class HostBench {
      */
     record Measure(String title, String description, boolean hasGoal, String wall, String cpu,
                    Map<String, Map<String, double[]>> samples) {
-        double median(String configuration, String name) {
+        /** The q-quantile of a configuration's samples, linearly between neighbours: 0.5 the median. */
+        double quantile(String configuration, String name, double q) {
             double[] sorted = samples.get(configuration).get(name).clone();
             Arrays.sort(sorted);
-            int half = sorted.length / 2;
-            return sorted.length % 2 == 1 ? sorted[half] : (sorted[half - 1] + sorted[half]) / 2;
+            double at = q * (sorted.length - 1);
+            int below = (int) Math.floor(at);
+            int above = Math.min(below + 1, sorted.length - 1);
+            return sorted[below] + (at - below) * (sorted[above] - sorted[below]);
         }
 
         int count(String configuration) {
