@@ -11,11 +11,6 @@ import java.util.concurrent.atomic.AtomicBoolean;
 public final class StormTarget {
     /** Instances exist only in {@link #KEPT}: a histogram must count exactly as many. */
     public static final class Marker {
-        public final int id;
-
-        public Marker(int id) {
-            this.id = id;
-        }
     }
 
     public static final List<Marker> KEPT = new ArrayList<>();
@@ -29,7 +24,7 @@ public final class StormTarget {
 
     public static void keep(int count) {
         for (int i = 0; i < count; i++) {
-            KEPT.add(new Marker(i));
+            KEPT.add(new Marker());
         }
     }
 
