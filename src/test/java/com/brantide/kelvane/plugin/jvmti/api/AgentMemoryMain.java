@@ -34,7 +34,7 @@ public final class AgentMemoryMain {
         JvmtiEvent.FIELD_ACCESS, JvmtiEvent.FIELD_MODIFICATION};
     private static final int KEPT = 100;
 
-    private static final Workload WORK = new Workload(new JvmtiApi());
+    private static final Workload WORK = Workload.activated();
     private static final JvmtiApi API = WORK.api;
     private static final AtomicInteger SCRIPT_INDEX = new AtomicInteger();
     private static volatile Thread spinner;
@@ -43,38 +43,21 @@ public final class AgentMemoryMain {
     }
 
     public static void main(String[] args) {
-        try {
-            run(Integer.parseInt(args[0]), Integer.parseInt(args[1]), Integer.parseInt(args[2]), args[3]);
-        } catch (Throwable t) {
-            // A thread left suspended would keep the VM alive: end it with the failure.
-            t.printStackTrace();
-            Runtime.getRuntime().halt(1);
-        }
+        Workload.runOrHalt(() -> run(Integer.parseInt(args[0]), Integer.parseInt(args[1]), Integer.parseInt(args[2]), args[3]));
     }
 
     private static void run(int warmUp, int perBatch, int batches, String reports) throws Exception {
-        API.registerClasses();
-        if (!API.setActive(true)) {
-            throw new IllegalStateException("agent not active");
-        }
         StormTarget.keep(KEPT);
         StormTarget.hit(0);
         StormTarget.throwAndCatch(0);
-        Workload.prepareClasses();
         int round = 0;
-        for (; round < warmUp; round++) {
-            round(round);
-        }
-        measure("warm", reports);
-        for (int batch = 1; batch <= batches; batch++) {
-            for (int i = 0; i < perBatch; i++, round++) {
-                round(round);
+        for (int stage = 0; stage <= batches; stage++) {
+            for (int i = 0; i < (stage == 0 ? warmUp : perBatch); i++) {
+                round(round++);
             }
-            measure("batch" + batch, reports);
+            measure(stage == 0 ? "warm" : "batch" + stage, reports);
         }
-        System.out.println(WORK.figures() + " rounds=" + round + " threadEvents=" + (WORK.started.size() + WORK.ended.size()));
-        List<String> failures = WORK.failures();
-        System.out.println(failures.isEmpty() ? "OK" : "FAILED " + failures);
+        WORK.report("rounds=" + round + " threadEvents=" + (WORK.started.size() + WORK.ended.size()));
         API.setActive(false);
     }
 

@@ -6,6 +6,7 @@ import com.brantide.kelvane.plugin.jvmti.StepType;
 import com.brantide.kelvane.plugin.jvmti.ThreadContext;
 import com.brantide.kelvane.plugin.jvmti.testing.StormTarget;
 import com.brantide.kelvane.plugin.jvmti.testing.ThreadKind;
+import com.brantide.kelvane.plugin.jvmti.testing.Workload;
 import java.util.Map;
 import java.util.TreeMap;
 import java.util.concurrent.ConcurrentHashMap;
@@ -19,7 +20,7 @@ import java.util.concurrent.atomic.AtomicInteger;
  * switched on does not stop; and every stop is reported for the thread it happens on.
  */
 public final class VirtualThreadMain {
-    private static final JvmtiApi API = new JvmtiApi();
+    private static final JvmtiApi API = Workload.activated().api;
     private static final Map<String, AtomicInteger> STOPS = new ConcurrentHashMap<>();
     private static final Map<String, Object> FOUND = new TreeMap<>();
     private static volatile boolean contextIsSelf = true;
@@ -28,10 +29,6 @@ public final class VirtualThreadMain {
     }
 
     public static void main(String[] args) throws Exception {
-        API.registerClasses();
-        if (!API.setActive(true)) {
-            throw new IllegalStateException("agent not active");
-        }
         StormTarget.hit(0);
         API.setBreakpoint(BreakpointLocation.forMethod(StormTarget.class.getMethod("hit", int.class), 0));
         API.registerBreakpointHook((BreakpointHook) VirtualThreadMain::stopped);

@@ -22,7 +22,7 @@ import java.util.concurrent.locks.LockSupport;
  * <p>Argument: milliseconds to wait, once every thread is in place, before the exit.
  */
 public final class ShutdownMain {
-    private static final Workload WORK = new Workload(new JvmtiApi());
+    private static final Workload WORK = Workload.activated();
     private static final Set<String> IN_PLACE = ConcurrentHashMap.newKeySet();
     private static final List<Object> HEAP = new ArrayList<>();
 
@@ -30,27 +30,16 @@ public final class ShutdownMain {
     }
 
     public static void main(String[] args) {
-        try {
-            run(Long.parseLong(args[0]));
-        } catch (Throwable t) {
-            // The other threads never end by themselves: a failed set-up must still end the VM.
-            t.printStackTrace();
-            Runtime.getRuntime().halt(99);
-        }
+        Workload.runOrHalt(() -> run(Long.parseLong(args[0])));
     }
 
     private static void run(long delay) throws Exception {
         JvmtiApi api = WORK.api;
-        api.registerClasses();
-        if (!api.setActive(true)) {
-            throw new IllegalStateException("agent not active");
-        }
         StormTarget.keep(1000);
         for (int i = 0; i < 1_000_000; i++) {
             HEAP.add(new int[1]);
         }
         StormTarget.hit(0);
-        Workload.prepareClasses();
         api.setBreakpoint(BreakpointLocation.forMethod(StormTarget.class.getMethod("hit", int.class), 0));
         api.registerBreakpointHook((BreakpointHook) ShutdownMain::stopped);
         api.registerThreadHook(new ThreadHook() {

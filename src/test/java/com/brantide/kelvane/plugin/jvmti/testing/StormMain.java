@@ -7,6 +7,7 @@ import com.brantide.kelvane.plugin.jvmti.ThreadContext;
 import com.brantide.kelvane.plugin.jvmti.api.JvmtiApi;
 import java.lang.reflect.Field;
 import java.util.ArrayList;
+import java.util.Arrays;
 import java.util.List;
 import java.util.Map;
 import java.util.Set;
@@ -41,7 +42,7 @@ public final class StormMain {
     private static final int[] SWITCHED_ON_OTHERS = {JvmtiEvent.BREAKPOINT, JvmtiEvent.FIELD_ACCESS,
         JvmtiEvent.EXCEPTION, JvmtiEvent.FIELD_MODIFICATION};
 
-    private final Workload work = new Workload(new JvmtiApi());
+    private final Workload work = Workload.activated();
     private final JvmtiApi api = work.api;
     private final AtomicBoolean stop = new AtomicBoolean();
     /** Calls of the breakpointed method less the hits that reached the hook, by thread: all 0 in the end. */
@@ -56,24 +57,13 @@ public final class StormMain {
     }
 
     public static void main(String[] args) {
-        try {
-            new StormMain().run();
-        } catch (Throwable t) {
-            // The storm's threads never end by themselves: a failure must still end the VM.
-            t.printStackTrace();
-            Runtime.getRuntime().halt(1);
-        }
+        Workload.runOrHalt(() -> new StormMain().run());
     }
 
     private void run() throws Exception {
-        api.registerClasses();
-        if (!api.setActive(true)) {
-            throw new IllegalStateException("agent not active");
-        }
         StormTarget.keep(KEPT);
         StormTarget.hit(0);
         StormTarget.throwAndCatch(0);
-        Workload.prepareClasses();
         work.checkHeap(StormTarget.Marker.class, KEPT, 0);
         BreakpointLocation breakpoint = BreakpointLocation.forMethod(StormTarget.class.getMethod("hit", int.class), 0);
         api.setBreakpoint(breakpoint);
@@ -127,20 +117,14 @@ public final class StormMain {
         if (missedStarts + missedEnds > 0) {
             work.fail("thread hook missed " + missedStarts + " starts and " + missedEnds + " ends");
         }
-        System.out.println(work.figures() + " threads=" + created.size());
-        List<String> failures = work.failures();
-        System.out.println(failures.isEmpty() ? "OK" : "FAILED " + failures);
+        work.report("threads=" + created.size());
     }
 
+    /** Joins the thread; one still running after 30 s is stuck, and ends the program. */
     private static void joinOrHalt(Thread thread) throws InterruptedException {
         thread.join(30_000);
         if (thread.isAlive()) {
-            System.out.println("STUCK " + thread.getName());
-            for (StackTraceElement frame : thread.getStackTrace()) {
-                System.out.println("\tat " + frame);
-            }
-            System.out.flush();
-            Runtime.getRuntime().halt(1);
+            throw new IllegalStateException("STUCK " + thread.getName() + " at " + Arrays.toString(thread.getStackTrace()));
         }
     }
 
@@ -177,7 +161,7 @@ public final class StormMain {
         for (int i = 0; i < times && !stop.get(); i++) {
             mine.incrementAndGet();
             StormTarget.hit(i);
-            if (i % 64 == 0) {
+            if (i % 4 == 0) {
                 StormTarget.throwAndCatch(i);
             }
         }

@@ -25,11 +25,7 @@ public final class SuspendRaceMain {
     public static void main(String[] args) throws Exception {
         boolean switching = args[0].equals("switching");
         int rounds = Integer.parseInt(args[1]);
-        JvmtiApi api = new JvmtiApi();
-        api.registerClasses();
-        if (!api.setActive(true)) {
-            throw new IllegalStateException("agent not active");
-        }
+        JvmtiApi api = Workload.activated().api;
         api.registerBreakpointHook((BreakpointHook) (location, context) -> running ? StepType.STEP_OVER : StepType.CONTINUE);
         Thread other = new Thread(SuspendRaceMain::spin, "race-other");
         Thread target = new Thread(switching ? () -> {

@@ -56,13 +56,34 @@ public final class Workload {
     }
 
     /**
-     * Makes the classes that the heap walks create inside their natives ready beforehand: on JDK 17,
-     * checked JNI misreads the local references of a native that holds many while a class-prepare
-     * event runs on its thread.
+     * A workload on the library, switched on, for a child JVM's program. The classes that the heap
+     * walks create inside their natives are made ready first: on JDK 17, checked JNI misreads the
+     * local references of a native that holds many while a class-prepare event runs on its thread.
      */
-    public static void prepareClasses() {
+    public static Workload activated() {
+        Workload work = new Workload(new JvmtiApi());
+        work.api.registerClasses();
+        if (!work.api.setActive(true)) {
+            throw new IllegalStateException("agent not active");
+        }
         new GCPathEntry(0, 0, null, null, 0, 0).hashCode();
         new TimeoutException().hashCode();
+        return work;
+    }
+
+    /** A child JVM's program. */
+    public interface Program {
+        void run() throws Exception;
+    }
+
+    /** Runs the program; a failure ends the VM, whose other threads may never end by themselves. */
+    public static void runOrHalt(Program program) {
+        try {
+            program.run();
+        } catch (Throwable t) {
+            t.printStackTrace();
+            Runtime.getRuntime().halt(1);
+        }
     }
 
     public long count(String figure) {
@@ -74,14 +95,18 @@ public final class Workload {
     }
 
     public long figure(String name) {
-        AtomicLong value = figures.get(name);
-        return value == null ? 0 : value.get();
+        return figures.getOrDefault(name, new AtomicLong()).get();
     }
 
     public String figures() {
-        StringBuilder text = new StringBuilder();
-        figures.forEach((name, value) -> text.append(name).append('=').append(value).append(' '));
-        return text.toString().trim();
+        return figures.toString();
+    }
+
+    /** Prints the figures, with more of the program's own, then "OK" or "FAILED" and the failures. */
+    public void report(String more) {
+        System.out.println(figures() + " " + more);
+        List<String> all = failures();
+        System.out.println(all.isEmpty() ? "OK" : "FAILED " + all);
     }
 
     /** The figures of a line that {@link #figures()} printed. */
@@ -115,12 +140,14 @@ public final class Workload {
     public void registerHooks(BreakpointHook breakpoints) {
         Hooks hooks = new Hooks(breakpoints);
         api.registerBreakpointHook(hooks);
-        api.registerSteppingAbortedHook(hooks);
         api.registerThreadHook(hooks);
         api.registerExceptionHook(hooks);
         api.registerFieldHook(hooks);
-        api.registerClassPrepareHook(hooks);
-        api.registerFileLoadHook(hooks);
+        api.registerSteppingAbortedHook((SteppingAbortedHook) thread -> count("stepAborts"));
+        // Class events run while a class is being prepared or loaded: counting there could load a
+        // class and come back in.
+        api.registerClassPrepareHook((ClassPrepareHook) (thread, clazz) -> { });
+        api.registerFileLoadHook((FileLoadHook) clazz -> { });
         add("registrations", 7);
     }
 
@@ -188,9 +215,13 @@ public final class Workload {
         }
     }
 
-    /** One object for every hook: the agent finds each hook's methods by name. */
-    private final class Hooks implements BreakpointHook, SteppingAbortedHook, ThreadHook, ExceptionHook, FieldHook,
-            ClassPrepareHook, FileLoadHook {
+    private int counted(String figure) {
+        count(figure);
+        return StepType.CONTINUE;
+    }
+
+    /** One object for the hooks that count: the agent finds each hook's methods by name. */
+    private final class Hooks implements BreakpointHook, ThreadHook, ExceptionHook, FieldHook {
         private final BreakpointHook breakpoints;
 
         Hooks(BreakpointHook breakpoints) {
@@ -200,11 +231,6 @@ public final class Workload {
         @Override
         public int breakpointHit(BreakpointLocation location, ThreadContext context) {
             return breakpoints.breakpointHit(location, context);
-        }
-
-        @Override
-        public void steppingAborted(Thread thread) {
-            count("stepAborts");
         }
 
         @Override
@@ -220,24 +246,21 @@ public final class Workload {
         @Override
         public int exceptionThrown(BreakpointLocation location, ThreadContext context, Throwable exception,
                 BreakpointLocation catchLocation) {
-            count("exceptionEvents");
-            return StepType.CONTINUE;
+            return counted("exceptionEvents");
         }
 
         @Override
         public int exceptionCatch(BreakpointLocation location, ThreadContext context, Throwable exception) {
-            count("exceptionEvents");
-            return StepType.CONTINUE;
+            return counted("exceptionEvents");
         }
 
         @Override
         public int fieldAccess(BreakpointLocation location, ThreadContext context, Class<?> fieldClass, Object object,
                 Field field) {
-            count("fieldEvents");
-            return StepType.CONTINUE;
+            return counted("fieldEvents");
         }
 
-        /** Now and then asks to hear when the write is done. */
+        /** Every other write asks to hear when it is done. */
         @Override
         public int fieldModified(BreakpointLocation location, ThreadContext context, Class<?> fieldClass, Object object,
                 Field field, Object newValue) {
@@ -246,17 +269,7 @@ public final class Workload {
 
         @Override
         public int fieldModifiedComplete(BreakpointLocation location, ThreadContext context) {
-            count("fieldEvents");
-            return StepType.CONTINUE;
-        }
-
-        /** Runs while a class is being prepared: counting here could load a class and come back in. */
-        @Override
-        public void prepareClass(Thread thread, Class<?> clazz) {
-        }
-
-        @Override
-        public void redefinedClass(Class<?> clazz) {
+            return counted("fieldEvents");
         }
     }
 }
