@@ -13,7 +13,6 @@ import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
 import java.util.concurrent.TimeoutException;
-import java.util.concurrent.atomic.AtomicBoolean;
 import java.util.concurrent.atomic.AtomicInteger;
 
 /**
@@ -121,9 +120,9 @@ public final class AgentMemoryMain {
 
     /** A thread suspended from outside, looked at, let go, and let go again with a step. */
     private static void suspendAndLook(int round) throws InterruptedException {
-        AtomicBoolean stop = new AtomicBoolean();
+        StormTarget.spinning = true;
         long turns = StormTarget.workTurns;
-        Thread thread = new Thread(() -> StormTarget.work(stop, new Object()), "memory-spinner-" + round);
+        Thread thread = new Thread(() -> StormTarget.spin(new Object()), "memory-spinner-" + round);
         spinner = thread;
         thread.start();
         // Suspended only once it runs its loop: a thread suspended before its first frame stays
@@ -137,7 +136,7 @@ public final class AgentMemoryMain {
         for (int waited = 0; WORK.figure("spinnerStops") == stops && waited < 10_000; waited++) {
             Thread.sleep(1);
         }
-        stop.set(true);
+        StormTarget.spinning = false;
         thread.join();
     }
 

@@ -4,6 +4,7 @@ import com.brantide.kelvane.plugin.jvmti.BreakpointLocation;
 import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
 import com.brantide.kelvane.plugin.jvmti.StepType;
 import com.brantide.kelvane.plugin.jvmti.ThreadContext;
+import com.brantide.kelvane.plugin.jvmti.api.FrameCallback;
 import com.brantide.kelvane.plugin.jvmti.api.JvmtiApi;
 import java.lang.reflect.Field;
 import java.util.ArrayList;
@@ -144,8 +145,9 @@ public final class StormMain {
             sequence[0] = 0;
             return HIT_ANSWERS[(int) (work.count("hits") % HIT_ANSWERS.length)];
         }
+        // Only the stack here: locals and monitors wait for the VM, which the switcher keeps busy.
         if (work.count("steps") % 16 == 0) {
-            work.lookAt(thread, context.getFrameCount());
+            api.listStack(thread, context.getFrameCount(), (FrameCallback) frame -> work.count("listed"));
         }
         return ++sequence[0] >= 3 ? StepType.CONTINUE : STEP_ANSWERS[sequence[0] % STEP_ANSWERS.length];
     }
@@ -161,7 +163,7 @@ public final class StormMain {
         for (int i = 0; i < times && !stop.get(); i++) {
             mine.incrementAndGet();
             StormTarget.hit(i);
-            if (i % 4 == 0) {
+            if (i % 16 == 0) {
                 StormTarget.throwAndCatch(i);
             }
         }

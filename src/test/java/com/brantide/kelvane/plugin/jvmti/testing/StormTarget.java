@@ -53,6 +53,24 @@ public final class StormTarget {
         return turns;
     }
 
+    /** While true, {@link #spin} loops. */
+    public static volatile boolean spinning;
+
+    /**
+     * A loop that holds a monitor and keeps a local but calls nothing: a suspension always finds it
+     * in this frame, and a step from there stops in it again.
+     */
+    public static long spin(Object lock) {
+        long turns = 0;
+        synchronized (lock) {
+            while (spinning) {
+                turns++;
+                workTurns++;
+            }
+        }
+        return turns;
+    }
+
     /** Throws and catches, for exception events. */
     public static int throwAndCatch(int x) {
         try {

@@ -260,7 +260,7 @@ public final class Workload {
             return counted("fieldEvents");
         }
 
-        /** Every other write asks to hear when it is done. */
+        /** Every other field event, when a write, asks to hear when the write is done. */
         @Override
         public int fieldModified(BreakpointLocation location, ThreadContext context, Class<?> fieldClass, Object object,
                 Field field, Object newValue) {
