@@ -8,7 +8,6 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
-import java.util.concurrent.TimeUnit;
 import java.util.regex.Pattern;
 import org.junit.jupiter.api.Test;
 
@@ -17,13 +16,13 @@ class DemoTest {
     @Test
     void theTranscriptShowsTheWholeSession() throws Exception {
         Path out = Files.createTempDirectory(ChildJvm.workDirectory(), "demo");
-        Process demo = new ProcessBuilder(System.getProperty("kv.test.java"), "-Xcheck:jni",
-                "-agentpath:" + System.getProperty("kv.test.agent"), "-cp", System.getProperty("kv.test.demo-classpath"),
-                "com.brantide.kelvane.demo.Demo", out.toString()).redirectErrorStream(true).start();
-        String transcript = new String(demo.getInputStream().readAllBytes());
-        assertTrue(demo.waitFor(120, TimeUnit.SECONDS));
-        assertEquals(0, demo.exitValue(), transcript);
-        assertTrue(!transcript.contains("WARNING in native method") && !transcript.contains("ERROR Kelvane"), transcript);
+        ChildJvm.Result result;
+        try (ChildJvm.Running demo = ChildJvm.main("com.brantide.kelvane.demo.Demo", out.toString())
+                .classpath(System.getProperty("kv.test.demo-classpath")).start()) {
+            result = demo.await(120).assertClean();
+        }
+        String transcript = result.stdout + result.stderr;
+        assertTrue(result.agentMessages().stream().noneMatch(m -> m.startsWith("ERROR")), transcript);
 
         assertInOrder(transcript,
                 "^  breakpoint PriceCalculator\\.total \\(PriceCalculator\\.java:\\d+\\) +locals: items=\\w+\\(2\\), discountPercent=10$",
