@@ -14,13 +14,10 @@ import com.brantide.kelvane.plugin.jvmti.ThreadContext;
 import com.brantide.kelvane.plugin.jvmti.fixtures.StepTarget;
 import com.brantide.kelvane.plugin.jvmti.testing.ActiveApi;
 import com.brantide.kelvane.plugin.jvmti.testing.Stops;
-import java.io.File;
 import java.lang.management.ManagementFactory;
 import java.lang.ref.WeakReference;
-import java.net.MalformedURLException;
 import java.net.URL;
 import java.net.URLClassLoader;
-import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
 import java.util.Set;
@@ -264,7 +261,7 @@ class HostSafetyProbeTest {
         private static final Set<String> OWN = Stream.concat(Stream.of(LooseHook.class.getName()),
                 REGISTERED.stream().map(name -> "com.brantide.kelvane.plugin.jvmti." + name)).collect(Collectors.toSet());
 
-        PlugInLoader() throws MalformedURLException {
+        PlugInLoader() {
             super(classPath(), HostSafetyProbeTest.class.getClassLoader());
         }
 
@@ -279,12 +276,10 @@ class HostSafetyProbeTest {
             }
         }
 
-        private static URL[] classPath() throws MalformedURLException {
-            List<URL> urls = new ArrayList<>();
-            for (String entry : System.getProperty("java.class.path").split(File.pathSeparator)) {
-                urls.add(Path.of(entry).toUri().toURL());
-            }
-            return urls.toArray(new URL[0]);
+        /** The jars of the managed layer and of the tests, where the plug-in's copies come from. */
+        private static URL[] classPath() {
+            return new URL[] {ThreadContext.class.getProtectionDomain().getCodeSource().getLocation(),
+                LooseHook.class.getProtectionDomain().getCodeSource().getLocation()};
         }
     }
 

@@ -65,11 +65,6 @@ public final class ChildJvm {
         return this;
     }
 
-    public ChildJvm agentOptions(String agentOptions) {
-        agent += "=" + agentOptions;
-        return this;
-    }
-
     /** Starts the JVM and hands it back while it runs, for tests that talk to it (jcmd). */
     public Running start() throws IOException {
         List<String> command = new ArrayList<>(List.of(required("kv.test.java"), "-Xcheck:jni"));
