@@ -1,16 +1,9 @@
-#include "fake_jvmti.h"
-
 #include "capabilities.h"
-#include "kvjvmti.h"
-#include "log.h"
 #include "virtual_threads.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
-
-using testing::IsEmpty;
 
 namespace {
 bool none_held(const jvmtiCapabilities& caps) {
@@ -18,17 +11,6 @@ bool none_held(const jvmtiCapabilities& caps) {
     return std::memcmp(&caps, &nothing, sizeof caps) == 0;
 }
 }  // namespace
-
-// What the configuration asks of the VM, and the dump of what it holds after, show in the start-up
-// lines of a real VM (StartupTest); what only a fake VM can do is refuse.
-TEST(Capabilities, AddUpdFailsQuietlyWhenEitherCallFails) {
-    for (const char* failing : {"AddCapabilities", "GetCapabilities"}) {
-        FakeJvmti fake;
-        fake.fail(failing, JVMTI_ERROR_NOT_AVAILABLE);
-        EXPECT_THAT(log_lines(LOG_DEBUG_LEVEL, [] { EXPECT_FALSE(add_upd_capabilities()); }), IsEmpty());
-        EXPECT_EQ(failing, fake.calls.back()) << "nothing is called after the failure";
-    }
-}
 
 // What setActive(false) gives back: everything but the basic set, which stays from load on, and
 // virtual-thread support (an unnamed bit after sampled allocation events, bit 44), which is

@@ -18,9 +18,8 @@ TEST(Config, PropertyValuesAreReadExactlyAsDocumented) {
     // ColdFusion by its home, or by its command's prefix with the final dot.
     EXPECT_TRUE(is_coldfusion(true, nullptr) && is_coldfusion(true, "org.example.Main"));
     EXPECT_TRUE(is_coldfusion(false, "com.adobe.coldfusion.bootstrap.Bootstrap -start"));
-    for (const char* command : {"com.adobe.coldfusion", "com.adobe.coldfusionX.Main", static_cast<const char*>(nullptr)}) {
-        EXPECT_FALSE(is_coldfusion(false, command)) << command;
-    }
+    EXPECT_FALSE(is_coldfusion(false, nullptr) || is_coldfusion(false, "com.adobe.coldfusion"));
+    EXPECT_FALSE(is_coldfusion(false, "com.adobe.coldfusionX.Main"));
     // 0 leaves the default in force; 17592186044415 MB is the most that still counts in bytes.
     for (auto [text, megabytes] : {std::pair<const char*, long>{"2", 2}, {"007", 7}, {nullptr, 0}, {"", 0}, {"0", 0},
                                    {"-5", 0}, {"+5", 0}, {" 5", 0}, {"5MB", 0}, {"1.5", 0},

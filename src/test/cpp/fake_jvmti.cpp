@@ -27,26 +27,17 @@ FakeJvmti::FakeJvmti() : m_previous(g_jvmti) {
         *monitor = reinterpret_cast<jrawMonitorID>(++of(env).m_monitors_created);
         return of(env).record("CreateRawMonitor", name);
     };
-    m_table.DestroyRawMonitor = [](jvmtiEnv* env, jrawMonitorID m) {
-        return of(env).monitor_call("DestroyRawMonitor", m);
-    };
-    m_table.RawMonitorEnter = [](jvmtiEnv* env, jrawMonitorID m) { return of(env).monitor_call("RawMonitorEnter", m); };
-    m_table.RawMonitorExit = [](jvmtiEnv* env, jrawMonitorID m) { return of(env).monitor_call("RawMonitorExit", m); };
+// The monitor entries other than wait differ only in their names.
+#define KV_FAKE_MONITOR_ENTRY(name) \
+    m_table.name = [](jvmtiEnv* env, jrawMonitorID m) { return of(env).monitor_call(#name, m); }
+    KV_FAKE_MONITOR_ENTRY(DestroyRawMonitor);
+    KV_FAKE_MONITOR_ENTRY(RawMonitorEnter);
+    KV_FAKE_MONITOR_ENTRY(RawMonitorExit);
+    KV_FAKE_MONITOR_ENTRY(RawMonitorNotify);
+    KV_FAKE_MONITOR_ENTRY(RawMonitorNotifyAll);
+#undef KV_FAKE_MONITOR_ENTRY
     m_table.RawMonitorWait = [](jvmtiEnv* env, jrawMonitorID m, jlong millis) {
         return of(env).monitor_call("RawMonitorWait", m, ", " + std::to_string(millis));
-    };
-    m_table.RawMonitorNotify = [](jvmtiEnv* env, jrawMonitorID m) {
-        return of(env).monitor_call("RawMonitorNotify", m);
-    };
-    m_table.RawMonitorNotifyAll = [](jvmtiEnv* env, jrawMonitorID m) {
-        return of(env).monitor_call("RawMonitorNotifyAll", m);
-    };
-    m_table.AddCapabilities = [](jvmtiEnv* env, const jvmtiCapabilities*) {
-        return of(env).record("AddCapabilities");
-    };
-    m_table.GetCapabilities = [](jvmtiEnv* env, jvmtiCapabilities* caps) {
-        *caps = jvmtiCapabilities{};
-        return of(env).record("GetCapabilities");
     };
     functions = &m_table;
     g_jvmti = this;
@@ -65,9 +56,11 @@ jvmtiError FakeJvmti::monitor_call(const char* function, jrawMonitorID monitor, 
 }
 
 std::string stderr_of(int level, const std::function<void()>& body) {
-    ScopedValue<int> scoped_level(KV_JVMTI_LOG_LEVEL, level);
+    const int saved_level = KV_JVMTI_LOG_LEVEL;
+    KV_JVMTI_LOG_LEVEL = level;
     testing::internal::CaptureStderr();
     body();
+    KV_JVMTI_LOG_LEVEL = saved_level;
     return testing::internal::GetCapturedStderr();
 }
 

@@ -1,12 +1,13 @@
 // A JVMTI environment with no VM behind it: a function table holding only the entries the agent
-// glue under test calls (error names, raw monitors, adding and reading capabilities), each
-// recording the call. Every other slot is null on purpose, so a call the test did not expect
-// crashes the test binary at once instead of passing unnoticed. Memory it hands out is plain
-// new[], so the sanitized run (tools/sanitize.sh) reports any buffer never given back.
+// glue under test calls (error names and raw monitors), each recording the call. Every other slot
+// is null on purpose, so a call the test did not expect crashes the test binary at once instead
+// of passing unnoticed. Memory it hands out is plain new[], so the sanitized run of the tests
+// (tools/sanitize.sh) reports any buffer never given back.
 #pragma once
 
 #include <jvmti.h>
 
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <string>
@@ -14,7 +15,8 @@
 
 #include <gtest/gtest.h>
 
-// While alive, g_jvmti points at this environment; the previous value comes back at the end.
+// While alive, g_jvmti points at this environment (unless a test sets it otherwise); the value
+// before comes back at the end.
 class FakeJvmti : public _jvmtiEnv {
 public:
     FakeJvmti();
@@ -38,20 +40,6 @@ private:
     jvmtiEnv* m_previous;
     std::map<std::string, jvmtiError> m_failures;
     uintptr_t m_monitors_created = 0;
-};
-
-// Sets a global for a scope and puts the old value back.
-template <typename T>
-class ScopedValue {
-public:
-    ScopedValue(T& target, T value) : m_target(target), m_saved(target) { target = value; }
-    ~ScopedValue() { m_target = m_saved; }
-    ScopedValue(const ScopedValue&) = delete;
-    ScopedValue& operator=(const ScopedValue&) = delete;
-
-private:
-    T& m_target;
-    T m_saved;
 };
 
 // What `body` writes on standard error while the log level is `level`.

