@@ -5,17 +5,12 @@
 
 #include <cstring>
 
-namespace {
-bool none_held(const jvmtiCapabilities& caps) {
-    const jvmtiCapabilities nothing{};
-    return std::memcmp(&caps, &nothing, sizeof caps) == 0;
-}
-}  // namespace
-
 // What setActive(false) gives back: everything but the basic set, which stays from load on, and
 // virtual-thread support (an unnamed bit after sampled allocation events, bit 44), which is
 // never given back either.
 TEST(Capabilities, WithoutBasicDropsTheBasicSetAndVirtualThreadSupport) {
+    const jvmtiCapabilities nothing{};
+    auto none_held = [&](const jvmtiCapabilities& caps) { return std::memcmp(&caps, &nothing, sizeof caps) == 0; };
     EXPECT_TRUE(none_held(without_basic(basic_capabilities())));
     jvmtiCapabilities rest = without_basic(debugging_capabilities(true, true));
     EXPECT_FALSE(rest.can_tag_objects || rest.can_get_line_numbers);
