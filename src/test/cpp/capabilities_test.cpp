@@ -25,3 +25,13 @@ TEST(Capabilities, WithoutBasicDropsTheBasicSetAndVirtualThreadSupport) {
     EXPECT_TRUE(none_held(without_basic(virtual_only)));
     EXPECT_FALSE(has_virtual_thread_capability(debugging_capabilities(true, true)));
 }
+
+// Exception and frame-pop events each only when configured. Which switches ask for exception events
+// shows in the start-up lines of a real VM (StartupTest); without frame pops stepping falls back to
+// single steps and nothing else would notice.
+TEST(Capabilities, DebuggingAsksForTheOptionalEventsOnlyWhenConfigured) {
+    const jvmtiCapabilities exceptions = debugging_capabilities(true, false);
+    const jvmtiCapabilities frame_pops = debugging_capabilities(false, true);
+    EXPECT_TRUE(exceptions.can_generate_exception_events && !exceptions.can_generate_frame_pop_events);
+    EXPECT_TRUE(frame_pops.can_generate_frame_pop_events && !frame_pops.can_generate_exception_events);
+}
