@@ -60,11 +60,11 @@ class JspSmapProbeTest {
             page.allLineLocations("Java", null).forEach(location -> javaLines.add(location.lineNumber("Java")));
             for (int javaLine : javaLines) {
                 int expected = covered.getOrDefault(javaLine, zeroIncrement.getOrDefault(javaLine, javaLine));
-                assertEquals(expected, AgentProbe.smapLine(smap, javaLine), "Java line " + javaLine
-                        + (covered.containsKey(javaLine) ? " as JDI maps it" : ", not covered for JDI") + "; SMAP:\n" + smap);
+                String how = covered.containsKey(javaLine) ? " as JDI maps it" : ", not covered for JDI";
+                assertEquals(expected, AgentProbe.smapLine(smap, javaLine), "Java " + javaLine + how + ", SMAP:\n" + smap);
             }
             long remapped = covered.entrySet().stream().filter(e -> !e.getKey().equals(e.getValue())).count();
-            assertTrue(javaLines.size() > 10 && remapped > 10, javaLines.size() + " Java lines, " + remapped + " remapped");
+            assertTrue(javaLines.size() > 10 && remapped > 10, javaLines.size() + " lines, " + remapped + " remapped");
         } finally {
             vm.process().destroyForcibly().waitFor(30, TimeUnit.SECONDS);
         }
@@ -89,9 +89,9 @@ class JspSmapProbeTest {
     /** The page compiled by the JSP compiler in a JVM of its own, the SMAP in its class: their directory. */
     private static Path compilePage() throws Exception {
         Path out = Files.createTempDirectory(ChildJvm.workDirectory(), "jsp-smap");
-        Process jspc = new ProcessBuilder(System.getProperty("kv.test.java"), "-cp", JSP_CLASSPATH, "org.apache.jasper.JspC",
-                "-uriroot", System.getProperty("kv.test.jsp-dir"), "-d", out.toString(), "-compile", "-smap", "-die",
-                "-source", "17", "-target", "17", "page.jsp").redirectErrorStream(true).start();
+        Process jspc = new ProcessBuilder(System.getProperty("kv.test.java"), "-cp", JSP_CLASSPATH,
+                "org.apache.jasper.JspC", "-uriroot", System.getProperty("kv.test.jsp-dir"), "-d", out.toString(),
+                "-compile", "-smap", "-die", "-source", "17", "-target", "17", "page.jsp").redirectErrorStream(true).start();
         String output = new String(jspc.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
         assertTrue(jspc.waitFor(120, TimeUnit.SECONDS) && jspc.exitValue() == 0, "JspC failed:\n" + output);
         return out;

@@ -32,8 +32,8 @@ public final class RedefineMain {
         Path jar = ChildJvm.workDirectory().resolve("redefine-agent.jar");
         String manifest = "Manifest-Version: 1.0\nPremain-Class: " + RedefineMain.class.getName()
                 + "\nCan-Redefine-Classes: true\n";
-        new JarOutputStream(Files.newOutputStream(jar), new Manifest(new ByteArrayInputStream(manifest.getBytes(StandardCharsets.UTF_8))))
-                .close();
+        byte[] bytes = manifest.getBytes(StandardCharsets.UTF_8);
+        new JarOutputStream(Files.newOutputStream(jar), new Manifest(new ByteArrayInputStream(bytes))).close();
         return jar;
     }
 
@@ -42,7 +42,8 @@ public final class RedefineMain {
         api.registerClasses();
         api.registerFileLoadHook((FileLoadHook) clazz -> System.out.println("redefined " + clazz.getName()));
         EventTarget.Fresh.value();
-        instrumentation.redefineClasses(new ClassDefinition(EventTarget.Fresh.class, ClassFiles.bytesOf(EventTarget.Fresh.class)));
+        byte[] bytes = ClassFiles.bytesOf(EventTarget.Fresh.class);
+        instrumentation.redefineClasses(new ClassDefinition(EventTarget.Fresh.class, bytes));
         System.out.println("done " + EventTarget.Fresh.value());
     }
 }

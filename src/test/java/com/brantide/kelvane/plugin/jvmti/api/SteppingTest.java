@@ -57,7 +57,8 @@ class SteppingTest {
         // Template line 1 takes the first three Java lines, line 2 the next two, line 3 the last two.
         String smap = "SMAP\nSmapTarget.java\nCFML\n*S CFML\n*F\n+ 0 page.cfm\npage.cfm\n*L\n1:" + line + ",3\n2:"
                 + (line + 3) + ",2\n3:" + (line + 5) + ",2\n*E\n";
-        mapped = (LongUnaryOperator) ClassFiles.withSourceDebugExtension(SmapTarget.class, smap).getConstructor().newInstance();
+        mapped = (LongUnaryOperator) ClassFiles.withSourceDebugExtension(SmapTarget.class, smap).getConstructor()
+                .newInstance();
         noLines = (LongUnaryOperator) ClassFiles.compiledWithoutDebugInformation("nolines.Loop",
                 "package nolines; public class Loop implements java.util.function.LongUnaryOperator {"
                         + " public long applyAsLong(long n) { long s = 0; for (long i = 0; i < n; i++) s += i ^ s; return s; } }")
@@ -83,21 +84,24 @@ class SteppingTest {
                 new Scenario(USUAL, "step over: over the call, off the end into the caller; once onto a breakpoint",
                         "caller-a caller-call", "over over over over over", () -> StepTarget.outer(1),
                         "caller-a caller-call caller-after caller-return outer-call outer-after"),
-                new Scenario(USUAL, "step in: into the call, off its end back on the line of the call", "caller-call", "in in in",
+                new Scenario(USUAL, "step in: into the call, off its end back on the line of the call", "caller-call",
+                        "in in in",
                         () -> StepTarget.caller(1), "caller-call callee-first callee-return caller-call"),
                 new Scenario(USUAL, "step out: to the caller where the call returns", "callee-first", "out over out",
                         () -> StepTarget.outer(1), "callee-first caller-call caller-after outer-call"),
-                new Scenario(USUAL, "at a breakpoint inside a stepped-over call, NOOP goes on with the step, CONTINUE ends it",
-                        "caller-call callee-first", "over noop continue over continue", () -> StepTarget.caller(1) + StepTarget.caller(1),
+                new Scenario(USUAL, "at a breakpoint in a stepped-over call, NOOP goes on with the step, CONTINUE ends it",
+                        "caller-call callee-first", "over noop continue over continue",
+                        () -> StepTarget.caller(1) + StepTarget.caller(1),
                         "caller-call callee-first caller-after caller-call callee-first"),
-                new Scenario(USUAL, "over a recursion that passes the line it returns to, deeper", "countdown-call", "over noop noop",
+                new Scenario(USUAL, "over a recursion that passes the line it returns to, deeper", "countdown-call",
+                        "over noop noop",
                         () -> StepTarget.countdown(3), "countdown-call countdown-call countdown-call countdown-after"),
                 new Scenario(USUAL, "over a call that throws, caught in the stepped method", "catches-call", "over",
                         () -> StepTarget.catches(0), "catches-call catches-catch"),
                 new Scenario(USUAL, "over a call whose exception ends the stepped method too, caught two frames up",
                         "throwsFrom-call", "over", () -> StepTarget.catches(0), "throwsFrom-call catches-catch"),
-                new Scenario(USUAL, "over a call that parks (a virtual thread may go on on another carrier)", "sleepsOver-call",
-                        "over", () -> StepTarget.sleepsOver(50), "sleepsOver-call sleepsOver-after"),
+                new Scenario(USUAL, "over a call that parks (a virtual thread may go on on another carrier)",
+                        "sleepsOver-call", "over", () -> StepTarget.sleepsOver(50), "sleepsOver-call sleepsOver-after"),
                 new Scenario(TIGHT, "the time limit ends a step over a long call", "callsThrough-call", "over",
                         () -> StepTarget.callsThrough(n -> StepTarget.busy(1500)), "callsThrough-call aborted"),
                 new Scenario(TIGHT, "over code without line numbers: skipped whole, or single-stepped past the limit",
@@ -105,15 +109,15 @@ class SteppingTest {
                         "callsThrough-call callsThrough-after | callsThrough-call aborted"),
                 new Scenario(TIGHT, "an unknown command ends the step", "caller-a", "garbage",
                         () -> StepTarget.caller(1), "caller-a"),
-                new Scenario(TIGHT, "a hook that leaves mid-step: the step ends unheard, not at the time limit", "caller-a",
-                        "leave", () -> StepTarget.caller(1) + StepTarget.busy(1500), "caller-a"),
+                new Scenario(TIGHT, "a hook that leaves mid-step: the step ends unheard, not at the time limit",
+                        "caller-a", "leave", () -> StepTarget.caller(1) + StepTarget.busy(1500), "caller-a"),
                 new Scenario(USUAL, "CFML: over the Java and component calls, and silently out of the last CFML frame",
                         "_factor0-a", "over over over over over", () -> runPage(1),
                         "_factor0-a _factor0-call _factor0-after _factor0-return runPage-call"),
-                new Scenario(USUAL, "CFML: out of a component back to the page, across the Java frame between", "work-first",
-                        "out over", () -> runPage(1), "work-first _factor0-call _factor0-after"),
-                new Scenario(USUAL, "source-mapped: one stop per template line, at its first Java line", "applyAsLong-1",
-                        "over over over", () -> StepTarget.callsThrough(mapped),
+                new Scenario(USUAL, "CFML: out of a component back to the page, across the Java frame between",
+                        "work-first", "out over", () -> runPage(1), "work-first _factor0-call _factor0-after"),
+                new Scenario(USUAL, "source-mapped: one stop per template line, at its first Java line",
+                        "applyAsLong-1", "over over over", () -> StepTarget.callsThrough(mapped),
                         "applyAsLong-1 applyAsLong-4 applyAsLong-6 callsThrough-call"));
     }
 
@@ -133,7 +137,7 @@ class SteppingTest {
         }.answer(words(scenario.answers).mapToInt(ANSWERS::get).toArray());
         agent.api.registerBreakpointHook(stops);
         agent.api.registerSteppingAbortedHook(stops);
-        words(scenario.breakpoints).forEach(marker -> agent.setBreakpoint(Stops.breakpointAt(agent.api, classOf(marker), marker)));
+        words(scenario.breakpoints).forEach(m -> agent.setBreakpoint(Stops.breakpointAt(agent.api, classOf(m), m)));
         stops.run(agent.api, scenario.code);
         String[] ways = scenario.expected.split(" \\| ");
         String expected = agent.api.isFastSteppingEnabled() ? ways[0] : ways[ways.length - 1];
@@ -186,7 +190,7 @@ class SteppingTest {
     /** The class among the scenarios' sources that has the method the marker names. */
     private Class<?> classOf(String marker) {
         String method = marker.substring(0, marker.indexOf('-'));
-        return sources.stream().filter(c -> Arrays.stream(c.getDeclaredMethods()).anyMatch(m -> m.getName().equals(method)))
+        return sources.stream().filter(c -> Stream.of(c.getDeclaredMethods()).anyMatch(m -> m.getName().equals(method)))
                 .findFirst().orElseThrow();
     }
 

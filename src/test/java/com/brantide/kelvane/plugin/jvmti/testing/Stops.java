@@ -141,7 +141,8 @@ public class Stops implements BreakpointHook, SteppingAbortedHook {
 
     private static List<String> readSource(Class<?> clazz) {
         try {
-            return Files.readAllLines(Path.of(System.getProperty("kv.test.sources"), clazz.getName().replace('.', '/') + ".java"));
+            String file = clazz.getName().replace('.', '/') + ".java";
+            return Files.readAllLines(Path.of(System.getProperty("kv.test.sources"), file));
         } catch (IOException e) {
             throw new UncheckedIOException(e);
         }
