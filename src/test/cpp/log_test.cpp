@@ -61,10 +61,3 @@ TEST(Log, LongLinesAreCutWithANoteOfWhatWasLost) {
     EXPECT_EQ(std::string(4095, 'b') + "\n", stderr_of(1, [] { log("%s", std::string(4096, 'b').c_str()); }))
         << "exactly 4096 characters lose the last one, without a note";
 }
-
-TEST(Log, TimerLinesAreWrittenAtEveryLevel) {
-    std::string name = "heap walk";
-    std::string text = stderr_of(0, [&] { Timer timer(name); });
-    EXPECT_THAT(text, MatchesRegex("TIMER Kelvane JVMTI : > 'heap walk'\n"
-                                   "TIMER Kelvane JVMTI : < 'heap walk' [0-9]+\\.[0-9]{6}\n"));
-}
