@@ -42,7 +42,6 @@ bool is_own_thread(JNIEnv* env, jthread thread) {
     if (t_own_record == nullptr) return false;
     return thread == nullptr || env->IsSameObject(thread, t_own_thread);
 }
-
 }  // namespace
 
 void attach_thread_data(JNIEnv* env, jthread thread, jlong id) {
