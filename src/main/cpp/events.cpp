@@ -1,14 +1,16 @@
 #include "events.h"
 
-#include <chrono>
-
 #include "capabilities.h"
+#include "error_name.h"
 #include "event_mask.h"
 #include "exception.h"
 #include "global.h"
 #include "log.h"
 #include "native.h"
 #include "thread.h"
+#include "thread_info.h"
+
+#include <chrono>
 
 namespace {
 void record_switch(ThreadData* data, jvmtiEventMode mode, jint event, bool user) {
@@ -164,13 +166,6 @@ void switch_bits(ThreadData* data, jvmtiEventMode mode, jlong mask, jthread thre
     }
 }
 
-void switch_from_bitmask(jvmtiEventMode mode, jlong mask, jthread thread) {
-    if (mask == 0) return;
-    ThreadDataAccess access(thread);
-    ThreadData* data = record_for_switch(access, JVMTI_MIN_EVENT_TYPE_VAL, thread);
-    if (data != nullptr) switch_bits(data, mode, mask, thread);
-}
-
 }  // namespace
 
 bool set_event(jvmtiEventMode mode, jint event, jthread thread, bool user) {
@@ -199,10 +194,6 @@ bool set_event(ThreadData* data, jvmtiEventMode mode, jint event, jthread thread
     }
     return switch_event(data, mode, event, thread, false);
 }
-
-void clear_events_from_bitmask(jlong mask, jthread thread) { switch_from_bitmask(JVMTI_DISABLE, mask, thread); }
-
-void set_events_from_bitmask(jlong mask, jthread thread) { switch_from_bitmask(JVMTI_ENABLE, mask, thread); }
 
 jlong clear_active_events(jthread thread) {
     ThreadDataAccess access(thread);
@@ -265,14 +256,6 @@ bool enable_single_step(jthread thread) { return set_event(JVMTI_ENABLE, JVMTI_E
 bool disable_single_step(jthread thread) { return set_event(JVMTI_DISABLE, JVMTI_EVENT_SINGLE_STEP, thread, false); }
 bool enable_frame_pop(jthread thread) { return set_event(JVMTI_ENABLE, JVMTI_EVENT_FRAME_POP, thread, false); }
 bool disable_frame_pop(jthread thread) { return set_event(JVMTI_DISABLE, JVMTI_EVENT_FRAME_POP, thread, false); }
-bool enable_exception(jthread thread) { return set_event(JVMTI_ENABLE, JVMTI_EVENT_EXCEPTION, thread, false); }
-bool disable_exception(jthread thread) { return set_event(JVMTI_DISABLE, JVMTI_EVENT_EXCEPTION, thread, false); }
-bool enable_exception_catch(jthread thread) {
-    return set_event(JVMTI_ENABLE, JVMTI_EVENT_EXCEPTION_CATCH, thread, false);
-}
-bool disable_exception_catch(jthread thread) {
-    return set_event(JVMTI_DISABLE, JVMTI_EVENT_EXCEPTION_CATCH, thread, false);
-}
 
 namespace {
 // The events that drive stepping belong to the agent alone: in a thread's user mask, every hook's

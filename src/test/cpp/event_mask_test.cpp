@@ -1,5 +1,5 @@
 #include "event_mask.h"
-#include "step_command.h"
+#include "step_data.h"
 
 #include <gtest/gtest.h>
 

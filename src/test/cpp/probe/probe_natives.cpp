@@ -1,10 +1,13 @@
 // Test-only natives of the probe variant of the agent: they let JUnit tests reach internal helpers
 // inside a real JVM. The shipped library does not contain them.
-#include "breakpoint.h"
+#include "breakpoint_location.h"
+#include "breakpoints.h"
 #include "event_mask.h"
 #include "events.h"
+#include "field_watches.h"
 #include "frames.h"
 #include "global.h"
+#include "hooks.h"
 #include "lock.h"
 #include "resources.h"
 #include "smap.h"
