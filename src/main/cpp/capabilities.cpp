@@ -64,7 +64,6 @@ jvmtiCapabilities basic_capabilities() {
     caps.can_get_source_file_name = 1;
     caps.can_get_line_numbers = 1;
     caps.can_get_source_debug_extension = 1;
-    caps.can_generate_object_free_events = 1;
     return caps;
 }
 
@@ -116,6 +115,5 @@ jvmtiCapabilities without_basic(jvmtiCapabilities caps) {
     caps.can_get_source_file_name = 0;
     caps.can_get_line_numbers = 0;
     caps.can_get_source_debug_extension = 0;
-    caps.can_generate_object_free_events = 0;
     return caps;
 }
