@@ -2,9 +2,11 @@ package com.brantide.kelvane.plugin.jvmti.api;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertNull;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
+import com.brantide.kelvane.plugin.jvmti.testing.ActiveApi;
 import com.brantide.kelvane.plugin.jvmti.testing.ThreadKind;
 import java.util.ArrayList;
 import java.util.List;
@@ -13,97 +15,75 @@ import java.util.concurrent.ConcurrentHashMap;
 import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.atomic.AtomicBoolean;
 import java.util.concurrent.atomic.AtomicReference;
-import org.junit.jupiter.api.AfterEach;
-import org.junit.jupiter.api.BeforeEach;
 import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.extension.RegisterExtension;
 
 /** Per-thread records and event switching, checked through the probe variant of the agent. */
 class ThreadEventsProbeTest {
     private static final long BREAKPOINT = 1L << (JvmtiEvent.BREAKPOINT - 50);
     private static final long SINGLE_STEP = 1L << (JvmtiEvent.SINGLE_STEP - 50);
 
-    private final JvmtiApi api = new JvmtiApi();
-    private final CountDownLatch release = new CountDownLatch(1);
-    private Thread worker;
+    @RegisterExtension
+    final ActiveApi agent = new ActiveApi();
+    private final JvmtiApi api = agent.api;
 
-    @BeforeEach
-    void startWorker() throws InterruptedException {
-        assertTrue(api.setActive(true));
+    @Test
+    void userAndActiveMasksFollowTheSwitchesAndBracketAHookCall() throws InterruptedException {
         CountDownLatch started = new CountDownLatch(1);
-        worker = ThreadKind.unstarted("events-worker", () -> {
+        CountDownLatch release = new CountDownLatch(1);
+        Thread worker = ThreadKind.unstarted("events-worker", () -> {
             started.countDown();
-            awaitQuietly(release);
+            try {
+                release.await();
+            } catch (InterruptedException e) {
+                Thread.currentThread().interrupt();
+            }
         });
+        worker.setDaemon(true);
         worker.start();
         started.await();
-    }
-
-    @AfterEach
-    void stopWorker() throws InterruptedException {
-        release.countDown();
-        worker.join();
-        api.registerThreadHook(null);
-        api.setActive(false);
-    }
-
-    @Test
-    void onlyThreadsSeenStartingHaveRecords() {
-        // A virtual thread gets its record only when it first needs one.
+        // A virtual thread gets its record only when it first needs one; a thread that started
+        // before the agent listened never has one, and nothing can be switched for it.
         assertEquals(!ThreadKind.VIRTUAL, AgentProbe.hasThreadData(worker));
-        assertTrue(AgentProbe.hasThreadData(Thread.currentThread()));
-        Thread early = systemThreadStartedBeforeTheAgentListened();
+        Thread early = Thread.getAllStackTraces().keySet().stream()
+                .filter(t -> t.getName().equals("Reference Handler")).findFirst().orElseThrow();
         assertFalse(AgentProbe.hasThreadData(early));
         assertFalse(api.setEventNotificationMode(early, JvmtiEvent.BREAKPOINT, true));
-        assertEquals(-1, AgentProbe.userEvents(early));
-    }
+        assertEquals(-1, AgentProbe.clearActiveEvents(early));
 
-    @Test
-    void userAndActiveMasksFollowTheSwitches() {
         assertTrue(api.setEventNotificationMode(worker, JvmtiEvent.BREAKPOINT, true));
-        assertMasks(BREAKPOINT, BREAKPOINT);
         assertTrue(AgentProbe.setEvent(true, JvmtiEvent.SINGLE_STEP, worker, false), "internal switch");
-        assertMasks(BREAKPOINT, BREAKPOINT | SINGLE_STEP);
-        assertEquals("SINGLE_STEP,BREAKPOINT", AgentProbe.eventMaskToString(AgentProbe.activeEvents(worker)));
-
-        assertFalse(api.setEventNotificationMode(worker, JvmtiEvent.THREAD_START, true),
-                "thread start cannot be switched per thread");
-        assertFalse(api.setEventNotificationMode(worker, 999, true));
-        for (int stepping : new int[] {JvmtiEvent.SINGLE_STEP, JvmtiEvent.FRAME_POP, JvmtiEvent.METHOD_ENTRY,
-                JvmtiEvent.METHOD_EXIT}) {
-            assertFalse(api.setEventNotificationMode(worker, stepping, true), "stepping's own events: " + stepping);
-            assertFalse(api.setEventNotificationMode(worker, stepping, false));
+        assertMasks(worker, BREAKPOINT, BREAKPOINT | SINGLE_STEP);
+        // Thread start is VM-wide only; stepping's own events are the agent's alone.
+        for (int refused : new int[] {JvmtiEvent.THREAD_START, 999, JvmtiEvent.SINGLE_STEP, JvmtiEvent.FRAME_POP,
+                JvmtiEvent.METHOD_ENTRY, JvmtiEvent.METHOD_EXIT}) {
+            assertFalse(api.setEventNotificationMode(worker, refused, true), "event " + refused);
+            assertFalse(api.setEventNotificationMode(worker, refused, false), "event " + refused);
         }
-        assertMasks(BREAKPOINT, BREAKPOINT | SINGLE_STEP);
         api.setActive(false);
         assertFalse(api.setEventNotificationMode(worker, JvmtiEvent.FIELD_ACCESS, true), "capability given back");
-        assertMasks(BREAKPOINT, BREAKPOINT | SINGLE_STEP);
         assertTrue(api.setActive(true));
-
-        assertTrue(api.setEventNotificationMode(worker, JvmtiEvent.BREAKPOINT, false));
-        assertMasks(0, SINGLE_STEP);
-        assertTrue(AgentProbe.setEvent(false, JvmtiEvent.SINGLE_STEP, worker, false));
-        assertMasks(0, 0);
-    }
-
-    @Test
-    void clearingAndRestoringBracketAHookCall() {
-        assertTrue(api.setEventNotificationMode(worker, JvmtiEvent.BREAKPOINT, true));
-        assertTrue(AgentProbe.setEvent(true, JvmtiEvent.SINGLE_STEP, worker, false));
+        assertMasks(worker, BREAKPOINT, BREAKPOINT | SINGLE_STEP);
 
         long saved = AgentProbe.clearActiveEvents(worker);
         assertEquals(BREAKPOINT | SINGLE_STEP, saved);
-        assertMasks(BREAKPOINT, 0);
+        assertMasks(worker, BREAKPOINT, 0);
         AgentProbe.restoreUserEvents(worker, -1);
-        assertMasks(BREAKPOINT, BREAKPOINT);
-
+        assertMasks(worker, BREAKPOINT, BREAKPOINT);
         AgentProbe.clearActiveEvents(worker);
         AgentProbe.restoreUserEvents(worker, saved);
-        assertMasks(BREAKPOINT, BREAKPOINT | SINGLE_STEP);
+        assertMasks(worker, BREAKPOINT, BREAKPOINT | SINGLE_STEP);
 
-        Thread early = systemThreadStartedBeforeTheAgentListened();
-        assertEquals(-1, AgentProbe.clearActiveEvents(early));
-        AgentProbe.restoreUserEvents(early, saved);
-        assertEquals(-1, AgentProbe.activeEvents(early));
+        assertTrue(api.setEventNotificationMode(worker, JvmtiEvent.BREAKPOINT, false));
+        assertMasks(worker, 0, SINGLE_STEP);
+        assertTrue(AgentProbe.setEvent(false, JvmtiEvent.SINGLE_STEP, worker, false));
+        assertMasks(worker, 0, 0);
+        release.countDown();
+    }
+
+    private static void assertMasks(Thread thread, long user, long active) {
+        assertEquals(List.of(user, active), List.of(AgentProbe.userEvents(thread), AgentProbe.activeEvents(thread)),
+                "user and active masks");
     }
 
     @Test
@@ -138,28 +118,8 @@ class ThreadEventsProbeTest {
         for (Thread thread : threads) {
             thread.join();
         }
-        assertEquals(null, leaked.get(), "nothing a hook threw reached the application thread");
+        assertNull(leaked.get(), "nothing a hook threw reached the application thread");
         assertTrue(started.containsAll(threads) && ended.containsAll(threads));
         assertTrue(onItself.get(), "each hook call ran on the thread it was about");
-    }
-
-    private void assertMasks(long user, long active) {
-        assertEquals(user, AgentProbe.userEvents(worker), "user mask");
-        assertEquals(active, AgentProbe.activeEvents(worker), "active mask");
-    }
-
-    private static Thread systemThreadStartedBeforeTheAgentListened() {
-        return Thread.getAllStackTraces().keySet().stream()
-                .filter(t -> t.getName().equals("Reference Handler"))
-                .findFirst()
-                .orElseThrow();
-    }
-
-    private static void awaitQuietly(CountDownLatch latch) {
-        try {
-            latch.await();
-        } catch (InterruptedException e) {
-            Thread.currentThread().interrupt();
-        }
     }
 }
