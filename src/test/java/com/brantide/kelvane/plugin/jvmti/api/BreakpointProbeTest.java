@@ -37,65 +37,47 @@ class BreakpointProbeTest {
             assertEquals(41, assertThrows(JVMTIException.class, () -> api.clearBreakpoint(location)).getErrorCode());
             assertEquals(0, AgentProbe.breakpointCount());
         }
-        // Locations without code there are the VM's to refuse: past the end, native, abstract.
-        for (BreakpointLocation noCode : List.of(BreakpointLocation.forMethod(Target.class.getMethod("twice", int.class),
-                10_000), BreakpointLocation.forMethod(Target.class.getMethod("nativeMethod"), 0),
-                new Forged(Runnable.class, "run()V"))) {
-            assertThrows(JVMTIException.class, () -> api.setBreakpoint(noCode), noCode.toString());
-        }
-        assertNull(AgentProbe.roundTrip(new Forged(Target.class, "nothing()V")), "names no method");
         api.setActive(false);
         assertEquals(99, assertThrows(JVMTICapabilityException.class, () -> api.setBreakpoint(twice)).getErrorCode());
         assertEquals(0, AgentProbe.breakpointCount());
     }
 
-    /** A location whose members answer whatever the test wants. */
-    static class Forged extends BreakpointLocation {
-        private final Class<?> memberClass;
-        private final String memberSignature;
-
-        Forged(Class<?> memberClass, String memberSignature) {
-            super(Target.class, "twice(I)I", 0);
-            this.memberClass = memberClass;
-            this.memberSignature = memberSignature;
+    @Test
+    void whatNamesNoCodeIsRefusedByTheVmOrTheAgentWithoutHarm() throws Exception {
+        // Locations without code there are the VM's to refuse: past the end, native, abstract.
+        for (BreakpointLocation noCode : List.of(in(Target.class, "twice(I)I", 10_000),
+                in(Target.class, "nativeMethod()I", 0), in(Runnable.class, "run()V", 0))) {
+            assertThrows(JVMTIException.class, () -> api.setBreakpoint(noCode), noCode.toString());
         }
-
-        @Override
-        public Class<?> getMemberClass() {
-            return memberClass;
-        }
-
-        @Override
-        public String getMemberSignature() {
-            if ("throw".equals(memberSignature)) {
+        assertNull(AgentProbe.roundTrip(in(Target.class, "nothing()V", 0)), "names no method");
+        // Objects that name no code are refused by the agent, whatever they answer or throw.
+        Object throwing = new BreakpointLocation(Target.class, "twice(I)I", 0) {
+            @Override
+            public String getMemberSignature() {
                 throw new IllegalStateException("a location that throws");
             }
-            return memberSignature;
-        }
-    }
+        };
+        Object withoutLocationField = new Object() {
+            public Class<?> getMemberClass() {
+                return Target.class;
+            }
 
-    /** Has the two methods but no location field. */
-    public static class NoLocationField {
-        public Class<?> getMemberClass() {
-            return Target.class;
-        }
-
-        public String getMemberSignature() {
-            return "twice(I)I";
-        }
-    }
-
-    @Test
-    void unusableLocationsAreRefusedWithoutHarm() {
-        for (Object location : Arrays.asList(null, new Object(), new NoLocationField(),
-                new Forged(Target.class, "twice(J)I"), new Forged(Target.class, "twice"),
-                new Forged(null, "twice(I)I"), new Forged(Target.class, null), new Forged(Target.class, "throw"),
-                new Forged(int.class, "twice(I)I"))) {
+            public String getMemberSignature() {
+                return "twice(I)I";
+            }
+        };
+        for (Object location : Arrays.asList(null, new Object(), throwing, withoutLocationField,
+                in(Target.class, "twice(J)I", 0), in(Target.class, "twice", 0), in(null, "twice(I)I", 0),
+                in(Target.class, null, 0), in(int.class, "twice(I)I", 0))) {
             assertEquals("Invalid BreakpointLocation",
                     assertThrows(IllegalArgumentException.class, () -> api.setBreakpoint(location)).getMessage());
             assertThrows(IllegalArgumentException.class, () -> api.clearBreakpoint(location));
         }
         assertEquals(0, AgentProbe.breakpointCount());
+    }
+
+    private static BreakpointLocation in(Class<?> memberClass, String memberSignature, long location) {
+        return new BreakpointLocation(memberClass, memberSignature, location);
     }
 
     @Test

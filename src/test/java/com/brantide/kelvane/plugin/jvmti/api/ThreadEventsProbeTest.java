@@ -6,6 +6,7 @@ import static org.junit.jupiter.api.Assertions.assertNull;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
+import com.brantide.kelvane.plugin.jvmti.fixtures.StackTarget;
 import com.brantide.kelvane.plugin.jvmti.testing.ActiveApi;
 import com.brantide.kelvane.plugin.jvmti.testing.ThreadKind;
 import java.util.ArrayList;
@@ -31,14 +32,7 @@ class ThreadEventsProbeTest {
     void userAndActiveMasksFollowTheSwitchesAndBracketAHookCall() throws InterruptedException {
         CountDownLatch started = new CountDownLatch(1);
         CountDownLatch release = new CountDownLatch(1);
-        Thread worker = ThreadKind.unstarted("events-worker", () -> {
-            started.countDown();
-            try {
-                release.await();
-            } catch (InterruptedException e) {
-                Thread.currentThread().interrupt();
-            }
-        });
+        Thread worker = ThreadKind.unstarted("events-worker", () -> StackTarget.three(started, release));
         worker.setDaemon(true);
         worker.start();
         started.await();
