@@ -22,9 +22,7 @@ import java.util.Map;
 import java.util.concurrent.CompletableFuture;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.TimeoutException;
-import java.util.regex.Matcher;
 import java.util.regex.Pattern;
-import java.util.stream.Collectors;
 import java.util.stream.Stream;
 import org.junit.jupiter.api.BeforeAll;
 import org.junit.jupiter.api.Test;
@@ -49,7 +47,6 @@ class HeapProbeTest {
     @BeforeAll
     static void fillTheHeap() {
         new HeapTarget.Never().hashCode();
-        new HeapTarget.Unreachable().hashCode();
         // Garbage too, which a histogram must not count once a collection has run.
         for (int round = 0; round < 2; round++) {
             HeapTarget.KEPT.clear();
@@ -80,15 +77,16 @@ class HeapProbeTest {
         return byName;
     }
 
-    private static Map<String, List<Long>> jcmdHistogram() throws Exception {
+    /** [count, size] of the class in the VM's own histogram. */
+    private static List<Long> jcmdHistogram(String className) throws Exception {
         // Into a file, not a pipe: newer VMs stream the histogram to jcmd while they hold this VM at
         // a safepoint, so a pipe that this VM must drain would never empty.
         Path output = ChildJvm.workDirectory().resolve("jcmd-histogram.txt");
         assertEquals(0, new ProcessBuilder(Path.of(System.getProperty("java.home"), "bin", "jcmd").toString(),
                 Long.toString(ProcessHandle.current().pid()), "GC.class_histogram", "-all")
                 .redirectOutput(output.toFile()).start().waitFor());
-        return Files.readAllLines(output).stream().map(JCMD_LINE::matcher).filter(Matcher::find).collect(Collectors
-                .toMap(m -> m.group(3), m -> List.of(Long.parseLong(m.group(1)), Long.parseLong(m.group(2))), (a, b) -> b));
+        return Files.readAllLines(output).stream().map(JCMD_LINE::matcher)
+                .filter(m -> m.find() && m.group(3).equals(className)).map(m -> List.of(Long.parseLong(m.group(1)), Long.parseLong(m.group(2)))).findFirst().orElseThrow();
     }
 
     private static GCPathEntry search(String signature, int maxDepth) {
@@ -129,7 +127,7 @@ class HeapProbeTest {
         API.heapHistogram((HistogramCallback) (names, counts, sizes) -> ours.putAll(CompletableFuture
                 .supplyAsync(() -> histogram()).orTimeout(30, TimeUnit.SECONDS).join()), 0);
         API.heapHistogramToFile(link.toString(), 0);
-        List<Long> counted = jcmdHistogram().get(COUNTED_NAME);
+        List<Long> counted = jcmdHistogram(COUNTED_NAME);
         assertEquals(COUNTED, counted.get(0));
         assertEquals(counted, ours.get(COUNTED_NAME), "count and size");
         assertEquals(List.of(0L, 0L), ours.get(HeapTarget.Never.class.getName()), "loaded, no instances");
@@ -170,11 +168,9 @@ class HeapProbeTest {
                 children(search(HeapTarget.Named.class.descriptorString(), 1)));
 
         // Primitive arrays lead nowhere and go unrecorded, unless they are what is searched for.
-        GCPathEntry ints = search("[I", 1);
-        assertTrue(ints.getChildren().stream().anyMatch(e -> e.getClazz() == Object[].class && e.getCount() >= 2 * 150_000),
-                children(ints).toString());
+        assertTrue(children(search("[I", 1)).stream().anyMatch(e -> e.matches("Object\\[]/3/null/[0-9]{6,}")));
 
-        GCPathEntry none = search(HeapTarget.Unreachable.class.descriptorString(), 5);
+        GCPathEntry none = search(HeapTarget.Never.class.descriptorString(), 5);
         assertEquals(Arrays.asList(null, 0, List.of()), Arrays.asList(none.getClazz(), none.getCount(), none.getChildren()));
         List<GCPathEntry> delivered = new ArrayList<>();
         API.gcRoots((GCRootsCallback) delivered::add, "Lno/such/Clazz;", 0, 5);
@@ -232,7 +228,8 @@ class HeapProbeTest {
             List<HeapTarget.Counted> kept = Stream.iterate(0L, i -> i + 1).limit(200_000).map(HeapTarget.Counted::new)
                     .toList();
             try {
-                API.gcRoots((GCRootsCallback) root -> System.out.println("delivered"), HeapTarget.Counted.class.descriptorString(), 0, 3);
+                API.gcRoots((GCRootsCallback) root -> System.out.println("delivered"),
+                        HeapTarget.Counted.class.descriptorString(), 0, 3);
             } catch (IllegalStateException e) {
                 System.out.println(e.getMessage());
             }

@@ -20,6 +20,7 @@ import java.util.Map;
 import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.TimeUnit;
 import java.util.function.Consumer;
+import java.util.stream.Stream;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.extension.RegisterExtension;
@@ -53,20 +54,6 @@ class SuspendedThreadsTest {
         return thread;
     }
 
-    /** A thread that counts up in a loop until the test ends, with breakpoint events switched on. */
-    private Thread spinning() {
-        StepTarget.spinning = true;
-        StepTarget.spins = 0;
-        Thread spinner = start(ThreadKind.unstarted("spinner", () -> {
-            api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, true);
-            StepTarget.spin();
-        }));
-        while (StepTarget.spins < 1000) {
-            Thread.onSpinWait();
-        }
-        return spinner;
-    }
-
     private Thread start(Thread thread) {
         started.add(thread);
         thread.start();
@@ -89,57 +76,53 @@ class SuspendedThreadsTest {
     }
 
     @Test
-    void aDeepStackIsListedWholeNewestFirstFromAnyHeight() throws Exception {
+    void aDeepStackItsLocalsAndMonitorsAreListedNewestFirstFromAnyHeight() throws Exception {
         Thread thread = suspended("deep", 256L << 20, entered -> StackTarget.recurse(10_000, entered, release));
         int depth = api.getStackDepth(thread);
         List<String> all = stack(thread, depth);
         assertEquals(depth, all.size());
         assertEquals(10_001, all.stream().filter("recurse"::equals).count());
         int three = all.indexOf("three");
-        assertEquals(List.of("three", "recurse"), all.subList(three, three + 2));
+        assertEquals(List.of("three", "two", "one", "recurse"), all.subList(three, three + 4));
         assertEquals(all.subList(three, depth), stack(thread, depth - three), "the oldest frames from 'three' down");
         assertEquals(all.subList(depth - 1, depth), stack(thread, 1));
         List<String> locals = new ArrayList<>();
         api.listVariables(thread, depth - three, 1, (VariableCallback) (name, value, signature) -> locals.add(name));
         assertEquals(List.of("entered", "release"), locals);
-        api.resumeThread(thread, StepType.CONTINUE);
 
-        List<String> names = new ArrayList<>();
-        api.listThreads((ThreadCallback) listed -> names.add(listed.getName()));
-        // Only threads the agent saw start, and platform ones: virtual threads are not among the VM's.
-        assertEquals(!ThreadKind.VIRTUAL, names.contains("deep"), names.toString());
-        assertTrue(names.contains(Thread.currentThread().getName()), names.toString());
-        assertFalse(names.contains("Reference Handler"), names.toString());
-    }
-
-    @Test
-    void ownedAndContendedMonitorsAtDepthsOfTheListedFrames() throws Exception {
-        Thread owner = suspended("owner", 0, entered -> StackTarget.one(entered, release));
-        int depth = api.getStackDepth(owner);
-        List<String> all = stack(owner, depth);
         Map<Object, Integer> monitors = new HashMap<>();
-        api.listOwnedMonitors(owner, depth, (MonitorCallback) monitors::put);
-        assertEquals(Map.of(StackTarget.THIRD, all.indexOf("two"), StackTarget.SECOND, all.indexOf("two"),
-                StackTarget.FIRST, all.indexOf("one")), monitors);
+        api.listOwnedMonitors(thread, depth, (MonitorCallback) monitors::put);
+        assertEquals(Map.of(StackTarget.THIRD, three + 1, StackTarget.SECOND, three + 1, StackTarget.FIRST, three + 2),
+                monitors, "at the depths of 'two' and 'one'");
         monitors.clear();
-        api.listOwnedMonitors(owner, depth - all.indexOf("one"), (MonitorCallback) monitors::put);
+        api.listOwnedMonitors(thread, depth - three - 2, (MonitorCallback) monitors::put);
         assertEquals(Map.of(StackTarget.FIRST, 0), monitors, "monitors of frames above the listed ones are left out");
-
         monitors.clear();
-        api.listContendedMonitor(owner, (MonitorCallback) monitors::put);
-        api.resumeThread(owner, StepType.CONTINUE);
+        api.listContendedMonitor(thread, (MonitorCallback) monitors::put);
+        api.resumeThread(thread, StepType.CONTINUE);
         Thread blocked = suspended("blocked", 0, entered -> {
             entered.countDown();
-            StackTarget.one(new CountDownLatch(1), release); // blocks entering the owner's first monitor
+            StackTarget.one(new CountDownLatch(1), release); // blocks entering the first monitor, held by "deep"
         });
         api.listContendedMonitor(blocked, (MonitorCallback) monitors::put);
         api.resumeThread(blocked, StepType.CONTINUE);
         assertEquals(Map.of(StackTarget.FIRST, 0), monitors, "the blocked thread's; the owner waits on no entry");
+
+        List<String> names = new ArrayList<>();
+        api.listThreads((ThreadCallback) listed -> names.add(listed.getName()));
+        // The threads the agent saw start, not the reference handler that started before; virtual ones are not the VM's.
+        assertEquals(List.of(!ThreadKind.VIRTUAL, true, false), Stream.of("deep", Thread.currentThread().getName(),
+                "Reference Handler").map(names::contains).toList(), names.toString());
     }
 
     @Test
     void aSuspendedThreadStandsStillUntilAnyCommandResumesIt() throws Exception {
-        Thread spinner = spinning();
+        StepTarget.spinning = true;
+        Thread spinner = start(ThreadKind.unstarted("spinner", () -> {
+            api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, true);
+            StepTarget.spin();
+        }));
+        assertTrue(spinsWithin(10_000), "spinning");
         assertThrows(IllegalArgumentException.class, () -> api.suspendThread(Thread.currentThread(), null),
                 "a thread that suspended itself could never resume");
         for (int op : new int[] {StepType.CONTINUE, StepType.NOOP, StepType.STOP_WITH_TIMEOUT}) {
