@@ -100,10 +100,10 @@ function(kv_add_junit_suite suffix out)
       list(APPEND names junit.${simple}.singleStepping${suffix} junit.${simple}.compiledStepping${suffix})
     endif()
     # The same scenarios on virtual threads, run by the newest JDK that has them.
-    if(suffix STREQUAL "" AND KV_VIRTUAL_THREAD_JAVA AND simple MATCHES "^(Stepping|CfmlStepping|SmapStepping|EventHooks|SuspendedThreads|Locals|VirtualThreadProbe|EventSwitchesProbe|Dump|ThreadStorm)Test$")
+    if(suffix STREQUAL "" AND KV_VIRTUAL_THREAD_JAVA AND simple MATCHES "^(Stepping|CfmlStepping|SmapStepping|StoppedThreads|VirtualThreadProbe|EventsProbe|Dump|ThreadStorm)Test$")
       set(KV_JAVA ${KV_VIRTUAL_THREAD_JAVA})
       set(kv_stack_option "")
-      if(simple STREQUAL "SuspendedThreadsTest")
+      if(simple STREQUAL "StoppedThreadsTest")
         # A mounted virtual thread runs on its carrier's stack: -Xss sizes them for the deep stack.
         set(kv_stack_option -Xss256m)
       endif()
