@@ -141,7 +141,8 @@ class EventsProbeTest {
         calls.clear();
         onThreadWith(EventTarget::throwUncaught, JvmtiEvent.EXCEPTION);
         // A virtual thread's own run method catches what its task lets through.
-        assertEquals(Arrays.asList("thrown", "uncaught", "throwUncaught", ThreadKind.VIRTUAL ? "run" : null), calls.get(0));
+        assertEquals(Arrays.asList("thrown", "uncaught", "throwUncaught", ThreadKind.VIRTUAL ? "run" : null),
+                calls.get(0), "no catch location in the application");
         assertEquals("uncaught", calls.get(calls.size() - 1).get(0), "the thread still died of it");
     }
 

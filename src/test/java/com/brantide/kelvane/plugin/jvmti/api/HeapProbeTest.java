@@ -81,7 +81,8 @@ class HeapProbeTest {
                 Long.toString(ProcessHandle.current().pid()), "GC.class_histogram", "-all")
                 .redirectOutput(output.toFile()).start().waitFor());
         return Files.readAllLines(output).stream().map(JCMD_LINE::matcher)
-                .filter(m -> m.find() && m.group(3).equals(className)).map(m -> List.of(Long.parseLong(m.group(1)), Long.parseLong(m.group(2)))).findFirst().orElseThrow();
+                .filter(m -> m.find() && m.group(3).equals(className))
+                .map(m -> List.of(Long.parseLong(m.group(1)), Long.parseLong(m.group(2)))).findFirst().orElseThrow();
     }
 
     private static GCPathEntry search(String signature, int maxDepth) {

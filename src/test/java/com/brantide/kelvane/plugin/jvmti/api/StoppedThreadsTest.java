@@ -124,7 +124,8 @@ class StoppedThreadsTest {
 
         List<String> names = new ArrayList<>();
         api.listThreads((ThreadCallback) listed -> names.add(listed.getName()));
-        // The threads the agent saw start, not the reference handler that started before; virtual ones are not the VM's.
+        // The threads the agent saw start, not the reference handler that started before it listened;
+        // virtual threads are not among the VM's.
         assertEquals(List.of(!ThreadKind.VIRTUAL, true, false), Stream.of("deep", Thread.currentThread().getName(),
                 "Reference Handler").map(names::contains).toList(), names.toString());
     }
