@@ -149,6 +149,10 @@ class HeapProbeTest {
         GCPathEntry link = root.getChildren().stream().filter(e -> e.getCount() == 999).findFirst().orElseThrow();
         assertEquals(List.of("Holder/8/head/999"), children(link));
         assertEndsAtRoots(root, 100);
+        int[] inner = new int[1];
+        API.gcRoots((GCRootsCallback) entry -> inner[0] = CompletableFuture.supplyAsync(() -> search(NODE, 2).getCount())
+                .orTimeout(30, TimeUnit.SECONDS).join(), NODE, 0, 2);
+        assertEquals(1000, inner[0], "the callback waited for the same search on another thread");
 
         GCPathEntry inArray = search(HeapTarget.InArray.class.descriptorString(), 1);
         assertEquals(List.of("Object[]/3/null/2"), children(inArray));
