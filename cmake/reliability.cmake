@@ -1,5 +1,5 @@
 # Reliability checks that go beyond the everyday suite: the agent built with sanitizers for runs
-# inside real JVMs, short fuzzing runs of every reader of outside text, and the JUnit suite again
+# inside real JVMs, short fuzzing runs of the readers of class-file text, and the JUnit suite again
 # on other JDKs. Each is off or absent unless asked for or unless its tools are installed.
 
 # ---------------------------------------------------------------------------------------------

@@ -93,14 +93,14 @@ function(kv_add_junit_suite suffix out)
     list(APPEND names junit.${simple}${suffix})
     # Stepping behaves the same whichever way the called code is skipped: by frame-pop requests,
     # by single steps through it, or at compiled speed to a breakpoint at its return.
-    if(simple MATCHES "^Stepping|^CfmlStepping|^SmapStepping")
+    if(simple MATCHES "^Stepping")
       kv_add_junit_test(junit.${simple}.singleStepping${suffix} ${class} ${agent} -Dkv.jvmti.enable.fast.stepping=false)
       kv_add_junit_test(junit.${simple}.compiledStepping${suffix} ${class} ${agent}
                         -Dkv.jvmti.enable.compiled.stepping=true)
       list(APPEND names junit.${simple}.singleStepping${suffix} junit.${simple}.compiledStepping${suffix})
     endif()
     # The same scenarios on virtual threads, run by the newest JDK that has them.
-    if(suffix STREQUAL "" AND KV_VIRTUAL_THREAD_JAVA AND simple MATCHES "^(Stepping|CfmlStepping|SmapStepping|StoppedThreads|VirtualThreadProbe|EventsProbe|Dump|ThreadStorm)Test$")
+    if(suffix STREQUAL "" AND KV_VIRTUAL_THREAD_JAVA AND simple MATCHES "^(Stepping|StoppedThreads|VirtualThreadProbe|EventsProbe|Startup|ThreadStorm)Test$")
       set(KV_JAVA ${KV_VIRTUAL_THREAD_JAVA})
       set(kv_stack_option "")
       if(simple STREQUAL "StoppedThreadsTest")
@@ -109,7 +109,7 @@ function(kv_add_junit_suite suffix out)
       endif()
       kv_add_junit_test(junit.${simple}.virtualThreads ${class} ${agent} -Dkv.test.thread.kind=virtual ${kv_stack_option})
       list(APPEND names junit.${simple}.virtualThreads)
-      if(simple MATCHES "^(Stepping|CfmlStepping|SmapStepping)Test$")
+      if(simple MATCHES "^Stepping")
         kv_add_junit_test(junit.${simple}.virtualThreads.singleStepping ${class} ${agent} -Dkv.test.thread.kind=virtual
                           -Dkv.jvmti.enable.fast.stepping=false)
         kv_add_junit_test(junit.${simple}.virtualThreads.compiledStepping ${class} ${agent} -Dkv.test.thread.kind=virtual

@@ -5,6 +5,7 @@
 #include "global.h"
 #include "kvjvmti.h"
 #include "log.h"
+#include "lookup.h"
 #include "native.h"
 #include "version.h"
 #include "virtual_threads.h"
@@ -38,10 +39,14 @@ KV_NATIVE(jboolean, setActive)(JNIEnv* env, jobject, jboolean active) {
     }
     if (active) {
         g_active = add_upd_capabilities();
+        update_class_events();
+        // Redefinitions while switched off went unheard: line tables read before may be stale.
+        forget_source_lines();
         return g_active ? JNI_TRUE : JNI_FALSE;
     }
     relinquish_debugging_capabilities();
     g_active = false;
+    update_class_events();
     return JNI_FALSE;
 }
 
@@ -57,6 +62,7 @@ KV_NATIVE(jboolean, isExceptionsEnabled)(JNIEnv*, jobject) { return g_exceptions
 
 KV_NATIVE(void, registerClassPrepareHook)(JNIEnv* env, jobject, jobject hook) {
     register_hook(env, g_classPrepareHook, hook);
+    update_class_events();
 }
 
 KV_NATIVE(void, registerBreakpointHook)(JNIEnv* env, jobject, jobject hook) {
@@ -80,4 +86,5 @@ KV_NATIVE(void, registerSteppingAbortedHook)(JNIEnv* env, jobject, jobject hook)
 
 KV_NATIVE(void, registerFileLoadHook)(JNIEnv* env, jobject, jobject hook) {
     register_hook(env, g_fileLoadHook, hook);
+    update_class_events();
 }

@@ -15,7 +15,9 @@
 #include "version.h"
 #include "virtual_threads.h"
 
+#include <chrono>
 #include <cstdlib>
+#include <mutex>
 
 namespace {
 
@@ -46,10 +48,9 @@ struct GlobalEvent {
     const char* name;
 };
 
-// Wanted from load to unload for the whole VM; everything else is switched per thread.
+// Wanted from load to unload for the whole VM; the class events are switched while something
+// listens (update_class_events), everything else per thread.
 const GlobalEvent DEFAULT_EVENTS[] = {
-    {JVMTI_EVENT_CLASS_PREPARE, "ClassPrepare"},
-    {JVMTI_EVENT_CLASS_FILE_LOAD_HOOK, "ClassFileLoadHook"},
     {JVMTI_EVENT_THREAD_START, "ThreadStart"},
     {JVMTI_EVENT_THREAD_END, "ThreadEnd"},
     {JVMTI_EVENT_DATA_DUMP_REQUEST, "DataDumpRequest"},
@@ -157,6 +158,18 @@ void enable_default_events() {
     }
 }
 
+// One VM-wide event to the wanted state; `on` is what the VM was last told.
+void switch_vm_event(bool& on, bool wanted, jvmtiEvent event, const char* name) {
+    if (on == wanted) return;
+    jvmtiError error = g_jvmti->SetEventNotificationMode(wanted ? JVMTI_ENABLE : JVMTI_DISABLE, event, nullptr);
+    if (error == JVMTI_ERROR_NONE) {
+        on = wanted;
+        LOG_DEBUG("\t%s - events %s", name, wanted ? "enabled" : "disabled");
+    } else {
+        LOG_WARN("\t%s - events could not be switched - %s", name, get_error_message(error).c_str());
+    }
+}
+
 // At process exit the hook globals are destroyed while the VM is going away: no JNI call may be
 // made then, whether or not the VM unloaded the agent first.
 void forget_references_at_exit() {
@@ -244,6 +257,24 @@ void dump_capabilities() {
         LOG_DEBUG("\tcan_support_virtual_threads=%d", has_virtual_thread_capability(held) ? 1 : 0);
     }
     if (g_inspection_only) LOG_DEBUG("\t%s", INSPECTION_ONLY_MODE);
+}
+
+// Every class load pays for these two while they are on (with the file hook on, the VM reads each
+// shared class's bytes back from the image), so they are on only while something listens: the
+// class-prepare hook; the file-load hook, or a debugging session, whose line caches and compiled
+// steps must hear of redefinitions.
+void update_class_events() {
+    if (g_jvmti == nullptr) return;
+    // Timed: its holder may be suspended in the VM call; the next change puts a lagging switch right.
+    static auto* lock = new std::timed_mutex();
+    std::unique_lock<std::timed_mutex> guard(*lock, std::chrono::milliseconds(100));
+    if (!guard.owns_lock()) return;
+    static bool prepare_on = false;
+    static bool file_load_on = false;
+    bool prepare = ReferenceCountedJObject(g_classPrepareHook).isSet();
+    bool file_load = ReferenceCountedJObject(g_fileLoadHook).isSet() || (g_active && !g_inspection_only);
+    switch_vm_event(prepare_on, prepare, JVMTI_EVENT_CLASS_PREPARE, "ClassPrepare");
+    switch_vm_event(file_load_on, file_load, JVMTI_EVENT_CLASS_FILE_LOAD_HOOK, "ClassFileLoadHook");
 }
 
 namespace {

@@ -12,6 +12,8 @@ bool add_upd_capabilities();
 void dump_capabilities();
 // Installs the event callbacks; part of start-up, called once.
 void register_callbacks();
+// Switches ClassPrepare and ClassFileLoadHook for the VM to what the hooks and the mode need now.
+void update_class_events();
 
 // The callbacks record for the given configuration, and the names of the callbacks it holds in
 // the order that start-up logs them.
