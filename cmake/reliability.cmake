@@ -1,5 +1,5 @@
 # Reliability checks that go beyond the everyday suite: the agent built with sanitizers for runs
-# inside real JVMs, short fuzzing runs of every reader of outside text, and the JUnit suite again
+# inside real JVMs, short fuzzing runs of the readers of class-file text, and the JUnit suite again
 # on other JDKs. Each is off or absent unless asked for or unless its tools are installed.
 
 # ---------------------------------------------------------------------------------------------
@@ -27,7 +27,9 @@ if(KV_SANITIZE_AGENT)
     target_link_options(${target} PRIVATE ${KV_AGENT_SANITIZE_FLAGS})
   endforeach()
   # The unit tests link the sanitized core; tools/sanitize.sh is their own sanitized run.
-  target_link_options(kv_unit_tests PRIVATE ${KV_AGENT_SANITIZE_FLAGS})
+  if(TARGET kv_unit_tests)
+    target_link_options(kv_unit_tests PRIVATE ${KV_AGENT_SANITIZE_FLAGS})
+  endif()
   # The sanitized library needs the sanitizer runtimes and exports their hooks: the shipped
   # library's export check does not apply to it.
   set_tests_properties(library.exports PROPERTIES DISABLED TRUE)
@@ -37,7 +39,8 @@ endif()
 # The soak (tools/soak.sh): SoakMain of the tests jar runs an embedded Tomcat of Debian's jars in a
 # JVM with the agent loaded. Its options, class path and main class are a java argument file; the
 # first three options are what Tomcat's own start script gives Java 9 and later.
-file(GENERATE OUTPUT ${CMAKE_BINARY_DIR}/soak.args CONTENT "--add-opens=java.base/java.lang=ALL-UNNAMED
+if(TARGET kv_java_tests)
+  file(GENERATE OUTPUT ${CMAKE_BINARY_DIR}/soak.args CONTENT "--add-opens=java.base/java.lang=ALL-UNNAMED
 --add-opens=java.base/java.io=ALL-UNNAMED
 --add-opens=java.rmi/sun.rmi.transport=ALL-UNNAMED
 -agentpath:$<TARGET_FILE:kvjvmti>
@@ -47,6 +50,7 @@ file(GENERATE OUTPUT ${CMAKE_BINARY_DIR}/soak.args CONTENT "--add-opens=java.bas
 -Dkv.soak.work=${CMAKE_BINARY_DIR}/soak
 com.brantide.kelvane.plugin.jvmti.soak.SoakMain
 ")
+endif()
 
 # ---------------------------------------------------------------------------------------------
 # Fuzzing: a short run of each libFuzzer target when clang with libFuzzer is installed (Debian
@@ -122,6 +126,9 @@ if(KV_TEST_JDKS STREQUAL "auto")
   endforeach()
 elseif(KV_TEST_JDKS)
   set(kv_other_jdks ${KV_TEST_JDKS})
+endif()
+if(NOT TARGET kv_java_tests)
+  set(kv_other_jdks "")
 endif()
 foreach(home ${kv_other_jdks})
   if(NOT EXISTS ${home}/bin/java)

@@ -151,7 +151,6 @@ jvmtiCapabilities library_debugging_capabilities() {
 jvmtiCapabilities library_kept_capabilities() {
     jvmtiCapabilities c{};
     c.can_tag_objects = c.can_get_source_file_name = c.can_get_line_numbers = c.can_get_source_debug_extension = 1;
-    c.can_generate_object_free_events = 1;
     add_virtual_thread_capability(&c);
     return c;
 }

@@ -5,7 +5,7 @@
 //   env                a JVMTI environment and nothing more (also what an empty option means)
 //   basic              the capabilities the library holds from load on whatever its mode:
 //                      can_tag_objects, can_get_source_file_name, can_get_line_numbers,
-//                      can_get_source_debug_extension, can_generate_object_free_events
+//                      can_get_source_debug_extension
 //   class-file-hook    ClassFileLoadHook events switched on for the VM, with a callback that
 //                      leaves every class as it is
 //   class-prepare      ClassPrepare events switched on for the VM, with a callback that does nothing
@@ -50,7 +50,6 @@ void add_basic_capabilities() {
     g_capabilities.can_get_source_file_name = 1;
     g_capabilities.can_get_line_numbers = 1;
     g_capabilities.can_get_source_debug_extension = 1;
-    g_capabilities.can_generate_object_free_events = 1;
 }
 
 // Every class is left as it is: no new bytes.

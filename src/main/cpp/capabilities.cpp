@@ -1,7 +1,5 @@
 #include "capabilities.h"
 
-#include "virtual_threads.h"
-
 #include <cstring>
 
 #define KV_CAPABILITY_FIELD_LIST(X)                                                                           \
@@ -23,6 +21,41 @@
 
 #define KV_CAPABILITY_ENTRY(field) {#field, [](const jvmtiCapabilities& caps) { return caps.field != 0; }},
 
+namespace {
+// The position of can_generate_sampled_object_alloc_events in the record, as this compiler lays
+// out its bit fields.
+size_t sampled_allocation_bit() {
+    jvmtiCapabilities probe{};
+    probe.can_generate_sampled_object_alloc_events = 1;
+    unsigned char bytes[sizeof probe];
+    std::memcpy(bytes, &probe, sizeof probe);
+    for (size_t bit = 0; bit < sizeof probe * 8; bit++) {
+        if ((bytes[bit / 8] >> (bit % 8) & 1) != 0) return bit;
+    }
+    return 0;
+}
+
+const size_t VIRTUAL_THREAD_BIT = sampled_allocation_bit() + 1;
+}  // namespace
+
+bool has_virtual_thread_capability(const jvmtiCapabilities& caps) {
+    unsigned char bytes[sizeof caps];
+    std::memcpy(bytes, &caps, sizeof caps);
+    return (bytes[VIRTUAL_THREAD_BIT / 8] >> (VIRTUAL_THREAD_BIT % 8) & 1) != 0;
+}
+
+void set_virtual_thread_capability(jvmtiCapabilities* caps, bool held) {
+    unsigned char bytes[sizeof *caps];
+    std::memcpy(bytes, caps, sizeof *caps);
+    auto mask = static_cast<unsigned char>(1u << (VIRTUAL_THREAD_BIT % 8));
+    if (held) {
+        bytes[VIRTUAL_THREAD_BIT / 8] |= mask;
+    } else {
+        bytes[VIRTUAL_THREAD_BIT / 8] &= static_cast<unsigned char>(~mask);
+    }
+    std::memcpy(caps, bytes, sizeof *caps);
+}
+
 const CapabilityField CAPABILITY_FIELDS[CAPABILITY_FIELD_COUNT] = {KV_CAPABILITY_FIELD_LIST(KV_CAPABILITY_ENTRY)};
 
 jvmtiCapabilities basic_capabilities() {
@@ -31,7 +64,6 @@ jvmtiCapabilities basic_capabilities() {
     caps.can_get_source_file_name = 1;
     caps.can_get_line_numbers = 1;
     caps.can_get_source_debug_extension = 1;
-    caps.can_generate_object_free_events = 1;
     return caps;
 }
 
@@ -83,6 +115,5 @@ jvmtiCapabilities without_basic(jvmtiCapabilities caps) {
     caps.can_get_source_file_name = 0;
     caps.can_get_line_numbers = 0;
     caps.can_get_source_debug_extension = 0;
-    caps.can_generate_object_free_events = 0;
     return caps;
 }

@@ -28,6 +28,11 @@ jvmtiCapabilities capabilities_in_both(const jvmtiCapabilities& a, const jvmtiCa
 // refusal of a debugging feature.
 extern const char* const INSPECTION_ONLY_MODE;
 
+// can_support_virtual_threads: the bit after can_generate_sampled_object_alloc_events, which the
+// JDK 17 record leaves unnamed.
+bool has_virtual_thread_capability(const jvmtiCapabilities& caps);
+void set_virtual_thread_capability(jvmtiCapabilities* caps, bool held);
+
 // The given set less the basic set and virtual-thread support: what setActive(false) and start-up
 // give back.
 jvmtiCapabilities without_basic(jvmtiCapabilities caps);

@@ -1,18 +1,27 @@
 #include "compiled_step.h"
 
-#include "breakpoint.h"
+#include "breakpoints.h"
 #include "events.h"
 #include "global.h"
 #include "log.h"
 #include "resources.h"
-#include "step_command.h"
+#include "step_data.h"
 #include "step_depth.h"
-#include "stepping.h"
 #include "thread.h"
+#include "thread_cleanups.h"
 
 #include <memory>
 
-StepData::~StepData() { end_return_wait(this); }
+namespace {
+// A step still waiting for a return gives its breakpoint back when its thread ends, while the
+// thread can.
+void end_own_wait(JNIEnv*) {
+    ThreadData* own = own_thread_data();
+    if (own != nullptr) end_return_wait(own->step.take().get());
+}
+
+[[maybe_unused]] const bool ends_waits_at_thread_end = on_thread_end(end_own_wait, CleanupAt::EVERY_THREAD_END);
+}  // namespace
 
 bool wait_for_return_at_speed(jthread thread, ThreadData* data, StepData* step, jint frame, jint height) {
     if (!g_compiled_stepping || data == nullptr || step->frame_pops_only.load()) return false;
@@ -39,10 +48,6 @@ bool wait_for_return_at_speed(jthread thread, ThreadData* data, StepData* step, 
     return true;
 }
 
-void end_return_wait(StepData* step) {
-    if (step != nullptr && step->waiting.exchange(false)) drop_return_breakpoint(step->wait_method, step->wait_location);
-}
-
 namespace {
 // The step of the calling thread while it waits for a return, with the thread's current height;
 // null when it does not wait.
@@ -59,7 +64,7 @@ void single_step_on(jthread thread, ThreadData* data, StepData* step) {
 }
 }  // namespace
 
-bool reach_return(JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
+bool reach_return(jthread thread, jmethodID method, jlocation location) {
     ThreadData* data = own_thread_data();
     jint height = 0;
     std::shared_ptr<StepData> step = waiting_step(thread, data, &height);
@@ -69,19 +74,17 @@ bool reach_return(JNIEnv* env, jthread thread, jmethodID method, jlocation locat
     if (height > step->wait_height) return false;
     LOG_DEBUG("RETURN REACHED %p@%d height=%d", static_cast<void*>(method), static_cast<int>(location), height);
     single_step_on(thread, data, step.get());
-    judge_step_at(env, thread, method, location);
     return true;
 }
 
-void catch_during_return_wait(JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
+bool catch_during_return_wait(jthread thread) {
     ThreadData* data = own_thread_data();
     jint height = 0;
     std::shared_ptr<StepData> step = waiting_step(thread, data, &height);
-    if (!step || height > step->wait_height) return;
+    if (!step || height > step->wait_height) return false;
     LOG_DEBUG("RETURN WAIT ended by a catch at height %d", height);
     single_step_on(thread, data, step.get());
-    // The interpreter goes on at the handler without a single-step event for its first instruction.
-    judge_step_at(env, thread, method, location);
+    return true;
 }
 
 void before_redefinition(JNIEnv* env) {

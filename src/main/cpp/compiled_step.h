@@ -16,17 +16,14 @@ struct ThreadData;
 // be known, a place the VM refuses): the caller then waits with a frame-pop request.
 bool wait_for_return_at_speed(jthread thread, ThreadData* data, StepData* step, jint frame, jint height);
 
-// Ends the step's wait, if it waits: gives its breakpoint back. Once per wait, from any thread.
-void end_return_wait(StepData* step);
-
 // From the breakpoint callback, on the event thread: true when the event is the return its step
 // waits for (at the stack height where the wait began, so not a recursion's nor another
-// thread's), which then goes on by single steps, judged from this place.
-bool reach_return(JNIEnv* env, jthread thread, jmethodID method, jlocation location);
+// thread's), which then goes on by single steps: the caller judges the step from this place.
+bool reach_return(jthread thread, jmethodID method, jlocation location);
 
-// From the exception-catch callback: a catch at or above the frame a step waits in ends the wait,
-// and the step goes on by single steps, judged from the handler.
-void catch_during_return_wait(JNIEnv* env, jthread thread, jmethodID method, jlocation location);
+// From the exception-catch callback: true when a catch at or above the frame a step waits in
+// ended the wait; the step goes on by single steps, and the caller judges it from the handler.
+bool catch_during_return_wait(jthread thread);
 
 // From the class-file-load hook, before a class is redefined: the redefinition clears the VM's
 // breakpoints in the class, so every waiting step goes on by single steps and frame-pop requests.

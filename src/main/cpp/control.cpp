@@ -1,14 +1,18 @@
 // The natives that switch the agent on and off, report its versions and settings, and hold the
 // managed hooks.
 #include "capabilities.h"
+#include "class_registry.h"
 #include "exception.h"
 #include "global.h"
+#include "hooks.h"
 #include "kvjvmti.h"
 #include "log.h"
-#include "lookup.h"
 #include "native.h"
+#include "reference.h"
+#include "resources.h"
+#include "source_lines.h"
+#include "thread.h"
 #include "version.h"
-#include "virtual_threads.h"
 
 namespace {
 void register_hook(JNIEnv* env, ReferenceCountedJObject& hook, jobject object) {
@@ -87,4 +91,21 @@ KV_NATIVE(void, registerSteppingAbortedHook)(JNIEnv* env, jobject, jobject hook)
 KV_NATIVE(void, registerFileLoadHook)(JNIEnv* env, jobject, jobject hook) {
     register_hook(env, g_fileLoadHook, hook);
     update_class_events();
+}
+
+KV_NATIVE(void, registerOsgiClass)(JNIEnv* env, jobject /*self*/, jstring name, jclass clazz) {
+    if (name == nullptr) {
+        throw_exception(env, ILLEGAL_ARGUMENT, "name is null");
+        return;
+    }
+    if (clazz == nullptr) {
+        throw_exception(env, ILLEGAL_ARGUMENT, "clazz is null");
+        return;
+    }
+    StringUtfChars chars(env, name);
+    if (chars.get() == nullptr) return;  // out of memory: the VM's error stays pending
+    LOG_DEBUG("registered %s", chars.get());
+    if (!register_osgi_class(env, chars.get(), clazz)) {
+        throw_exception(env, ILLEGAL_STATE, "Cannot register the class: out of memory");
+    }
 }

@@ -1,93 +1,39 @@
 #include "dispatch.h"
 
 #include "boxing.h"
-#include "breakpoint.h"
+#include "breakpoint_location.h"
+#include "breakpoints.h"
 #include "compiled_step.h"
 #include "events.h"
 #include "global.h"
+#include "hook_call.h"
 #include "hooks.h"
 #include "log.h"
-#include "lookup.h"
+#include "object_methods.h"
+#include "reference.h"
 #include "resources.h"
-#include "step_command.h"
-#include "thread.h"
-#include "virtual_threads.h"
+#include "source_lines.h"
+#include "step_stop.h"
+#include "stepping.h"
+#include "thread_info.h"
 
-#include <cstdarg>
 #include <cstring>
-#include <optional>
 
 namespace {
-#define KV_LOCATION "Lcom/brantide/kelvane/plugin/jvmti/BreakpointLocation;"
-#define KV_CONTEXT "Lcom/brantide/kelvane/plugin/jvmti/ThreadContext;"
-constexpr const char* BREAKPOINT_HIT = "(" KV_LOCATION KV_CONTEXT ")I";
+#define KV_LOCATION KV_BREAKPOINT_LOCATION_TYPE
+#define KV_CONTEXT KV_THREAD_CONTEXT_TYPE
 constexpr const char* FIELD_ACCESS = "(" KV_LOCATION KV_CONTEXT "Ljava/lang/Class;Ljava/lang/Object;Ljava/lang/reflect/Field;)I";
 constexpr const char* FIELD_MODIFIED =
     "(" KV_LOCATION KV_CONTEXT "Ljava/lang/Class;Ljava/lang/Object;Ljava/lang/reflect/Field;Ljava/lang/Object;)I";
-constexpr const char* FIELD_MODIFIED_COMPLETE = "(" KV_LOCATION KV_CONTEXT ")I";
 constexpr const char* EXCEPTION_THROWN = "(" KV_LOCATION KV_CONTEXT "Ljava/lang/Throwable;" KV_LOCATION ")I";
 constexpr const char* EXCEPTION_CATCH = "(" KV_LOCATION KV_CONTEXT "Ljava/lang/Throwable;)I";
 #undef KV_LOCATION
 #undef KV_CONTEXT
-constexpr jint ACC_STATIC_BIT = 0x0008;
-
-// Where the thread's last step stopped, when a breakpoint stands there too: the VM reports the
-// single step and then the breakpoint at the same place, and a person expects one stop.
-thread_local jmethodID t_step_stop_method = nullptr;
-thread_local jlocation t_step_stop_location = -1;
-
-// One hook call on an event thread: its events are off from construction until finish or abandon.
-// The thread's record is found once, for the whole call.
-class HookCall {
-public:
-    HookCall(JNIEnv* env, jthread thread, jmethodID method, jlocation location)
-        : m_env(env), m_thread(thread), m_method(method), m_location(location), m_data(record_of(env, thread)),
-          m_saved(clear_active_events(m_data, thread)) {}
-
-    jobject location_object(jmethodID method, jlocation location) {
-        return BreakpointLocation(method, location).to_java(m_env);
-    }
-    // Restores what was on before the hook: the hook was not called.
-    void abandon() { restore_user_events(m_data, m_thread, m_saved); }
-    // Acts on the hook's answer; NOOP gets back every event the thread had, a step in progress
-    // included, anything else only the user's events and what the command has just switched on.
-    void finish(jint command) {
-        if (apply_step_command(m_env, m_thread, m_data, m_method, m_location, command)) {
-            fire_stepping_aborted(m_env, m_thread);
-        }
-        restore_user_events(m_data, m_thread, command == STEP_NOOP ? m_saved : NO_SAVED_EVENTS);
-    }
-
-private:
-    // The event thread's record; a virtual thread gets one when a hook is first called on it.
-    ThreadData* record_of(JNIEnv* env, jthread thread) {
-        ThreadData* own = own_thread_data();
-        if (own != nullptr || !is_virtual_thread(env, thread)) return own;
-        return m_made.emplace(thread, true).get();
-    }
-
-    std::optional<ThreadDataAccess> m_made;  // before m_data, which it may hold
-    JNIEnv* m_env;
-    jthread m_thread;
-    jmethodID m_method;
-    jlocation m_location;
-    ThreadData* m_data;
-    jlong m_saved;
-};
-
-jint call_int_hook(JNIEnv* env, jobject hook, jmethodID method, const char* name, ...) {
-    va_list args;
-    va_start(args, name);
-    jint command = env->CallIntMethodV(hook, method, args);
-    va_end(args);
-    clear_hook_exception(env, name);
-    return command;
-}
 
 jobject reflect_field(JNIEnv* env, jclass field_klass, jfieldID field) {
     jint modifiers = 0;
     if (g_jvmti->GetFieldModifiers(field_klass, field, &modifiers) != JVMTI_ERROR_NONE) return nullptr;
-    jobject reflected = env->ToReflectedField(field_klass, field, (modifiers & ACC_STATIC_BIT) != 0);
+    jobject reflected = env->ToReflectedField(field_klass, field, (modifiers & ACC_STATIC) != 0);
     if (reflected == nullptr) env->ExceptionClear();
     return reflected;
 }
@@ -171,69 +117,12 @@ void report_exception(JNIEnv* env, jthread thread, jmethodID method, jlocation l
 }
 }  // namespace
 
-bool fire_breakpoint_hit(JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
-    LOG_DEBUG("%p", static_cast<void*>(thread));
-    ReferenceCountedJObject hook(g_breakpointHook);
-    if (!hook.isSet()) return false;
-    jmethodID hit = hook.method(env, 0, "breakpointHit", BREAKPOINT_HIT);
-    if (hit == nullptr) {
-        LOG_DEBUG("rtn = %d %s", STEP_NOOP, "NOOP");
-        return false;
-    }
-    HookCall call(env, thread, method, location);
-    // Called once per event callback, whose local references the VM frees when it returns: the
-    // hottest path of the agent does not delete them one by one.
-    jobject where = call.location_object(method, location);
-    jobject context = get_thread_context(env, thread);
-    if (context == nullptr) {
-        LOG_DEBUG("rtn = %d %s", STEP_NOOP, "NOOP");
-        call.abandon();
-        return false;
-    }
-    jint command = call_int_hook(env, hook.get(), hit, "breakpointHit", where, context);
-    call.finish(command);
-    LOG_DEBUG("rtn = %d %s", command, step_type_name(command));
-    return true;
-}
-
-bool fire_step_stop(JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
-    bool marked = has_breakpoint(method, location);
-    if (marked) {
-        t_step_stop_method = method;
-        t_step_stop_location = location;
-    }
-    bool fired = fire_breakpoint_hit(env, thread, method, location);
-    // The breakpoint event follows only while the VM reports breakpoints for the thread. When the
-    // hook switched them off, nothing comes to take the marker away, and the next genuine hit here
-    // would be taken for the one it stands for.
-    if (marked && !is_reported_by_vm(JVMTI_EVENT_BREAKPOINT)) t_step_stop_method = nullptr;
-    return fired;
-}
-
-std::optional<jint> fire_field_modification_complete(JNIEnv* env, jthread thread, jmethodID method,
-                                                     jlocation location) {
-    std::optional<jint> answer;
-    ReferenceCountedJObject hook(g_fieldHook);
-    if (!hook.isSet()) return answer;
-    jmethodID complete = hook.method(env, 2, "fieldModifiedComplete", FIELD_MODIFIED_COMPLETE);
-    if (complete == nullptr) return answer;
-    clear_active_events(thread);
-    LocalRef<jobject> where(env, BreakpointLocation(method, location).to_java(env));
-    LocalRef<jobject> context(env, get_thread_context(env, thread));
-    if (context) {
-        answer = call_int_hook(env, hook.get(), complete, "fieldModifiedComplete", where.get(), context.get());
-        handle_breakpoint_hit_return(env, thread, method, location, *answer);
-    }
-    restore_user_events(thread, NO_SAVED_EVENTS);
-    return answer;
-}
-
 namespace {
 // A breakpoint of the agent's, where a step waits for a return: the step goes on if it is the
 // thread's own return. True when no hook may hear of the event: no user's breakpoint stands there.
 bool is_agents_own(JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
     PendingExceptionKeeper keeper(env);
-    reach_return(env, thread, method, location);
+    if (reach_return(thread, method, location)) judge_step_at(env, thread, method, location);
     return !has_breakpoint(method, location);
 }
 }  // namespace
@@ -241,17 +130,11 @@ bool is_agents_own(JNIEnv* env, jthread thread, jmethodID method, jlocation loca
 void JNICALL Breakpoint(jvmtiEnv*, JNIEnv* env, jthread thread, jmethodID method, jlocation location) {
     if (has_return_breakpoints() && is_agents_own(env, thread, method, location)) return;
     // A step's marker stands for the one breakpoint event that follows its stop, whether or not the
-    // thread wants breakpoints now, and for no later one.
-    bool follows_step_stop = t_step_stop_method == method && t_step_stop_location == location;
-    t_step_stop_method = nullptr;
-    if (follows_step_stop || !is_event_wanted(JVMTI_EVENT_BREAKPOINT)) return;
+    // thread wants breakpoints now.
+    if (follows_step_stop(method, location) || !is_event_wanted(JVMTI_EVENT_BREAKPOINT)) return;
     LOG_DEBUG("%p", static_cast<void*>(thread));
     PendingExceptionKeeper keeper(env);
     fire_breakpoint_hit(env, thread, method, location);
-}
-
-void forget_step_stop(jmethodID method, jlocation location) {
-    if (t_step_stop_method != method || t_step_stop_location != location) t_step_stop_method = nullptr;
 }
 
 void JNICALL FieldAccess(jvmtiEnv*, JNIEnv* env, jthread thread, jmethodID method, jlocation location,
@@ -279,7 +162,8 @@ void JNICALL Exception(jvmtiEnv*, JNIEnv* env, jthread thread, jmethodID method,
 void JNICALL ExceptionCatch(jvmtiEnv*, JNIEnv* env, jthread thread, jmethodID method, jlocation location,
                             jobject exception) {
     PendingExceptionKeeper keeper(env);
-    if (g_compiled_stepping) catch_during_return_wait(env, thread, method, location);
+    // The interpreter goes on at the handler without a single-step event for its first instruction.
+    if (g_compiled_stepping && catch_during_return_wait(thread)) judge_step_at(env, thread, method, location);
     if (!g_exceptions_enabled || !is_event_wanted(JVMTI_EVENT_EXCEPTION_CATCH)) return;
     report_exception(env, thread, method, location, exception, false, nullptr, 0);
 }

@@ -1,14 +1,17 @@
 #include "dump.h"
 
-#include "breakpoint.h"
+#include "breakpoints.h"
 #include "capabilities.h"
 #include "event_mask.h"
 #include "events.h"
+#include "field_watches.h"
 #include "global.h"
+#include "hooks.h"
 #include "log.h"
+#include "reference.h"
 #include "resources.h"
 #include "thread.h"
-#include "virtual_threads.h"
+#include "thread_info.h"
 #include "version.h"
 
 namespace {

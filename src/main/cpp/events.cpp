@@ -1,14 +1,17 @@
 #include "events.h"
 
-#include <chrono>
-
 #include "capabilities.h"
+#include "error_name.h"
 #include "event_mask.h"
 #include "exception.h"
 #include "global.h"
+#include "lock.h"
 #include "log.h"
 #include "native.h"
 #include "thread.h"
+#include "thread_info.h"
+
+#include <chrono>
 
 namespace {
 void record_switch(ThreadData* data, jvmtiEventMode mode, jint event, bool user) {
@@ -68,10 +71,6 @@ std::atomic<jlong> g_vm_wide_events{0};
 }  // namespace
 
 namespace {
-// Held longer than this only by a thread suspended in the middle of its own switch: going on
-// without the lock then risks a mask out of step for one event, waiting risks a deadlock.
-constexpr auto SWITCH_LOCK_PATIENCE = std::chrono::milliseconds(100);
-
 // Whether the VM accepted a switch; a refusal is logged as set_event logs it.
 bool accepted(jvmtiError error, jint event, jthread thread) {
     // A thread that has ended, or a VM that is shutting down, refuses every switch: expected, not
@@ -99,7 +98,7 @@ bool switch_event(ThreadData* data, jvmtiEventMode mode, jint event, jthread thr
     // race with leaves at worst a mask claiming an event the VM no longer reports, which costs
     // nothing, and the next switch that needs the VM puts it right.
     if (needs_vm(data, mode, event, user)) {
-        std::unique_lock<std::timed_mutex> guard(data->switch_lock, SWITCH_LOCK_PATIENCE);
+        auto guard = lock_patiently(data->switch_lock);
         if (!guard.owns_lock()) LOG_DEBUG("switch lock of thread %ld busy, switching without it", data->thread_id);
         bool call_vm = needs_vm(data, mode, event, user);
         jvmtiError error =
@@ -121,7 +120,7 @@ bool switch_event(ThreadData* data, jvmtiEventMode mode, jint event, jthread thr
 // thread alone, and a switch-off made on another thread would not reach it.
 bool switch_vm_wide(jvmtiEventMode mode, jint event) {
     static auto* lock = new std::timed_mutex();
-    std::unique_lock<std::timed_mutex> guard(*lock, SWITCH_LOCK_PATIENCE);
+    auto guard = lock_patiently(*lock);
     if (!guard.owns_lock()) LOG_DEBUG("VM-wide switch lock busy, switching without it");
     jvmtiError error = g_jvmti->SetEventNotificationMode(mode, static_cast<jvmtiEvent>(event), nullptr);
     if (!accepted(error, event, nullptr)) return false;
@@ -164,13 +163,6 @@ void switch_bits(ThreadData* data, jvmtiEventMode mode, jlong mask, jthread thre
     }
 }
 
-void switch_from_bitmask(jvmtiEventMode mode, jlong mask, jthread thread) {
-    if (mask == 0) return;
-    ThreadDataAccess access(thread);
-    ThreadData* data = record_for_switch(access, JVMTI_MIN_EVENT_TYPE_VAL, thread);
-    if (data != nullptr) switch_bits(data, mode, mask, thread);
-}
-
 }  // namespace
 
 bool set_event(jvmtiEventMode mode, jint event, jthread thread, bool user) {
@@ -184,7 +176,7 @@ bool set_event(jvmtiEventMode mode, jint event, jthread thread, bool user) {
 bool keep_reported(ThreadData* data, jint event, jthread thread) {
     if (data == nullptr) return false;
     if ((data->vm_events.load() & event_bit(event)) != 0) return true;
-    std::unique_lock<std::timed_mutex> guard(data->switch_lock, SWITCH_LOCK_PATIENCE);
+    auto guard = lock_patiently(data->switch_lock);
     if ((data->vm_events.load() & event_bit(event)) != 0) return true;
     jvmtiError error = g_jvmti->SetEventNotificationMode(JVMTI_ENABLE, static_cast<jvmtiEvent>(event), thread);
     if (!accepted(error, event, thread)) return false;
@@ -199,10 +191,6 @@ bool set_event(ThreadData* data, jvmtiEventMode mode, jint event, jthread thread
     }
     return switch_event(data, mode, event, thread, false);
 }
-
-void clear_events_from_bitmask(jlong mask, jthread thread) { switch_from_bitmask(JVMTI_DISABLE, mask, thread); }
-
-void set_events_from_bitmask(jlong mask, jthread thread) { switch_from_bitmask(JVMTI_ENABLE, mask, thread); }
 
 jlong clear_active_events(jthread thread) {
     ThreadDataAccess access(thread);
@@ -265,14 +253,6 @@ bool enable_single_step(jthread thread) { return set_event(JVMTI_ENABLE, JVMTI_E
 bool disable_single_step(jthread thread) { return set_event(JVMTI_DISABLE, JVMTI_EVENT_SINGLE_STEP, thread, false); }
 bool enable_frame_pop(jthread thread) { return set_event(JVMTI_ENABLE, JVMTI_EVENT_FRAME_POP, thread, false); }
 bool disable_frame_pop(jthread thread) { return set_event(JVMTI_DISABLE, JVMTI_EVENT_FRAME_POP, thread, false); }
-bool enable_exception(jthread thread) { return set_event(JVMTI_ENABLE, JVMTI_EVENT_EXCEPTION, thread, false); }
-bool disable_exception(jthread thread) { return set_event(JVMTI_DISABLE, JVMTI_EVENT_EXCEPTION, thread, false); }
-bool enable_exception_catch(jthread thread) {
-    return set_event(JVMTI_ENABLE, JVMTI_EVENT_EXCEPTION_CATCH, thread, false);
-}
-bool disable_exception_catch(jthread thread) {
-    return set_event(JVMTI_DISABLE, JVMTI_EVENT_EXCEPTION_CATCH, thread, false);
-}
 
 namespace {
 // The events that drive stepping belong to the agent alone: in a thread's user mask, every hook's

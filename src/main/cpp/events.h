@@ -31,9 +31,6 @@ jlong vm_wide_events();
 // Whether the VM reports the event for the calling thread (switched on for it and not off since).
 bool is_reported_by_vm(jint event);
 
-void clear_events_from_bitmask(jlong mask, jthread thread);
-void set_events_from_bitmask(jlong mask, jthread thread);
-
 // Switches off everything active for the thread while a managed hook runs; returns what was
 // active, or NO_SAVED_EVENTS when the thread has no record.
 constexpr jlong NO_SAVED_EVENTS = -1;
@@ -47,7 +44,3 @@ bool enable_single_step(jthread thread);
 bool disable_single_step(jthread thread);
 bool enable_frame_pop(jthread thread);
 bool disable_frame_pop(jthread thread);
-bool enable_exception(jthread thread);
-bool disable_exception(jthread thread);
-bool enable_exception_catch(jthread thread);
-bool disable_exception_catch(jthread thread);

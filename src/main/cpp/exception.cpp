@@ -1,10 +1,11 @@
 #include "exception.h"
 
 #include "capabilities.h"
+#include "class_registry.h"
+#include "error_name.h"
 #include "global.h"
 #include "log.h"
-#include "lookup.h"
-#include "native.h"
+#include "reference.h"
 #include "resources.h"
 
 #include <cstdarg>
@@ -55,19 +56,6 @@ void raise_registered(JNIEnv* env, jclass clazz, jvmtiError error, const std::st
     env->Throw(exception.get());
 }
 }  // namespace
-
-std::string get_error_message(jvmtiError error) {
-    std::string result;
-    if (g_jvmti == nullptr) return result;
-    JvmtiBuffer<char> name;
-    jvmtiError status = g_jvmti->GetErrorName(error, name.out());
-    if (status != JVMTI_ERROR_NONE) {
-        LOG_ERROR("GetErrorName failed %d", status);
-        return result;
-    }
-    result = name.get();
-    return result;
-}
 
 jint throw_exception(JNIEnv* env, const char* className, const char* format, ...) {
     if (exception_pending(env, className)) return -1;

@@ -1,13 +1,10 @@
-// JVMTI error names and the managed exceptions that native methods raise.
+// The managed exceptions that native methods raise.
 #pragma once
 
 #include <jni.h>
 #include <jvmti.h>
 
 #include <string>
-
-// The JVMTI name of an error, such as JVMTI_ERROR_INVALID_THREAD; empty when it cannot be had.
-std::string get_error_message(jvmtiError error);
 
 // Raises an exception of the named class (slash form) with a printf-formatted message cut at
 // 1023 characters. Returns the ThrowNew result, or -1 when nothing was raised (the class is
@@ -21,6 +18,11 @@ void throw_jvmti_exception(JNIEnv* env, jvmtiError error);
 
 // Raises an IllegalStateException describing an operating-system error number.
 void throw_errno(JNIEnv* env, int errnum);
+
+// False, with an IllegalStateException raised, when the library runs without its JVMTI
+// environment: loaded as a plain JNI library (System.load) instead of as an agent, or refused the
+// environment at load. Every native that needs the VM's tool interface asks first.
+bool require_agent(JNIEnv* env);
 
 // Exception class names in the JNI slash form.
 constexpr const char* ILLEGAL_ARGUMENT = "java/lang/IllegalArgumentException";

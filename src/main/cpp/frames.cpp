@@ -1,5 +1,6 @@
 #include "frames.h"
 
+#include "frame_rules.h"
 #include "global.h"
 #include "resources.h"
 

@@ -1,15 +1,17 @@
 #include "gcroots.h"
 
 #include "arena.h"
+#include "class_registry.h"
 #include "exception.h"
 #include "global.h"
-#include "heap.h"
 #include "heap_memory.h"
+#include "loaded_classes.h"
 #include "lock.h"
 #include "log.h"
-#include "lookup.h"
 #include "native.h"
+#include "reference.h"
 #include "resources.h"
+#include "walk_limit.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -1,5 +1,6 @@
 #include "global.h"
 
+
 JavaVM* g_vm = nullptr;
 jvmtiEnv* g_jvmti = nullptr;
 jint g_jvmti_version = 0;
@@ -13,13 +14,11 @@ bool g_exceptions_enabled = true;
 std::atomic<jint> MAX_STEP{DEFAULT_MAX_STEP};
 long g_heap_walk_max_mb = 64;
 
+JNIEnv* current_env() {
+    JNIEnv* env = nullptr;
+    if (g_vm == nullptr || g_vm->GetEnv(reinterpret_cast<void**>(&env), JNI_VERSION_1_6) != JNI_OK) return nullptr;
+    return env;
+}
+
 JavaLock* PAUSE_LOCK = nullptr;
 JavaLock* TAG_LOCK = nullptr;
-
-ReferenceCountedJObject g_classPrepareHook;
-ReferenceCountedJObject g_breakpointHook;
-ReferenceCountedJObject g_exceptionHook;
-ReferenceCountedJObject g_threadHook;
-ReferenceCountedJObject g_fieldHook;
-ReferenceCountedJObject g_stepHook;
-ReferenceCountedJObject g_fileLoadHook;

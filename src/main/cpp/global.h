@@ -1,7 +1,5 @@
-// Process-wide agent state: the VM handles, the configuration, the locks and the hooks.
+// Process-wide agent state: the VM handles, the configuration and the locks.
 #pragma once
-
-#include "reference.h"
 
 #include <jni.h>
 #include <jvmti.h>
@@ -36,16 +34,10 @@ constexpr jint DEFAULT_MAX_STEP = 15;
 // The native memory one heap walk may take, in megabytes (kv.jvmti.heap.walk.max.mb); fixed at load.
 extern long g_heap_walk_max_mb;
 
+// The calling thread's JNI environment, or null when it is not attached to the VM.
+JNIEnv* current_env();
+
 extern JavaLock* PAUSE_LOCK;
 extern JavaLock* TAG_LOCK;
-
-// The managed hooks. A callback takes a counted copy for its whole run.
-extern ReferenceCountedJObject g_classPrepareHook;
-extern ReferenceCountedJObject g_breakpointHook;
-extern ReferenceCountedJObject g_exceptionHook;
-extern ReferenceCountedJObject g_threadHook;
-extern ReferenceCountedJObject g_fieldHook;
-extern ReferenceCountedJObject g_stepHook;
-extern ReferenceCountedJObject g_fileLoadHook;
 
 constexpr jint API_VERSION = 5;

@@ -1,12 +1,14 @@
-#include "heap.h"
-
+#include "error_name.h"
 #include "exception.h"
 #include "global.h"
 #include "heap_memory.h"
-#include "hooks.h"
+#include "loaded_classes.h"
 #include "lock.h"
 #include "log.h"
 #include "native.h"
+#include "object_methods.h"
+#include "resources.h"
+#include "walk_limit.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -22,6 +24,18 @@ struct ClassCounter {
     jlong count;
     jlong size;
 };
+
+// Runs for every object while the VM holds the heap still: no JNI, no allocation, no lookup.
+jint JNICALL count_object(jlong class_tag, jlong size, jlong*, jint, void* user_data) {
+    auto* limit = static_cast<IterationLimit*>(user_data);
+    if (limit != nullptr && limit_reached(limit, "heapIteration")) return JVMTI_VISIT_ABORT;
+    if (class_tag != 0) {
+        auto* counter = reinterpret_cast<ClassCounter*>(class_tag);
+        counter->count++;
+        counter->size += size;
+    }
+    return JVMTI_VISIT_OBJECTS;
+}
 
 // One histogram. Under TAG_LOCK every class is tagged with a counter of its own, the heap walked
 // and every tag cleared again; the counts are copied out of the tagged memory before, so that the
@@ -92,7 +106,7 @@ jvmtiError Histogram::walk(ClassCounter* counters, jlong limit_millis) {
     m_start = get_time();
     m_limit = start_limit(limit_millis, m_start);
     jvmtiHeapCallbacks callbacks{};
-    callbacks.heap_iteration_callback = heapIterationCallback;
+    callbacks.heap_iteration_callback = count_object;
     jvmtiError error = g_jvmti->IterateThroughHeap(0, nullptr, &callbacks, m_limit ? &*m_limit : nullptr);
     m_walk_end = get_time();
     return error;
@@ -236,59 +250,6 @@ void write_lines(JNIEnv* env, FILE* file, const Histogram& histogram, bool compl
     if (complete && histogram.timed_out()) fprintf(file, "#TIMEOUT\n");
 }
 }  // namespace
-
-bool limit_reached(IterationLimit* limit, const char* where) {
-    if (limit->timed_out) return true;
-    if (++limit->calls % CHECK_EVERY != 0) return false;
-    if (limit->deadline >= get_time()) return false;
-    LOG_DEBUG("TIMEOUT in %s", where);
-    limit->timed_out = JNI_TRUE;
-    return true;
-}
-
-std::optional<IterationLimit> start_limit(jlong limit_millis, double start) {
-    if (limit_millis <= 0) return std::nullopt;
-    IterationLimit limit{start + static_cast<double>(limit_millis) / 1000.0, 0, JNI_FALSE};
-    LOG_DEBUG("Timeout Ts=%lf, now=%lf timeout=%ldms", limit.deadline, start, static_cast<long>(limit_millis));
-    return limit;
-}
-
-void log_walk_timeout(const IterationLimit& limit, double start) {
-    double now = get_time();
-    LOG_DEBUG("Calls=%ld now=%lf start=%lf timeout ts=%lf duration=%lf", static_cast<long>(limit.calls), now, start,
-              limit.deadline, now - start);
-}
-
-LoadedClasses::~LoadedClasses() { release(); }
-
-void LoadedClasses::release() {
-    for (jint k = 0; m_classes && k < m_count; k++) m_env->DeleteLocalRef(m_classes[static_cast<size_t>(k)]);
-    m_classes.reset();
-    m_count = 0;
-}
-
-jvmtiError LoadedClasses::read() {
-    jvmtiError error = g_jvmti->GetLoadedClasses(&m_count, m_classes.out());
-    if (error != JVMTI_ERROR_NONE) {
-        m_count = 0;
-        return error;
-    }
-    // The VM has just handed over one local reference per class.
-    ensure_local_capacity(m_env, m_count);
-    return error;
-}
-
-// Runs for every object while the VM holds the heap still: no JNI, no allocation, no lookup.
-jint JNICALL heapIterationCallback(jlong class_tag, jlong size, jlong*, jint, void* user_data) {
-    auto* limit = static_cast<IterationLimit*>(user_data);
-    if (limit != nullptr && limit_reached(limit, "heapIteration")) return JVMTI_VISIT_ABORT;
-    if (class_tag != 0) {
-        auto* counter = reinterpret_cast<ClassCounter*>(class_tag);
-        counter->count++;
-        counter->size += size;
-    }
-    return JVMTI_VISIT_OBJECTS;
-}
 
 // Every heap native works in this order: the VM work and the native result under TAG_LOCK, every
 // tag cleared and every record freed, and only then, with the lock released, managed code (class

@@ -1,6 +1,7 @@
 #include "heap_memory.h"
 
 #include "config.h"
+#include "error_name.h"
 #include "exception.h"
 #include "global.h"
 #include "log.h"

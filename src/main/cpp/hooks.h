@@ -1,23 +1,22 @@
-// Calling methods of managed hook and callback objects.
+// The managed hooks, and calling methods of hook and callback objects.
 #pragma once
 
 #include "reference.h"
 
 #include <jni.h>
 
-// The method of the object's class, or null. A failed lookup leaves nothing pending.
-jmethodID find_method(JNIEnv* env, jobject object, const char* name, const char* signature);
+// The managed hooks. A callback takes a counted copy for its whole run.
+extern ReferenceCountedJObject g_classPrepareHook;
+extern ReferenceCountedJObject g_breakpointHook;
+extern ReferenceCountedJObject g_exceptionHook;
+extern ReferenceCountedJObject g_threadHook;
+extern ReferenceCountedJObject g_fieldHook;
+extern ReferenceCountedJObject g_stepHook;
+extern ReferenceCountedJObject g_fileLoadHook;
 
-// The method of a callback object handed to a native, or null with the VM's NoSuchMethodError left
-// pending, so that the caller learns that its callback lacks the method.
-jmethodID find_callback_method(JNIEnv* env, jobject object, const char* name, const char* signature);
-
-// Calls a void method on the object when it has one. A managed exception the method throws is
-// logged and cleared: it must not stay pending in the application thread that raised the event.
-void call_void_hook(JNIEnv* env, jobject object, const char* name, const char* signature, ...);
-
-// The same for a hook held as a counted copy, its method looked up once per registration in the
-// given slot.
+// Calls a void method of a hook held as a counted copy, its method looked up once per
+// registration in the given slot, when it has one. A managed exception the method throws is logged
+// and cleared: it must not stay pending in the application thread that raised the event.
 void call_void_hook(JNIEnv* env, const ReferenceCountedJObject& hook, int slot, const char* name,
                     const char* signature, ...);
 

@@ -2,9 +2,9 @@
 #include "boxing.h"
 #include "exception.h"
 #include "global.h"
-#include "hooks.h"
 #include "log.h"
 #include "native.h"
+#include "object_methods.h"
 #include "resources.h"
 #include "signature.h"
 

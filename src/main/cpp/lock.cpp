@@ -1,6 +1,6 @@
 #include "lock.h"
 
-#include "exception.h"
+#include "error_name.h"
 #include "global.h"
 #include "log.h"
 

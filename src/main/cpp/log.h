@@ -1,11 +1,6 @@
 // Logging and timing: one formatted line per call on standard error.
 #pragma once
 
-#include <jvmti.h>
-
-#include <ctime>
-#include <string>
-
 // Read once at load from the system property of the same name, then only read.
 extern int KV_JVMTI_LOG_LEVEL;
 
@@ -31,21 +26,3 @@ double get_time();
 #define LOG_WARN(fmt, ...) KV_LOG(LOG_WARN_LEVEL, "WARN ", fmt, ##__VA_ARGS__)
 #define LOG_DEBUG(fmt, ...) KV_LOG(LOG_DEBUG_LEVEL, "DEBUG", fmt, ##__VA_ARGS__)
 #define LOG_FINE(fmt, ...) KV_LOG(LOG_FINE_LEVEL, "FINE ", fmt, ##__VA_ARGS__)
-
-// Logs the processor time spent in a scope. The name is kept by reference, not copied.
-class Timer {
-public:
-    explicit Timer(const std::string& name);
-    ~Timer();
-    Timer(const Timer&) = delete;
-    Timer& operator=(const Timer&) = delete;
-
-private:
-    const std::string& m_name;
-    clock_t m_start;
-};
-
-// Diagnostic printers on standard output: the native stack of the calling thread, and the
-// managed stack of a thread.
-void show_backtrace();
-void show_stacktrace(JNIEnv* env, jthread thread);

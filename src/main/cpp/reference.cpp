@@ -1,8 +1,8 @@
 #include "reference.h"
 
 #include "global.h"
-#include "hooks.h"
-#include "log.h"
+#include "object_methods.h"
+#include "spinlock.h"
 
 #include <new>
 

@@ -1,18 +1,20 @@
 // Listing a thread's stack, the agent's threads, and the monitors a thread owns or waits for.
 // Results stream to a callback, one call per item, on the calling thread.
-#include "breakpoint.h"
+#include "breakpoint_location.h"
+#include "error_name.h"
 #include "exception.h"
 #include "global.h"
-#include "hooks.h"
 #include "log.h"
 #include "native.h"
+#include "object_methods.h"
 #include "resources.h"
 #include "thread.h"
+#include "thread_info.h"
 
 #include <vector>
 
 namespace {
-constexpr const char* FRAME = "(Lcom/brantide/kelvane/plugin/jvmti/BreakpointLocation;)V";
+constexpr const char* FRAME = "(" KV_BREAKPOINT_LOCATION_TYPE ")V";
 constexpr const char* THREAD = "(Ljava/lang/Thread;)V";
 constexpr const char* MONITOR = "(Ljava/lang/Object;I)V";
 

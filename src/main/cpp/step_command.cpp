@@ -1,28 +1,23 @@
 #include "step_command.h"
 
 #include "compiled_step.h"
+#include "error_name.h"
 #include "events.h"
-#include "exception.h"
+#include "frame_rules.h"
 #include "frames.h"
 #include "global.h"
 #include "hooks.h"
 #include "log.h"
-#include "lookup.h"
+#include "reference.h"
+#include "source_lines.h"
+#include "step_data.h"
 #include "thread.h"
 #include "virtual_threads.h"
 
 #include <atomic>
-#include <ctime>
 #include <memory>
 #include <new>
 #include <optional>
-
-const char* const STEP_TYPE_STR[9] = {"UNKNOWN",   "STOP",      "CONTINUE",          "STEP_IN", "STEP_OUT",
-                                      "STEP_OVER", "STOP_WITH_TIMEOUT", "FIELD_MODIFICATION_COMPLETE", "NOOP"};
-
-const char* step_type_name(jint command) {
-    return static_cast<unsigned int>(command) < 9 ? STEP_TYPE_STR[command] : "UNKNOWN";
-}
 
 namespace {
 using StepPtr = std::unique_ptr<StepData>;
@@ -215,12 +210,6 @@ bool apply_step_command(JNIEnv* env, jthread thread, ThreadData* data, jmethodID
     }
     start_single_stepping(data, thread, static_cast<StepType>(command), origin);
     return STEP_GOES_ON;
-}
-
-double coarse_clock() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
 void fire_stepping_aborted(JNIEnv* env, jthread thread) {

@@ -2,9 +2,9 @@
 
 #include "bytecode.h"
 #include "global.h"
-#include "lookup.h"
 #include "nothrow_array.h"
 #include "resources.h"
+#include "source_lines.h"
 
 #include <cstring>
 

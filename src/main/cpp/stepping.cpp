@@ -1,15 +1,17 @@
 #include "stepping.h"
 
 #include "compiled_step.h"
-#include "dispatch.h"
 #include "events.h"
+#include "frame_rules.h"
 #include "frames.h"
 #include "global.h"
-#include "hooks.h"
+#include "hook_call.h"
 #include "log.h"
-#include "lookup.h"
+#include "source_lines.h"
 #include "step_command.h"
+#include "step_data.h"
 #include "step_depth.h"
+#include "step_stop.h"
 #include "thread.h"
 
 #include <memory>

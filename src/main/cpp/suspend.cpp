@@ -6,21 +6,23 @@
 // building the managed objects or the caller's callback needs, and a callback may itself wait for
 // another thread that suspends or resumes. With the lock free, any other thread can still resume
 // the target.
-#include "breakpoint.h"
+#include "breakpoint_location.h"
+#include "error_name.h"
 #include "exception.h"
 #include "global.h"
-#include "hooks.h"
 #include "lock.h"
 #include "log.h"
 #include "native.h"
+#include "object_methods.h"
 #include "resources.h"
 #include "step_command.h"
+#include "step_data.h"
 #include "thread.h"
+#include "thread_info.h"
 #include "virtual_threads.h"
 
 namespace {
-constexpr const char* SUSPENDED =
-    "(Lcom/brantide/kelvane/plugin/jvmti/BreakpointLocation;Lcom/brantide/kelvane/plugin/jvmti/ThreadContext;)V";
+constexpr const char* SUSPENDED = "(" KV_BREAKPOINT_LOCATION_TYPE KV_THREAD_CONTEXT_TYPE ")V";
 
 // Raises the managed exception and answers false when the thread is no thread the caller may
 // suspend or resume: null, or the calling thread itself.

@@ -1,16 +1,17 @@
 #include "thread.h"
 
-#include "breakpoint.h"
-#include "compiled_step.h"
-#include "exception.h"
+#include "error_name.h"
 #include "global.h"
 #include "hooks.h"
+#include "lock.h"
 #include "log.h"
-#include "lookup.h"
+#include "reference.h"
 #include "resources.h"
+#include "thread_info.h"
 #include "virtual_threads.h"
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <new>
 #include <unordered_map>
@@ -38,16 +39,11 @@ ThreadRegistry& registry() {
 thread_local ThreadData* t_own_record = nullptr;
 thread_local jobject t_own_thread = nullptr;
 
-JNIEnv* current_env() {
-    JNIEnv* env = nullptr;
-    if (g_vm == nullptr || g_vm->GetEnv(reinterpret_cast<void**>(&env), JNI_VERSION_1_6) != JNI_OK) return nullptr;
-    return env;
-}
-
 bool is_own_thread(JNIEnv* env, jthread thread) {
     if (t_own_record == nullptr) return false;
     return thread == nullptr || env->IsSameObject(thread, t_own_thread);
 }
+}  // namespace
 
 void attach_thread_data(JNIEnv* env, jthread thread, jlong id) {
     std::shared_ptr<ThreadData> record(new (std::nothrow) ThreadData());
@@ -64,8 +60,6 @@ void attach_thread_data(JNIEnv* env, jthread thread, jlong id) {
     registry().records[id] = std::move(record);
 }
 
-// Takes the record out of the registry, so that no other thread can find it again; the last of
-// the threads still holding a share of it releases it with its stepping state.
 void release_thread_data(JNIEnv* env) {
     if (t_own_record == nullptr) return;
     std::shared_ptr<ThreadData> record;
@@ -82,7 +76,6 @@ void release_thread_data(JNIEnv* env) {
     t_own_thread = nullptr;
     t_own_record = nullptr;
 }
-}  // namespace
 
 namespace {
 std::atomic<long> s_virtual_records{0};
@@ -173,7 +166,6 @@ ThreadData* own_thread_data() {
 bool release_virtual_record() {
     ThreadData* own = own_thread_data();
     if (own == nullptr) return false;
-    end_return_wait(own->step.take().get());
     std::shared_ptr<ThreadData> record;
     {
         std::lock_guard<std::mutex> guard(registry().lock);
@@ -209,85 +201,27 @@ void for_each_virtual_thread(JNIEnv* env, void (*visit)(jthread thread)) {
     }
 }
 
-jobject get_thread_context(JNIEnv* env, jthread thread) {
-    jint frames = 0;
-    jvmtiError error = g_jvmti->GetFrameCount(thread, &frames);
-    if (error != JVMTI_ERROR_NONE) {
-        LOG_ERROR("GetFrameCount failed %d", error);
-        return nullptr;
-    }
-    static RegisteredConstructor context_constructor("ThreadContext", "(Ljava/lang/Thread;I)V");
-    LocalRef<jclass> clazz(env);
-    jmethodID constructor = nullptr;
-    if (!context_constructor.get_or_log(env, &clazz, &constructor)) return nullptr;
-    jobject context = env->NewObject(clazz.get(), constructor, thread, frames);
-    if (context == nullptr && env->ExceptionCheck()) {
-        env->ExceptionClear();
-        LOG_ERROR("OSGI class 'ThreadContext' could not be constructed");
-    }
-    return context;
-}
-
-std::string get_thread_name(jthread thread) {
-    std::string name = "unknown";
-    jvmtiThreadInfo info{};
-    if (g_jvmti == nullptr || g_jvmti->GetThreadInfo(thread, &info) != JVMTI_ERROR_NONE) return name;
-    if (info.name != nullptr) {
-        name = info.name;
-        g_jvmti->Deallocate(reinterpret_cast<unsigned char*>(info.name));
-    }
-    JNIEnv* env = current_env();
-    if (env != nullptr) {
-        if (info.thread_group != nullptr) env->DeleteLocalRef(info.thread_group);
-        if (info.context_class_loader != nullptr) env->DeleteLocalRef(info.context_class_loader);
-    }
-    return name;
-}
-
-namespace {
-// java.lang.Thread's own id field. Reading it runs no application code, where getId() may be
-// overridden by a subclass (and then made to block, throw, or answer another thread's id). The
-// class is never unloaded, so its field ID stays valid for the life of the process.
-jfieldID thread_id_field(JNIEnv* env) {
-    static std::atomic<jfieldID> field{nullptr};
-    jfieldID known = field.load(std::memory_order_acquire);
-    if (known != nullptr) return known;
-    LocalRef<jclass> thread_class(env, env->FindClass("java/lang/Thread"));
-    jfieldID found = thread_class ? env->GetFieldID(thread_class.get(), "tid", "J") : nullptr;
-    if (found == nullptr) {
-        env->ExceptionClear();
-        LOG_ERROR("Cannot find the id field of java.lang.Thread");
-        return nullptr;
-    }
-    field.store(found, std::memory_order_release);
-    return found;
-}
-}  // namespace
-
-jlong get_thread_id(JNIEnv* env, jthread thread) {
-    if (thread == nullptr) return -1;
-    jfieldID id = thread_id_field(env);
-    return id != nullptr ? env->GetLongField(thread, id) : -1;
-}
-
-void JNICALL ThreadStart(jvmtiEnv*, JNIEnv* env, jthread thread) {
-    jlong id = get_thread_id(env, thread);
-    LOG_DEBUG("ThreadStart thread(%ld,%s)", id, get_thread_name(thread).c_str());
-    attach_thread_data(env, thread, id);
-    ReferenceCountedJObject hook(g_threadHook);
-    if (hook.isSet()) call_void_hook(env, hook, 0, "threadStart", "(Ljava/lang/Thread;)V", thread);
-}
-
-void JNICALL ThreadEnd(jvmtiEnv*, JNIEnv* env, jthread thread) {
-    LOG_DEBUG("ThreadEnd thread(%ld,%s)", get_thread_id(env, thread), get_thread_name(thread).c_str());
-    {
-        ReferenceCountedJObject hook(g_threadHook);
-        if (hook.isSet()) call_void_hook(env, hook, 1, "threadEnd", "(Ljava/lang/Thread;)V", thread);
-    }
-    // A step still waiting for a return gives its breakpoint back now, while the thread can.
-    ThreadData* own = own_thread_data();
-    if (own != nullptr) end_return_wait(own->step.take().get());
-    release_thread_data(env);
-    BreakpointLocation::forget_thread_cache(env);
-    RegisteredConstructor::forget_thread_cache(env);
+void update_virtual_thread_events() {
+    if (!g_virtual_threads) return;
+    // The next change puts a lagging switch right.
+    static auto* lock = new std::timed_mutex();
+    auto guard = lock_patiently(*lock);
+    if (!guard.owns_lock()) return;
+    static bool start_on = false;
+    static bool end_on = false;
+    bool hook = ReferenceCountedJObject(g_threadHook).isSet();
+    bool start = hook;
+    bool end = hook || virtual_records() > 0;
+    auto change = [](bool& on, bool wanted, jint event) {
+        if (on == wanted) return;
+        jvmtiError error = g_jvmti->SetEventNotificationMode(wanted ? JVMTI_ENABLE : JVMTI_DISABLE,
+                                                             static_cast<jvmtiEvent>(event), nullptr);
+        if (error == JVMTI_ERROR_NONE) {
+            on = wanted;
+        } else {
+            LOG_DEBUG("virtual thread event %d not switched: %d", event, error);
+        }
+    };
+    change(start_on, start, EVENT_VIRTUAL_THREAD_START);
+    change(end_on, end, EVENT_VIRTUAL_THREAD_END);
 }

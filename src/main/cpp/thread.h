@@ -2,7 +2,6 @@
 #pragma once
 
 #include "spinlock.h"
-#include "step_command.h"
 
 #include <jni.h>
 #include <jvmti.h>
@@ -10,7 +9,8 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
-#include <string>
+
+struct StepData;
 
 // The step in progress of one thread. A thread suspended from outside goes on running native code
 // until its next call into the VM, so resumeThread may replace the step while the owner still
@@ -121,6 +121,13 @@ private:
 // stays in native code, since the OS thread may carry a virtual thread.
 ThreadData* own_thread_data();
 
+// At a platform thread's start, on the thread itself: gives it its record (none when its JVMTI
+// thread-local storage cannot be set).
+void attach_thread_data(JNIEnv* env, jthread thread, jlong id);
+// At a platform thread's end, on the thread itself: takes its record out of reach; the last of the
+// threads still holding a share of it releases it with its stepping state.
+void release_thread_data(JNIEnv* env);
+
 // At a virtual thread's end, on the thread itself: frees its record, if it has one. True when it
 // had one.
 bool release_virtual_record();
@@ -129,12 +136,8 @@ long virtual_records();
 // Calls visit with each live virtual thread that has a record (a local reference, deleted after).
 void for_each_virtual_thread(JNIEnv* env, void (*visit)(jthread thread));
 
-// A new ThreadContext for the thread (local reference), or null with one ERROR line.
-jobject get_thread_context(JNIEnv* env, jthread thread);
-// The thread's name, or "unknown".
-std::string get_thread_name(jthread thread);
-// The thread's Java id, read from java.lang.Thread's own field (no application code runs), or -1.
-jlong get_thread_id(JNIEnv* env, jthread thread);
+// Virtual threads start and end on themselves. Both events are on only while something needs
+// them: the start while a thread hook is registered, the end also while a virtual thread has a
+// record to free.
+void update_virtual_thread_events();
 
-void JNICALL ThreadStart(jvmtiEnv* jvmti, JNIEnv* env, jthread thread);
-void JNICALL ThreadEnd(jvmtiEnv* jvmti, JNIEnv* env, jthread thread);

@@ -48,10 +48,8 @@ struct Case {
 TEST(Bytecode, LengthsFlowWhatMayFollowAndWhereACallReturns) {
     const Case cases[] = {
         {0, 1, Flow::NEXT, {1}, {0, 2}, 1},
-        {3, 2, Flow::NEXT, {5}, {4, 6}, 5},
         {5, 3, Flow::NEXT, {8, 17}, {2, 9}, 0},               // conditional: both ways
         {8, 3, Flow::INVOKE, {11}, {0, 8}, 11},               // back after the call
-        {11, 3, Flow::NEXT, {14}, {12}, 14},
         {14, 3, Flow::NEXT, {2}, {17}, 0},                    // goto never falls through
         {17, 5, Flow::INVOKE, {22}, {20}, 22},
         {22, 22, Flow::NEXT, {50, 51, 52}, {44, 23}, 0},      // table: targets only

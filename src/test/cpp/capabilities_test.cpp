@@ -1,85 +1,37 @@
-#include "fake_jvmti.h"
-
 #include "capabilities.h"
-#include "global.h"
-#include "kvjvmti.h"
-#include "log.h"
+#include "virtual_threads.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <bitset>
-#include <cstdint>
 #include <cstring>
 
-using testing::ElementsAre;
-using testing::IsEmpty;
+// What setActive(false) gives back: everything but the basic set, which stays from load on, and
+// virtual-thread support (an unnamed bit after sampled allocation events, bit 44), which is
+// never given back either.
+TEST(Capabilities, WithoutBasicDropsTheBasicSetAndVirtualThreadSupport) {
+    const jvmtiCapabilities nothing{};
+    auto none_held = [&](const jvmtiCapabilities& caps) { return std::memcmp(&caps, &nothing, sizeof caps) == 0; };
+    EXPECT_TRUE(none_held(without_basic(basic_capabilities())));
+    jvmtiCapabilities rest = without_basic(debugging_capabilities(true, true));
+    EXPECT_FALSE(rest.can_tag_objects || rest.can_get_line_numbers);
+    EXPECT_TRUE(rest.can_access_local_variables && rest.can_generate_breakpoint_events);
 
-namespace {
-constexpr size_t CAP_WORDS = sizeof(jvmtiCapabilities) / sizeof(uint32_t);
-
-size_t bits_set(const jvmtiCapabilities& caps) {
-    uint32_t words[CAP_WORDS];
-    memcpy(words, &caps, sizeof words);
-    size_t count = 0;
-    for (uint32_t word : words) count += std::bitset<32>(word).count();
-    return count;
+    jvmtiCapabilities virtual_only{};
+    set_virtual_thread_capability(&virtual_only, true);
+    unsigned char bytes[sizeof virtual_only];
+    std::memcpy(bytes, &virtual_only, sizeof bytes);
+    EXPECT_EQ(0x10, bytes[5]);
+    EXPECT_TRUE(has_virtual_thread_capability(virtual_only));
+    EXPECT_TRUE(none_held(without_basic(virtual_only)));
+    EXPECT_FALSE(has_virtual_thread_capability(debugging_capabilities(true, true)));
 }
 
-std::vector<std::string> held_names(const jvmtiCapabilities& caps) {
-    std::vector<std::string> names;
-    for (const CapabilityField& field : CAPABILITY_FIELDS) {
-        if (field.held(caps)) names.emplace_back(field.name);
-    }
-    return names;
-}
-
-}  // namespace
-
-TEST(Capabilities, AddUpdRequestsExactlyTheDebuggingSetOfTheConfiguration) {
-    for (bool exceptions : {false, true}) {
-        for (bool stepping : {false, true}) {
-            SCOPED_TRACE(testing::Message() << "exceptions=" << exceptions << " stepping=" << stepping);
-            ScopedValue<bool> scoped_exceptions(g_exceptions_enabled, exceptions);
-            ScopedValue<bool> scoped_stepping(g_stepping_enabled, stepping);
-            FakeJvmti fake;
-            EXPECT_THAT(log_lines(LOG_WARN_LEVEL, [] { EXPECT_TRUE(add_upd_capabilities()); }), IsEmpty());
-            EXPECT_THAT(fake.calls, ElementsAre("AddCapabilities", "GetCapabilities"));
-            ASSERT_EQ(1u, fake.added.size());
-
-            std::vector<std::string> wanted = {"can_tag_objects", "can_generate_field_modification_events",
-                                               "can_generate_field_access_events", "can_get_bytecodes",
-                                               "can_get_current_contended_monitor", "can_get_source_file_name",
-                                               "can_get_line_numbers", "can_get_source_debug_extension",
-                                               "can_access_local_variables", "can_generate_single_step_events"};
-            if (exceptions) wanted.emplace_back("can_generate_exception_events");
-            if (stepping) wanted.emplace_back("can_generate_frame_pop_events");
-            for (const char* name : {"can_generate_breakpoint_events", "can_suspend",
-                                     "can_get_owned_monitor_stack_depth_info"}) {
-                wanted.emplace_back(name);
-            }
-            EXPECT_EQ(wanted, held_names(fake.added[0]));
-            EXPECT_EQ(wanted.size(), bits_set(fake.added[0])) << "nothing set beyond the named fields";
-        }
-    }
-}
-
-TEST(Capabilities, AddUpdFailsWhenEitherCallFailsAndDumpsOnlyOnSuccess) {
-    {
-        FakeJvmti fake;
-        fake.fail("AddCapabilities", JVMTI_ERROR_NOT_AVAILABLE);
-        EXPECT_THAT(log_lines(LOG_DEBUG_LEVEL, [] { EXPECT_FALSE(add_upd_capabilities()); }), IsEmpty());
-        EXPECT_THAT(fake.calls, ElementsAre("AddCapabilities"));
-    }
-    {
-        FakeJvmti fake;
-        fake.fail("GetCapabilities", JVMTI_ERROR_NOT_AVAILABLE);
-        EXPECT_THAT(log_lines(LOG_DEBUG_LEVEL, [] { EXPECT_FALSE(add_upd_capabilities()); }), IsEmpty());
-        EXPECT_THAT(fake.calls, ElementsAre("AddCapabilities", "GetCapabilities"));
-    }
-    FakeJvmti fake;
-    std::vector<std::string> lines = log_lines(LOG_DEBUG_LEVEL, [] { EXPECT_TRUE(add_upd_capabilities()); });
-    ASSERT_EQ(1 + CAPABILITY_FIELD_COUNT, lines.size());
-    EXPECT_EQ("DEBUG Capabilities", lines[0]);
-    EXPECT_EQ("DEBUG \tcan_tag_objects=1", lines[1]);
+// Exception and frame-pop events each only when configured. Which switches ask for exception events
+// shows in the start-up lines of a real VM (StartupTest); without frame pops stepping falls back to
+// single steps and nothing else would notice.
+TEST(Capabilities, DebuggingAsksForTheOptionalEventsOnlyWhenConfigured) {
+    const jvmtiCapabilities exceptions = debugging_capabilities(true, false);
+    const jvmtiCapabilities frame_pops = debugging_capabilities(false, true);
+    EXPECT_TRUE(exceptions.can_generate_exception_events && !exceptions.can_generate_frame_pop_events);
+    EXPECT_TRUE(frame_pops.can_generate_frame_pop_events && !frame_pops.can_generate_exception_events);
 }

@@ -1,6 +1,7 @@
-// Feeds arbitrary text to the SMAP line mapper: it must never crash, overflow or loop, whatever a
-// class's source debug extension holds. The first four bytes, when there are that many, pick the
-// Java line; the whole input is also mapped for a few fixed lines around the interesting edges.
+// Feeds arbitrary text to the SMAP line mapper, whatever a class's source debug extension holds:
+// it must never crash, overflow or loop, and the map prepared once (SourceMap) must answer as the
+// text read for each line does. The first four bytes, when there are that many, pick the Java
+// line; a few fixed lines around the interesting edges are mapped too.
 #include "smap.h"
 
 #include <climits>
@@ -10,13 +11,16 @@
 #include <string>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const std::string text(reinterpret_cast<const char*>(data), size);
+    const std::string raw(reinterpret_cast<const char*>(data), size);
     jint chosen = 0;
     if (size >= sizeof(chosen)) memcpy(&chosen, data, sizeof(chosen));
-    for (jint line : {chosen, 0, 1, 61, -1, INT_MAX, INT_MIN}) {
-        get_jsp_line_from_smap(text.c_str(), line);
-        // The same text behind an SMAP header, so inputs that lost theirs still reach the parser.
-        get_jsp_line_from_smap(("SMAP\n*L\n" + text).c_str(), line);
+    // The same text behind an SMAP header too, so inputs that lost theirs still reach the parser.
+    for (const std::string& text : {raw, "SMAP\n*L\n" + raw}) {
+        const SourceMap prepared(text.c_str());
+        for (jint line : {chosen, 0, 1, 61, -1, INT_MAX, INT_MIN}) {
+            jint mapped = get_jsp_line_from_smap(text.c_str(), line);
+            if (prepared.complete() && prepared.map(line) != mapped) __builtin_trap();
+        }
     }
     return 0;
 }

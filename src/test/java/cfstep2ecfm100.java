@@ -1,7 +1,7 @@
 /**
- * Shaped like a page compiled from a CFML template: its code lives in a "_factor" chunk that the
- * page method calls, and it reaches a CFML component through a Java frame. The "// @name" markers
- * name lines for the stepping tests.
+ * Shaped like a page compiled from a CFML template: its code lives in a hidden "_factor" chunk that
+ * the page method calls, and it reaches a CFML component through a Java frame. The "// @name"
+ * markers name lines for the stepping tests.
  */
 public final class cfstep2ecfm100 {
     private cfstep2ecfm100() {

@@ -1,12 +1,13 @@
 // Test-only natives of the probe variant of the agent: they let JUnit tests reach internal helpers
 // inside a real JVM. The shipped library does not contain them.
-#include "boxing.h"
-#include "breakpoint.h"
+#include "breakpoint_location.h"
+#include "breakpoints.h"
 #include "event_mask.h"
 #include "events.h"
-#include "exception.h"
+#include "field_watches.h"
 #include "frames.h"
 #include "global.h"
+#include "hooks.h"
 #include "lock.h"
 #include "resources.h"
 #include "smap.h"
@@ -20,33 +21,6 @@
 
 #define KV_PROBE(returns, name) \
     extern "C" JNIEXPORT returns JNICALL Java_com_brantide_kelvane_plugin_jvmti_api_AgentProbe_##name
-
-KV_PROBE(jobject, boxLong)(JNIEnv* env, jclass, jlong value) { return box(env, value); }
-KV_PROBE(jobject, boxInt)(JNIEnv* env, jclass, jint value) { return box(env, value); }
-KV_PROBE(jobject, boxByte)(JNIEnv* env, jclass, jbyte value) { return box(env, value); }
-KV_PROBE(jobject, boxShort)(JNIEnv* env, jclass, jshort value) { return box(env, value); }
-KV_PROBE(jobject, boxChar)(JNIEnv* env, jclass, jchar value) { return box(env, value); }
-KV_PROBE(jobject, boxBoolean)(JNIEnv* env, jclass, jboolean value) { return box(env, value); }
-KV_PROBE(jobject, boxFloat)(JNIEnv* env, jclass, jfloat value) { return box(env, value); }
-KV_PROBE(jobject, boxDouble)(JNIEnv* env, jclass, jdouble value) { return box(env, value); }
-
-KV_PROBE(jint, unBoxToInt)(JNIEnv* env, jclass, jobject value) { return unBoxToInt(env, value); }
-KV_PROBE(jlong, unBoxToLong)(JNIEnv* env, jclass, jobject value) { return unBoxToLong(env, value); }
-KV_PROBE(jfloat, unBoxToFloat)(JNIEnv* env, jclass, jobject value) { return unBoxToFloat(env, value); }
-KV_PROBE(jdouble, unBoxToDouble)(JNIEnv* env, jclass, jobject value) { return unBoxToDouble(env, value); }
-
-KV_PROBE(void, throwJvmtiException)(JNIEnv* env, jclass, jint error) {
-    throw_jvmti_exception(env, static_cast<jvmtiError>(error));
-}
-
-KV_PROBE(void, throwErrno)(JNIEnv* env, jclass, jint errnum) { throw_errno(env, errnum); }
-
-KV_PROBE(jint, throwException)(JNIEnv* env, jclass, jstring className, jstring message) {
-    StringUtfChars name(env, className);
-    StringUtfChars text(env, message);
-    if (name.get() == nullptr || text.get() == nullptr) return -2;
-    return throw_exception(env, name.get(), "%s", text.get());
-}
 
 // Copies the breakpoint hook as an event callback does and calls hashCode() through the copy:
 // with the hook replaced concurrently, a reference deleted too early would show under JNI checking.

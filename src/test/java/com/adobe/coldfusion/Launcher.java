@@ -4,9 +4,6 @@ import com.brantide.kelvane.plugin.jvmti.testing.StartupMain;
 
 /** A main class whose name makes the agent take the VM for a ColdFusion server. */
 public final class Launcher {
-    private Launcher() {
-    }
-
     public static void main(String[] args) throws Exception {
         StartupMain.main(args);
     }

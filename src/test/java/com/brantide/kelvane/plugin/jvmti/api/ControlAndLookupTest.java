@@ -6,116 +6,200 @@ import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.brantide.kelvane.plugin.jvmti.JVMTIException;
+import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
 import com.brantide.kelvane.plugin.jvmti.fixtures.Target;
+import com.brantide.kelvane.plugin.jvmti.testing.ActiveApi;
 import com.brantide.kelvane.plugin.jvmti.testing.ClassFiles;
 import java.util.ArrayList;
 import java.util.HashSet;
 import java.util.List;
 import java.util.Set;
-import org.junit.jupiter.api.BeforeEach;
+import java.util.stream.Stream;
+import org.junit.jupiter.api.BeforeAll;
 import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.extension.RegisterExtension;
+import org.junit.jupiter.api.function.Executable;
+import org.junit.jupiter.api.function.ThrowingSupplier;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.Arguments;
+import org.junit.jupiter.params.provider.MethodSource;
 
-/** The control natives and the class registry; source files, debug extensions, line tables and the class list. */
+/** Switching on and off, what each native refuses, and the class registry: source files, debug extensions, line tables, the class list. */
 class ControlAndLookupTest {
     private static final String NO_DEBUG_SOURCE = "package nodebug; public class Plain {"
             + " public int twice(int x) { int y = x * 2; return y; } }";
+    /** The natives keep no state in the object: the rows call through one of their own. */
+    private static final JvmtiApi API = new JvmtiApi();
+    private static final Thread SELF = Thread.currentThread();
+    private static final Object CALLBACK = new Object();
 
-    private final JvmtiApi api = new JvmtiApi();
+    @RegisterExtension
+    final ActiveApi agent = new ActiveApi();
+    private final JvmtiApi api = agent.api;
 
-    @BeforeEach
-    void register() {
-        api.registerClasses();
+    @BeforeAll
+    static void prepare() {
         new Target(1); // the VM lists the methods of prepared classes only
     }
 
     @Test
-    void switchesOnAndOff() {
-        assertFalse(api.isActive(), "inactive after load");
-        assertFalse(api.setActive(false), "switching off an inactive agent");
-        assertTrue(api.setActive(true));
+    void switchesOffAndOnAgain() {
         assertTrue(api.isActive());
         assertTrue(api.setActive(true), "switching on again acquires the same set again");
         assertFalse(api.setActive(false));
         assertFalse(api.isActive());
+        assertFalse(api.setActive(false), "switching off an inactive agent");
         assertTrue(api.setActive(true));
-        assertFalse(api.setActive(false));
+    }
+
+    static Stream<Arguments> refusals() throws Exception {
+        Thread ended = new Thread(() -> { }, "ended");
+        ended.start();
+        ended.join();
+        Thread early = Thread.getAllStackTraces().keySet().stream()
+                .filter(t -> t.getName().equals("Reference Handler")).findFirst().orElseThrow();
+        String notAlive = "JVMTIException: JVMTI_ERROR_THREAD_NOT_ALIVE 15";
+        return Stream.of(
+                row("IllegalArgumentException: name is null", () -> API.registerOsgiClass(null, String.class)),
+                row("IllegalArgumentException: name is null", () -> API.registerOsgiClass(null, null)),
+                row("IllegalArgumentException: clazz is null", () -> API.registerOsgiClass("ThreadContext", null)),
+                row("IllegalArgumentException: thread is null", () -> API.getStackDepth(null)),
+                row(notAlive, () -> API.getStackDepth(new Thread())),
+                row("IllegalArgumentException: stackFrame must be >= 1", () -> API.listStack(SELF, 0, CALLBACK)),
+                row("IllegalArgumentException: thread is null", () -> API.listStack(null, 1, CALLBACK)),
+                row("IllegalArgumentException: callback is null", () -> API.listThreads(null)),
+                row("IllegalArgumentException: thread is null", () -> API.listOwnedMonitors(null, 1, CALLBACK)),
+                row("IllegalArgumentException: thread is null", () -> API.listContendedMonitor(null, CALLBACK)),
+                row("IllegalArgumentException: thread is null", () -> API.suspendThread(null, CALLBACK)),
+                row("IllegalArgumentException: thread cannot be the current thread", () -> API.suspendThread(SELF, CALLBACK)),
+                row("IllegalArgumentException: op code must be >= 2 && <= 8", () -> API.resumeThread(early, 99)),
+                row("IllegalArgumentException: stackFrame must be > 1", () -> API.listVariables(SELF, -1, 1, CALLBACK)),
+                row("IllegalArgumentException: depth must be >= 1", () -> API.listVariables(SELF, 1, 0, CALLBACK)),
+                row("IllegalArgumentException: callback is null", () -> API.listVariables(SELF, 1, 1, null)),
+                row("IllegalArgumentException: stackFrameDepth must be >= 1", () -> API.setVariable(SELF, 0, "x", 1)),
+                row("IllegalArgumentException: variableName is null", () -> API.setVariable(SELF, 1, null, 1)),
+                row("IllegalArgumentException: thread is null", () -> API.setVariable(null, 1, "x", 1)),
+                row("IllegalArgumentException: Invalid BreakpointLocation", () -> API.setBreakpoint(null)),
+                row("IllegalArgumentException: Invalid BreakpointLocation", () -> API.clearBreakpoint(CALLBACK)),
+                row("IllegalArgumentException: Invalid Field", () -> API.setFieldAccessWatch(Target.class, null)),
+                row("returned false", () -> API.setEventNotificationMode(SELF, JvmtiEvent.SINGLE_STEP, true)),
+                row("returned false", () -> API.setEventNotificationMode(SELF, 9999, true)),
+                row("returned false", () -> API.setEventNotificationMode(null, Integer.MIN_VALUE, true)),
+                row("returned false", () -> API.setEventNotificationMode(ended, JvmtiEvent.BREAKPOINT, true)),
+                row("returned false", () -> API.setEventNotificationMode(early, JvmtiEvent.BREAKPOINT, true)),
+                row("IllegalArgumentException: callback is null", () -> API.heapHistogram(null, 0)),
+                row("IllegalArgumentException: filename is null", () -> API.heapHistogramToFile(null, 0)),
+                row("IllegalArgumentException: callback is null", () -> API.gcRoots(null, "LTarget;", 0, 1)),
+                row("IllegalArgumentException: maxDepth is negative", () -> API.gcRoots(CALLBACK, "LTarget;", 0, -1)),
+                row("IllegalArgumentException: signature is null", () -> API.gcRoots(CALLBACK, null, 0, 1)),
+                row("IllegalArgumentException: callback is null", () -> API.listClasses(null)),
+                row("NoSuchMethodError", () -> API.listClasses(CALLBACK)),
+                row("JVMTIException: JVMTI_ERROR_INVALID_CLASS 21", () -> API.getSourceFileName(null)),
+                row("JVMTICapabilityException: JVMTI_ERROR_MUST_POSSESS_CAPABILITY 99", () -> {
+                    API.setActive(false);
+                    API.listVariables(SELF, 1, 1, CALLBACK);
+                }),
+                // The classes the agent raises its JVMTI errors with, registered wrong.
+                row("OtherJvmtiException: JVMTI_ERROR_THREAD_NOT_ALIVE 15", raisedWith("JVMTIException", OtherJvmtiException.class)),
+                row("IllegalStateException: JVMTI Exception constructor not found",
+                        raisedWith("JVMTIException", IllegalStateException.class)),
+                row("IllegalStateException: Cannot create new exception", raisedWith("JVMTIException", AbstractJvmtiException.class)),
+                row("IllegalStateException: JVMTI Exception class not found", raisedWith("JVMTIException", String.class)),
+                row(notAlive, raisedWith("jvmtiexception", String.class)));
+    }
+
+    @ParameterizedTest(name = "[{index}] {0}")
+    @MethodSource("refusals")
+    void everyNativeRefusesBadArgumentsAsDocumented(String expected, ThrowingSupplier<?> call) {
+        String outcome;
+        try {
+            outcome = "returned " + call.get();
+        } catch (JVMTIException e) {
+            outcome = e.getClass().getSimpleName() + ": " + e.getMessage() + " " + e.getErrorCode();
+        } catch (RuntimeException e) {
+            outcome = e.getClass().getSimpleName() + ": " + e.getMessage();
+        } catch (Throwable e) {
+            outcome = e.getClass().getSimpleName();  // the VM's own errors: their text varies with the JDK
+        }
+        assertEquals(expected, outcome);
+    }
+
+    private static Arguments row(String expected, ThrowingSupplier<?> call) {
+        return Arguments.of(expected, call);
+    }
+
+    private static Arguments row(String expected, Executable call) {
+        return Arguments.of(expected, (ThrowingSupplier<?>) () -> {
+            call.execute();
+            return "nothing";
+        });
+    }
+
+    /** A failing call after the class was registered under the name (names are case-sensitive). */
+    private static ThrowingSupplier<?> raisedWith(String name, Class<?> clazz) {
+        return () -> {
+            API.registerOsgiClass(name, clazz);
+            return API.getStackDepth(new Thread());
+        };
+    }
+
+    /** A replacement registered under the same name. */
+    public static class OtherJvmtiException extends JVMTIException {
+        private static final long serialVersionUID = 1L;
+
+        public OtherJvmtiException(int code, String message) {
+            super(code, message);
+        }
+    }
+
+    /** Has the right constructor but cannot be instantiated. */
+    public abstract static class AbstractJvmtiException extends RuntimeException {
+        private static final long serialVersionUID = 1L;
+
+        public AbstractJvmtiException(int code, String message) {
+            super(message + code);
+        }
     }
 
     @Test
-    void registryRejectsNullsNamingTheFirstOne() {
-        IllegalArgumentException noName =
-                assertThrows(IllegalArgumentException.class, () -> api.registerOsgiClass(null, String.class));
-        assertEquals("name is null", noName.getMessage());
-        noName = assertThrows(IllegalArgumentException.class, () -> api.registerOsgiClass(null, null));
-        assertEquals("name is null", noName.getMessage());
-        IllegalArgumentException noClass =
-                assertThrows(IllegalArgumentException.class, () -> api.registerOsgiClass("ThreadContext", null));
-        assertEquals("clazz is null", noClass.getMessage());
-        api.registerClasses();
-    }
-
-    @Test
-    void sourceFilesAndDebugExtensions() throws Exception {
+    void sourceAttributesAndLineTablesAreTheClassFilesOwn() throws Exception {
+        Class<?> plain = ClassFiles.compiledWithoutDebugInformation("nodebug.Plain", NO_DEBUG_SOURCE);
         assertEquals("Target.java", api.getSourceFileName(Target.class));
         assertEquals("", api.getSourceDebugExtension(Target.class), "absent: empty, not an error");
-        Class<?> plain = ClassFiles.compiledWithoutDebugInformation("nodebug.Plain", NO_DEBUG_SOURCE);
         assertEquals("", api.getSourceFileName(plain));
         String smap = "SMAP\nPage.java\nJSP\n*S JSP\n*F\n+ 0 page.jsp\npage.jsp\n*L\n1,3:10\n*E\n";
         Class<?> mapped = ClassFiles.withSourceDebugExtension(Target.class, smap);
         assertEquals(smap, api.getSourceDebugExtension(mapped));
         assertEquals("Target.java", api.getSourceFileName(mapped));
-        assertThrows(JVMTIException.class, () -> api.getSourceFileName(null));
-    }
-
-    @Test
-    void lineNumbersAreTheClassFilesOwnTable() throws Exception {
         for (String key : List.of("twice(I)I", "sum(JJ)J", "<init>(I)V", "<clinit>()V")) {
-            List<long[]> reported = new ArrayList<>();
-            api.getLineNumbersV2(Target.class, key, (LineNumberCallback) (location, line) ->
-                    reported.add(new long[] {location, line}));
-            List<long[]> expected = ClassFiles.lineTable(Target.class, key);
-            assertTrue(!expected.isEmpty());
-            assertEquals(render(expected), render(reported), key);
+            // The VM's own table of the method named by the key: javac's tables begin at the method's first instruction.
+            List<Long> reported = new ArrayList<>();
+            api.getLineNumbersV2(Target.class, key, (LineNumberCallback) (location, line) -> reported.add(location));
+            assertEquals(0L, reported.stream().min(Long::compare).orElseThrow(), key);
         }
-    }
-
-    @Test
-    void lineNumbersOfNothingReportNothing() throws Exception {
         List<String> calls = new ArrayList<>();
         LineNumberCallback record = (location, line) -> calls.add(location + ":" + line);
         api.getLineNumbersV2(Target.class, "twice", record);
         api.getLineNumbersV2(Target.class, "toString()Ljava/lang/String;", record); // declared by a superclass
         api.getLineNumbersV2(Target.class, "nativeMethod()I", record);
-        api.getLineNumbersV2(ClassFiles.compiledWithoutDebugInformation("nodebug.Plain", NO_DEBUG_SOURCE),
-                "twice(I)I", record);
+        api.getLineNumbersV2(plain, "twice(I)I", record);
         api.getLineNumbersV2(Target.class, null, record);
         api.getLineNumbersV2(null, "twice(I)I", record);
         assertEquals(List.of(), calls);
     }
 
     @Test
-    void listClassesReportsPreparedClasses() {
+    void listClassesReportsPreparedClassesUntilTheCallbackThrows() {
         Set<Class<?>> found = new HashSet<>();
         api.listClasses((ClassCallback) found::add);
         assertTrue(found.contains(Target.class) && found.contains(String.class));
         assertTrue(!found.contains(int[].class), "array classes are never prepared");
         assertTrue(found.size() > 400, "found " + found.size());
-
-        assertEquals("callback is null",
-                assertThrows(IllegalArgumentException.class, () -> api.listClasses(null)).getMessage());
-        assertThrows(NoSuchMethodError.class, () -> api.listClasses(new Object()),
-                "a callback without classFound is the caller's error");
         int[] calls = {0};
         assertThrows(IllegalStateException.class, () -> api.listClasses((ClassCallback) clazz -> {
             calls[0]++;
             throw new IllegalStateException("stop");
         }));
         assertEquals(1, calls[0], "a callback that throws ends the listing");
-    }
-
-    private static String render(List<long[]> table) {
-        StringBuilder text = new StringBuilder();
-        table.forEach(entry -> text.append(entry[0]).append(':').append(entry[1]).append(' '));
-        return text.toString();
     }
 }

@@ -9,33 +9,31 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 import com.brantide.kelvane.plugin.jvmti.GCPathEntry;
 import com.brantide.kelvane.plugin.jvmti.JVMTIException;
 import com.brantide.kelvane.plugin.jvmti.fixtures.HeapTarget;
+import com.brantide.kelvane.plugin.jvmti.testing.ActiveApi;
 import com.brantide.kelvane.plugin.jvmti.testing.ChildJvm;
 import java.lang.ref.Reference;
-import java.lang.reflect.Field;
-import java.lang.reflect.Modifier;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.Arrays;
-import java.util.Collections;
 import java.util.HashMap;
 import java.util.List;
 import java.util.Map;
 import java.util.concurrent.CompletableFuture;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.TimeoutException;
-import java.util.function.Supplier;
-import java.util.regex.Matcher;
 import java.util.regex.Pattern;
-import java.util.stream.Collectors;
+import java.util.stream.IntStream;
+import java.util.stream.LongStream;
 import java.util.stream.Stream;
 import org.junit.jupiter.api.BeforeAll;
 import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.extension.RegisterExtension;
 
 /**
- * Class histograms and GC-root searches on one heap of known content: against the VM's own
- * histogram, with time limits, concurrent and re-entrant callers, a memory ceiling and tag
- * clearing that fails. The probe agent counts the tags a walk leaves behind.
+ * Class histograms and GC-root searches on one heap of known content, and walks cut short by a time
+ * limit, a failing callback, a memory ceiling or tag clearing that fails. The probe agent counts the
+ * tags a walk leaves behind.
  */
 class HeapProbeTest {
     private static final long COUNTED = 1234;
@@ -43,61 +41,48 @@ class HeapProbeTest {
     private static final String NODE = HeapTarget.Node.class.descriptorString();
     private static final Pattern JCMD_LINE = Pattern.compile("^\\s*\\d+:\\s+(\\d+)\\s+(\\d+)\\s+(\\S+)");
     private static final JvmtiApi API = new JvmtiApi();
-    private static final List<Object> PADDING = new ArrayList<>();
-    private static final List<Object> HOLDERS = List.of(new HeapTarget.HeldThroughSuperclass(),
-            new HeapTarget.HeldThroughSuperinterface(), new HeapTarget.HeldThroughBoth());
+
+    @RegisterExtension
+    final ActiveApi agent = new ActiveApi();
 
     @BeforeAll
     static void fillTheHeap() {
-        API.registerClasses();
-        assertTrue(API.setActive(true));
         new HeapTarget.Never().hashCode();
-        new HeapTarget.Unreachable().hashCode();
-        // Garbage first, which the histogram must not count once the collection has run.
-        for (int round = 0; round < 2; round++) {
-            HeapTarget.KEPT.clear();
-            for (int i = 0; i < COUNTED; i++) {
-                HeapTarget.KEPT.add(new HeapTarget.Counted(i));
-            }
-            for (int i = 0; i < 150_000; i++) {
-                PADDING.add(new int[1]);
-            }
-        }
+        // Garbage first, which a histogram must not count once a collection has run.
+        LongStream.range(0, COUNTED).mapToObj(HeapTarget.Counted::new).forEach(Object::hashCode);
+        LongStream.range(0, COUNTED).mapToObj(HeapTarget.Counted::new).forEach(HeapTarget.KEPT::add);
+        IntStream.range(0, 300_000).forEach(i -> HeapTarget.KEPT.add(new int[1]));
         HeapTarget.buildList(1000);
         HeapTarget.KEPT.add(new Object[] {new HeapTarget.InArray(), "x", new HeapTarget.InArray()});
         HeapTarget.KEPT.add(new HeapTarget.TwoFields());
-        HeapTarget.KEPT.addAll(HOLDERS);
+        HeapTarget.KEPT.addAll(List.of(new HeapTarget.HeldThroughSuperclass(),
+                new HeapTarget.HeldThroughSuperinterface(), new HeapTarget.HeldThroughBoth()));
         HeapTarget.HeldByAnInterface.HELD.hashCode();
         API.forceGC();
     }
 
     /** name -> [count, size] */
-    private static Map<String, List<Long>> histogram(long limit) {
+    private static Map<String, List<Long>> histogram() {
         Map<String, List<Long>> byName = new HashMap<>();
         API.heapHistogram((HistogramCallback) (names, counts, sizes) -> {
             for (int i = 0; i < names.length; i++) {
                 byName.put(names[i], List.of(counts[i], sizes[i]));
             }
-        }, limit);
+        }, 0);
         return byName;
     }
 
-    private static Map<String, List<Long>> fromFile(Path file) throws Exception {
-        List<String> lines = Files.readAllLines(file);
-        assertEquals("CLASS_NAME,COUNT,SIZE", lines.get(0));
-        return lines.stream().skip(1).map(line -> line.split(",")).collect(Collectors.toMap(f -> f[0],
-                f -> f.length < 3 ? List.of() : List.of(Long.parseLong(f[1]), Long.parseLong(f[2])), (a, b) -> b));
-    }
-
-    private static Map<String, List<Long>> jcmdHistogram() throws Exception {
-        // Into a file, not a pipe: newer VMs (JDK 25 here) stream the histogram to jcmd while they
-        // hold this VM at a safepoint, so a pipe that this VM must drain would never empty.
+    /** [count, size] of the class in the VM's own histogram. */
+    private static List<Long> jcmdHistogram(String className) throws Exception {
+        // Into a file, not a pipe: newer VMs stream the histogram to jcmd while they hold this VM at
+        // a safepoint, so a pipe that this VM must drain would never empty.
         Path output = ChildJvm.workDirectory().resolve("jcmd-histogram.txt");
         assertEquals(0, new ProcessBuilder(Path.of(System.getProperty("java.home"), "bin", "jcmd").toString(),
                 Long.toString(ProcessHandle.current().pid()), "GC.class_histogram", "-all")
                 .redirectOutput(output.toFile()).start().waitFor());
-        return Files.readAllLines(output).stream().map(JCMD_LINE::matcher).filter(Matcher::find).collect(Collectors
-                .toMap(m -> m.group(3), m -> List.of(Long.parseLong(m.group(1)), Long.parseLong(m.group(2))), (a, b) -> b));
+        return Files.readAllLines(output).stream().map(JCMD_LINE::matcher)
+                .filter(m -> m.find() && m.group(3).equals(className))
+                .map(m -> List.of(Long.parseLong(m.group(1)), Long.parseLong(m.group(2)))).findFirst().orElseThrow();
     }
 
     private static GCPathEntry search(String signature, int maxDepth) {
@@ -116,97 +101,46 @@ class HeapProbeTest {
         return entry.getChildren().stream().map(HeapProbeTest::describe).sorted().toList();
     }
 
-    /** Every path ends at a GC root (no class, no children), and counts add up at every node. */
-    private static void assertEndsAtRoots(GCPathEntry entry) {
+    /** Every path ends at a GC root (no class, no children) or at the depth limit, and counts add up at every node. */
+    private static void assertEndsAtRoots(GCPathEntry entry, int levelsLeft) {
         if (entry.getChildren().isEmpty()) {
-            assertNull(entry.getClazz(), "leaf " + describe(entry));
+            assertTrue(entry.getClazz() == null || levelsLeft == 0, "leaf " + describe(entry));
         } else {
             assertEquals(entry.getCount(), entry.getChildren().stream().mapToInt(GCPathEntry::getCount).sum());
-            entry.getChildren().forEach(HeapProbeTest::assertEndsAtRoots);
-        }
-    }
-
-    /** The walk, run on another thread and waited for: it cannot end while this thread holds a lock it needs. */
-    private static long onAnotherThread(Supplier<Long> walk) {
-        try {
-            return CompletableFuture.supplyAsync(walk).get(30, TimeUnit.SECONDS);
-        } catch (Exception e) {
-            throw new AssertionError("the inner walk waits for the outer one", e);
+            entry.getChildren().forEach(child -> assertEndsAtRoots(child, levelsLeft - 1));
         }
     }
 
     @Test
     void histogramsAgreeWithTheVmsOwnAndTheFileReplacesWhateverIsAtItsPath() throws Exception {
-        Path directory = ChildJvm.workDirectory();
-        Path file = directory.resolve("histogram.csv");
-        Files.writeString(file, "left over from an earlier run\n".repeat(100));
-        Path link = directory.resolve("histogram-link.csv");
-        Path linked = directory.resolve("linked-from-histogram.txt");
+        Path link = ChildJvm.workDirectory().resolve("histogram-link.csv");
+        Path linked = ChildJvm.workDirectory().resolve("linked-from-histogram.txt");
         Files.deleteIfExists(link);
         Files.writeString(linked, "not the histogram's\n");
         Files.createSymbolicLink(link, linked);
-        Map<String, List<Long>> ours = histogram(0);
-        API.heapHistogramToFile(file.toString(), -1);
+        // The callback waits for the same walk on another thread: no lock may be held across it.
+        Map<String, List<Long>> ours = new HashMap<>();
+        API.heapHistogram((HistogramCallback) (names, counts, sizes) -> ours.putAll(CompletableFuture
+                .supplyAsync(() -> histogram()).orTimeout(30, TimeUnit.SECONDS).join()), 0);
         API.heapHistogramToFile(link.toString(), 0);
-        Map<String, List<Long>> vm = jcmdHistogram();
-        assertEquals(COUNTED, ours.get(COUNTED_NAME).get(0));
-        for (Map<String, List<Long>> histogram : List.of(ours, fromFile(file), fromFile(link))) {
-            assertEquals(vm.get(COUNTED_NAME), histogram.get(COUNTED_NAME));
-            assertEquals(List.of(0L, 0L), histogram.get(HeapTarget.Never.class.getName()), "loaded, no instances");
-            assertTrue(histogram.get("[I").get(0) >= 300_000);
-            assertFalse(histogram.containsKey("#TIMEOUT"));
-        }
+        List<Long> counted = jcmdHistogram(COUNTED_NAME);
+        assertEquals(COUNTED, counted.get(0));
+        assertEquals(counted, ours.get(COUNTED_NAME), "count and size");
+        assertEquals(List.of(0L, 0L), ours.get(HeapTarget.Never.class.getName()), "loaded, no instances");
+        assertTrue(ours.get("[I").get(0) >= 300_000, "arrays by their descriptor");
+        List<String> file = Files.readAllLines(link);
+        assertEquals("CLASS_NAME,COUNT,SIZE", file.get(0));
+        assertTrue(file.containsAll(List.of(COUNTED_NAME + "," + COUNTED + "," + counted.get(1),
+                HeapTarget.Never.class.getName() + ",0,0")), String.join("\n", file));
         assertFalse(Files.isSymbolicLink(link), "the link is replaced");
         assertEquals("not the histogram's\n", Files.readString(linked), "what it pointed to is untouched");
-        try (Stream<Path> files = Files.list(directory)) {
-            assertEquals(List.of(), files.map(p -> p.getFileName().toString())
-                    .filter(name -> name.startsWith("histogram") && name.endsWith(".tmp")).toList());
+        try (Stream<Path> files = Files.list(link.getParent())) {
+            assertEquals(List.of(), files.map(Path::toString).filter(name -> name.endsWith(".tmp")).toList());
         }
     }
 
     @Test
-    void timeLimitsDeliverPartialResultsThenRaiseAndLeaveNoTagBehind() throws Exception {
-        List<long[]> partial = new ArrayList<>();
-        assertEquals("Timeout occurred", assertThrows(TimeoutException.class, () -> API.heapHistogram(
-                (HistogramCallback) (names, counts, sizes) -> partial.add(counts), 1)).getMessage());
-        long seen = partial.stream().flatMapToLong(Arrays::stream).sum();
-        assertTrue(seen > 0 && seen <= 100_000, "delivered first, stopped at the first check: " + seen);
-
-        Path file = ChildJvm.workDirectory().resolve("timeout.csv");
-        assertThrows(TimeoutException.class, () -> API.heapHistogramToFile(file.toString(), 1));
-        List<String> lines = Files.readAllLines(file);
-        assertEquals("#TIMEOUT", lines.get(lines.size() - 1));
-
-        List<GCPathEntry> tree = new ArrayList<>();
-        assertEquals("Timeout occurred", assertThrows(TimeoutException.class,
-                () -> API.gcRoots((GCRootsCallback) tree::add, NODE, 1, 5)).getMessage());
-        assertEquals(1, tree.size(), "the partial tree came first");
-
-        assertEquals(0, AgentProbe.tagsLeft());
-        assertEquals(COUNTED, histogram(0).get(COUNTED_NAME).get(0), "full counts again");
-    }
-
-    @Test
-    void concurrentAndReentrantWalksNeitherBlockNorDisagree() throws Exception {
-        List<Map<String, List<Long>>> results = Collections.synchronizedList(new ArrayList<>());
-        List<Thread> threads = Stream.generate(() -> new Thread(() -> results.add(histogram(0)))).limit(2).toList();
-        threads.forEach(Thread::start);
-        for (Thread thread : threads) {
-            thread.join(60_000);
-        }
-        assertEquals(List.of(COUNTED, COUNTED), results.stream().map(r -> r.get(COUNTED_NAME).get(0)).toList());
-
-        // Each callback waits for the same walk on another thread: no lock may be held across it.
-        long[] inner = new long[2];
-        API.heapHistogram((HistogramCallback) (names, counts, sizes) -> inner[0] = onAnotherThread(
-                () -> histogram(0).get(COUNTED_NAME).get(0)), 0);
-        API.gcRoots((GCRootsCallback) root -> inner[1] = onAnotherThread(() -> (long) search(NODE, 2).getCount()),
-                NODE, 0, 2);
-        assertEquals(List.of(COUNTED, 1000L), List.of(inner[0], inner[1]));
-    }
-
-    @Test
-    void aLinkedListCollapsesArrayElementsMergeAndFieldsStayApart() {
+    void gcRootTreesMergeArrayElementsCollapseListsAndKeepFieldsApart() {
         GCPathEntry root = search(NODE, 100);
         assertEquals(List.of(HeapTarget.Node.class, 1000), List.of(root.getClazz(), root.getCount()));
         assertTrue(root.getSize() >= 1000 * 12L);
@@ -214,96 +148,74 @@ class HeapProbeTest {
         assertEquals(List.of("Holder/8/head/1", "Node/2/next/999"), children(root));
         GCPathEntry link = root.getChildren().stream().filter(e -> e.getCount() == 999).findFirst().orElseThrow();
         assertEquals(List.of("Holder/8/head/999"), children(link));
-        assertEndsAtRoots(root);
+        assertEndsAtRoots(root, 100);
+        int[] inner = new int[1];
+        API.gcRoots((GCRootsCallback) entry -> inner[0] = CompletableFuture.supplyAsync(() -> search(NODE, 2).getCount())
+                .orTimeout(30, TimeUnit.SECONDS).join(), NODE, 0, 2);
+        assertEquals(1000, inner[0], "the callback waited for the same search on another thread");
 
         GCPathEntry inArray = search(HeapTarget.InArray.class.descriptorString(), 1);
         assertEquals(List.of("Object[]/3/null/2"), children(inArray));
         assertEquals(0, inArray.getChildren().get(0).getIndex(), "the index of the first element");
         assertTrue(inArray.getChildren().get(0).getChildren().isEmpty(), "maxDepth 1 builds one level");
-
         assertEquals(List.of("TwoFields/2/first/1", "TwoFields/2/second/1"),
                 children(search(HeapTarget.InFields.class.descriptorString(), 3)));
 
-        // Each holder names the field that reflection finds holding the instance, whatever the
-        // constants its interfaces declare through superclasses and superinterfaces.
-        List<String> holders = new ArrayList<>();
-        for (Object holder : HOLDERS) {
-            holders.add(holder.getClass().getSimpleName() + "/2/" + namedField(holder.getClass(), false) + "/1");
-        }
-        for (Class<?> holder : List.of(HeapTarget.HeldThroughBoth.class, HeapTarget.HeldByAnInterface.class)) {
-            holders.add(holder.getSimpleName() + "/8/" + namedField(holder, true) + "/1");
-        }
-        Collections.sort(holders);
-        assertEquals(holders, children(search(HeapTarget.Named.class.descriptorString(), 1)));
+        // The field holding the instance, whatever the constants declared by the holder's interfaces,
+        // inherited through superclasses and superinterfaces: the VM numbers those fields first.
+        assertEquals(List.of("HeldByAnInterface/8/HELD/1", "HeldThroughBoth/2/held/1", "HeldThroughBoth/8/kept/1",
+                "HeldThroughSuperclass/2/held/1", "HeldThroughSuperinterface/2/held/1"),
+                children(search(HeapTarget.Named.class.descriptorString(), 1)));
 
-        // Primitive arrays lead nowhere and go unrecorded, unless they are what is searched for.
-        GCPathEntry ints = search("[I", 1);
-        assertTrue(ints.getCount() >= 2 * 150_000, describe(ints));
-        assertTrue(ints.getChildren().stream().anyMatch(e -> e.getClazz() == Object[].class && e.getCount() >= 2 * 150_000),
-                children(ints).toString());
-    }
 
-    /** The field of the class that holds a Named. */
-    private static String namedField(Class<?> clazz, boolean isStatic) {
-        return Arrays.stream(clazz.getDeclaredFields()).filter(f -> f.getType() == HeapTarget.Named.class)
-                .filter(f -> Modifier.isStatic(f.getModifiers()) == isStatic).map(Field::getName).findFirst().orElseThrow();
-    }
-
-    @Test
-    void noReachableInstanceUnknownClassesAndBadArgumentsLeaveNoTagBehind() {
-        GCPathEntry none = search(HeapTarget.Unreachable.class.descriptorString(), 5);
-        assertEquals(List.of(0, List.of()), List.of(none.getCount(), none.getChildren()));
-        assertNull(none.getClazz());
+        GCPathEntry none = search(HeapTarget.Never.class.descriptorString(), 5);
+        assertEquals(Arrays.asList(null, 0, List.of()), Arrays.asList(none.getClazz(), none.getCount(), none.getChildren()));
         List<GCPathEntry> delivered = new ArrayList<>();
         API.gcRoots((GCRootsCallback) delivered::add, "Lno/such/Clazz;", 0, 5);
-        assertTrue(delivered.isEmpty(), "a class that is not loaded: no callback, no exception");
-
-        assertEquals(List.of("callback is null", "maxDepth is negative", "signature is null", "callback is null",
-                "filename is null", "Native error 'No such file or directory' 2", "callback failure"), List.of(
-                assertThrows(IllegalArgumentException.class, () -> API.gcRoots(null, "LX;", 0, 1)).getMessage(),
-                assertThrows(IllegalArgumentException.class,
-                        () -> API.gcRoots((GCRootsCallback) r -> { }, "LX;", 0, 0)).getMessage(),
-                assertThrows(IllegalArgumentException.class,
-                        () -> API.gcRoots((GCRootsCallback) r -> { }, null, 0, 1)).getMessage(),
-                assertThrows(IllegalArgumentException.class, () -> API.heapHistogram(null, 0)).getMessage(),
-                assertThrows(IllegalArgumentException.class, () -> API.heapHistogramToFile(null, 0)).getMessage(),
-                assertThrows(IllegalStateException.class,
-                        () -> API.heapHistogramToFile("/nonexistent-dir/histogram.csv", 0)).getMessage(),
-                assertThrows(IllegalStateException.class, () -> API.gcRoots((GCRootsCallback) r -> {
-                    throw new IllegalStateException("callback failure");
-                }, NODE, 0, 2)).getMessage()));
-        assertThrows(NoSuchMethodError.class, () -> API.heapHistogram(new Object(), 0));
-        assertEquals(0, AgentProbe.tagsLeft());
-        assertEquals(1000, search(NODE, 2).getCount());
+        assertEquals(List.of(), delivered, "a class that is not loaded: no callback, no exception");
     }
 
     @Test
-    void tagsThatCouldNotBeClearedAreClearedBeforeTheNextWalkOrItRefuses() {
-        List<GCPathEntry> delivered = new ArrayList<>();
+    void walksCutShortOrFailingToClearTheirTagsLeaveNoTagBehind() throws Exception {
+        List<long[]> partial = new ArrayList<>();
+        assertEquals("Timeout occurred", assertThrows(TimeoutException.class, () -> API.heapHistogram(
+                (HistogramCallback) (names, counts, sizes) -> partial.add(counts), 1)).getMessage());
+        long seen = partial.stream().flatMapToLong(Arrays::stream).sum();
+        assertTrue(seen > 0 && seen <= 100_000, "delivered first, stopped at the first check: " + seen);
+        Path file = ChildJvm.workDirectory().resolve("timeout.csv");
+        assertThrows(TimeoutException.class, () -> API.heapHistogramToFile(file.toString(), 1));
+        List<String> lines = Files.readAllLines(file);
+        assertEquals("#TIMEOUT", lines.get(lines.size() - 1));
+        List<GCPathEntry> tree = new ArrayList<>();
+        assertThrows(TimeoutException.class, () -> API.gcRoots((GCRootsCallback) tree::add, NODE, 1, 5));
+        assertEquals(1, tree.size(), "the partial tree came first");
+        assertEquals("callback failure", assertThrows(IllegalStateException.class, () -> API.gcRoots(
+                (GCRootsCallback) r -> { throw new IllegalStateException("callback failure"); }, NODE, 0, 2)).getMessage());
+        assertEquals(0, AgentProbe.tagsLeft());
+
+        ChildJvm.Result result = ChildJvm.main(CeilingMain.class).withProbeAgent()
+                .property("kv.jvmti.heap.walk.max.mb", "2").run().assertClean();
+        assertEquals(List.of("Heap walk stopped: it needs more than 2 MB of native memory (kv.jvmti.heap.walk.max.mb)",
+                "counted 200000, tags left 0"), result.stdoutLines());
+
+        // Tags that could not be cleared are cleared before the next walk, or it refuses.
+        tree.clear();
         try {
             AgentProbe.failTagClearing(2, 0);
             JVMTIException failed = assertThrows(JVMTIException.class,
-                    () -> API.gcRoots((GCRootsCallback) delivered::add, NODE, 0, 2));
-            assertEquals(List.of("JVMTI_ERROR_INTERNAL", 1), List.of(failed.getMessage(), delivered.size()));
+                    () -> API.gcRoots((GCRootsCallback) tree::add, NODE, 0, 2));
+            assertEquals(List.of("JVMTI_ERROR_INTERNAL", 1), List.of(failed.getMessage(), tree.size()));
             assertTrue(AgentProbe.tagsLeft() > 1000, "the nodes are still tagged");
             assertEquals("Tags of an earlier heap walk could not be cleared (JVMTI_ERROR_INTERNAL): heap walks are "
-                    + "refused until they are", assertThrows(IllegalStateException.class, () -> histogram(0)).getMessage());
+                    + "refused until they are", assertThrows(IllegalStateException.class, () -> histogram()).getMessage());
             AgentProbe.failTagClearing(0, 1);
-            assertEquals(COUNTED, histogram(0).get(COUNTED_NAME).get(0), "cleared first, then counted");
+            assertEquals(COUNTED, histogram().get(COUNTED_NAME).get(0), "cleared first, then counted");
             assertEquals(1, AgentProbe.tagsLeft(), "the class tag that could not be cleared");
         } finally {
             AgentProbe.failTagClearing(0, 0);
         }
         assertEquals(1000, search(NODE, 2).getCount());
         assertEquals(0, AgentProbe.tagsLeft());
-    }
-
-    @Test
-    void aWalkPastItsMemoryCeilingStopsAndLeavesTheHeapCountable() throws Exception {
-        ChildJvm.Result result = ChildJvm.main(CeilingMain.class).withProbeAgent()
-                .property("kv.jvmti.heap.walk.max.mb", "2").run().assertClean();
-        assertEquals(List.of("Heap walk stopped: it needs more than 2 MB of native memory (kv.jvmti.heap.walk.max.mb)",
-                "counted 200000, tags left 0"), result.stdoutLines());
     }
 
     /** Keeps 200,000 objects reachable, searches them past a 2 MB walk ceiling, then counts them. */
@@ -314,11 +226,12 @@ class HeapProbeTest {
             List<HeapTarget.Counted> kept = Stream.iterate(0L, i -> i + 1).limit(200_000).map(HeapTarget.Counted::new)
                     .toList();
             try {
-                API.gcRoots((GCRootsCallback) root -> System.out.println("delivered"), HeapTarget.Counted.class.descriptorString(), 0, 3);
+                API.gcRoots((GCRootsCallback) root -> System.out.println("delivered"),
+                        HeapTarget.Counted.class.descriptorString(), 0, 3);
             } catch (IllegalStateException e) {
                 System.out.println(e.getMessage());
             }
-            System.out.println("counted " + histogram(0).get(COUNTED_NAME).get(0) + ", tags left " + AgentProbe.tagsLeft());
+            System.out.println("counted " + histogram().get(COUNTED_NAME).get(0) + ", tags left " + AgentProbe.tagsLeft());
             Reference.reachabilityFence(kept);
         }
     }

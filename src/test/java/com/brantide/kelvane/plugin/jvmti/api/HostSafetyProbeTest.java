@@ -12,11 +12,10 @@ import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
 import com.brantide.kelvane.plugin.jvmti.StepType;
 import com.brantide.kelvane.plugin.jvmti.ThreadContext;
 import com.brantide.kelvane.plugin.jvmti.fixtures.StepTarget;
+import com.brantide.kelvane.plugin.jvmti.testing.ActiveApi;
 import com.brantide.kelvane.plugin.jvmti.testing.Stops;
-import java.io.File;
 import java.lang.management.ManagementFactory;
 import java.lang.ref.WeakReference;
-import java.net.MalformedURLException;
 import java.net.URL;
 import java.net.URLClassLoader;
 import java.util.ArrayList;
@@ -24,9 +23,11 @@ import java.util.List;
 import java.util.Set;
 import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.TimeUnit;
+import java.util.stream.Collectors;
+import java.util.stream.Stream;
 import org.junit.jupiter.api.AfterEach;
-import org.junit.jupiter.api.BeforeEach;
 import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.extension.RegisterExtension;
 
 /**
  * What the agent must never do to its host: leave a thread suspended that nobody will resume, hold
@@ -36,24 +37,16 @@ import org.junit.jupiter.api.Test;
 class HostSafetyProbeTest {
     private static final long BREAKPOINT = 1L << (JvmtiEvent.BREAKPOINT - 50);
 
-    private final JvmtiApi api = new JvmtiApi();
+    @RegisterExtension
+    final ActiveApi agent = new ActiveApi();
+    private final JvmtiApi api = agent.api;
     private final List<Thread> started = new ArrayList<>();
     private volatile boolean running = true;
 
-    @BeforeEach
-    void activate() {
-        api.registerClasses();
-        assertTrue(api.setActive(true));
-    }
-
     @AfterEach
-    void release() throws InterruptedException {
+    void stopThreads() {
         running = false;
-        for (Thread thread : started) {
-            thread.join(10_000);
-        }
-        api.registerBreakpointHook(null);
-        api.setActive(false);
+        started.forEach(HostSafetyProbeTest::finish);
     }
 
     @Test
@@ -121,9 +114,8 @@ class HostSafetyProbeTest {
     @Test
     void aStepStopThatSwitchesBreakpointsOffLosesNoLaterHit() throws Exception {
         BreakpointLocation first = Stops.breakpointAt(api, StepTarget.class, "caller-a");
-        BreakpointLocation after = Stops.breakpointAt(api, StepTarget.class, "caller-after");
-        api.setBreakpoint(first);
-        api.setBreakpoint(after);
+        api.setBreakpoint(first);  // cleared by the run
+        agent.setBreakpoint(Stops.breakpointAt(api, StepTarget.class, "caller-after"));
         // The step stops where a breakpoint stands, and its hook switches breakpoints off there.
         Stops stops = new Stops() {
             @Override
@@ -136,16 +128,12 @@ class HostSafetyProbeTest {
             }
         }.answer(StepType.STEP_OVER, StepType.STEP_OVER, StepType.CONTINUE);
         api.registerBreakpointHook(stops);
-        try {
-            stops.run(api, () -> {
-                StepTarget.caller(1);
-                api.clearBreakpoint(first);
-                api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, true);
-                return StepTarget.caller(2);
-            });
-        } finally {
-            api.clearBreakpoint(after);
-        }
+        stops.run(api, () -> {
+            StepTarget.caller(1);
+            api.clearBreakpoint(first);
+            api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, true);
+            return StepTarget.caller(2);
+        });
         assertEquals(Stops.at(StepTarget.class, "caller-a", "caller-call", "caller-after", "caller-after"), stops.stops());
     }
 
@@ -179,8 +167,7 @@ class HostSafetyProbeTest {
         // A hook without breakpointHit is looked for once, not at every hit (each failed lookup
         // makes the VM build a NoSuchMethodError with its stack trace).
         api.registerBreakpointHook(new Object());
-        BreakpointLocation tick = BreakpointLocation.forMethod(HostSafetyProbeTest.class.getDeclaredMethod("tick", int.class), 0);
-        api.setBreakpoint(tick);
+        agent.setBreakpoint(tickLocation());
         assertTrue(api.setEventNotificationMode(caller, JvmtiEvent.BREAKPOINT, true));
         com.sun.management.ThreadMXBean threads = (com.sun.management.ThreadMXBean) ManagementFactory.getThreadMXBean();
         long before = threads.getCurrentThreadAllocatedBytes();
@@ -190,7 +177,6 @@ class HostSafetyProbeTest {
         }
         long allocated = threads.getCurrentThreadAllocatedBytes() - before;
         api.setEventNotificationMode(caller, JvmtiEvent.BREAKPOINT, false);
-        api.clearBreakpoint(tick);
         assertNotEquals(0, sum);
         assertTrue(allocated < 10_000 * 16L, allocated + " bytes allocated by 10,000 hits");
     }
@@ -224,7 +210,7 @@ class HostSafetyProbeTest {
         Object hook = loader.loadClass(LooseHook.class.getName()).getConstructor().newInstance();
         registerHooks(hook);
         assertTrue(api.setActive(true));
-        BreakpointLocation tick = BreakpointLocation.forMethod(HostSafetyProbeTest.class.getDeclaredMethod("tick", int.class), 0);
+        BreakpointLocation tick = tickLocation();
         api.setBreakpoint(tick);
         assertTrue(api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, true));
         tick(0);
@@ -254,6 +240,10 @@ class HostSafetyProbeTest {
         return value + 1;
     }
 
+    private static BreakpointLocation tickLocation() throws NoSuchMethodException {
+        return BreakpointLocation.forMethod(HostSafetyProbeTest.class.getDeclaredMethod("tick", int.class), 0);
+    }
+
     /** A hook as a plug-in writes it: found by name and descriptor, typed with the plug-in's classes. */
     public static final class LooseHook {
         public int hits;
@@ -268,12 +258,10 @@ class HostSafetyProbeTest {
     private static final class PlugInLoader extends URLClassLoader {
         static final List<String> REGISTERED = List.of("ThreadContext", "BreakpointLocation", "GCPathEntry",
                 "JVMTIException", "JVMTICapabilityException");
-        private static final Set<String> OWN = Set.of("com.brantide.kelvane.plugin.jvmti.ThreadContext",
-                "com.brantide.kelvane.plugin.jvmti.BreakpointLocation", "com.brantide.kelvane.plugin.jvmti.GCPathEntry",
-                "com.brantide.kelvane.plugin.jvmti.JVMTIException",
-                "com.brantide.kelvane.plugin.jvmti.JVMTICapabilityException", LooseHook.class.getName());
+        private static final Set<String> OWN = Stream.concat(Stream.of(LooseHook.class.getName()),
+                REGISTERED.stream().map(name -> "com.brantide.kelvane.plugin.jvmti." + name)).collect(Collectors.toSet());
 
-        PlugInLoader() throws MalformedURLException {
+        PlugInLoader() {
             super(classPath(), HostSafetyProbeTest.class.getClassLoader());
         }
 
@@ -288,12 +276,10 @@ class HostSafetyProbeTest {
             }
         }
 
-        private static URL[] classPath() throws MalformedURLException {
-            List<URL> urls = new ArrayList<>();
-            for (String entry : System.getProperty("java.class.path").split(File.pathSeparator)) {
-                urls.add(new File(entry).toURI().toURL());
-            }
-            return urls.toArray(new URL[0]);
+        /** The jars of the managed layer and of the tests, where the plug-in's copies come from. */
+        private static URL[] classPath() {
+            return new URL[] {ThreadContext.class.getProtectionDomain().getCodeSource().getLocation(),
+                LooseHook.class.getProtectionDomain().getCodeSource().getLocation()};
         }
     }
 
@@ -313,8 +299,7 @@ class HostSafetyProbeTest {
     }
 
     private Thread start(String name, Runnable body) {
-        Thread thread = new Thread(body, name);
-        return start(thread);
+        return start(new Thread(body, name));
     }
 
     private Thread start(Thread thread) {

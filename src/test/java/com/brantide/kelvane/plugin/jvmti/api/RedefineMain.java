@@ -3,13 +3,13 @@ package com.brantide.kelvane.plugin.jvmti.api;
 import com.brantide.kelvane.plugin.jvmti.fixtures.EventTarget;
 import com.brantide.kelvane.plugin.jvmti.testing.ChildJvm;
 import com.brantide.kelvane.plugin.jvmti.testing.ClassFiles;
+import java.io.ByteArrayInputStream;
 import java.io.IOException;
-import java.io.OutputStream;
 import java.lang.instrument.ClassDefinition;
 import java.lang.instrument.Instrumentation;
+import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
-import java.util.jar.Attributes;
 import java.util.jar.JarOutputStream;
 import java.util.jar.Manifest;
 
@@ -30,13 +30,10 @@ public final class RedefineMain {
     /** A jar holding only a manifest that names this class as the instrumentation agent. */
     static Path agentJar() throws IOException {
         Path jar = ChildJvm.workDirectory().resolve("redefine-agent.jar");
-        Manifest manifest = new Manifest();
-        manifest.getMainAttributes().put(Attributes.Name.MANIFEST_VERSION, "1.0");
-        manifest.getMainAttributes().putValue("Premain-Class", RedefineMain.class.getName());
-        manifest.getMainAttributes().putValue("Can-Redefine-Classes", "true");
-        try (OutputStream out = Files.newOutputStream(jar)) {
-            new JarOutputStream(out, manifest).close();
-        }
+        String manifest = "Manifest-Version: 1.0\nPremain-Class: " + RedefineMain.class.getName()
+                + "\nCan-Redefine-Classes: true\n";
+        byte[] bytes = manifest.getBytes(StandardCharsets.UTF_8);
+        new JarOutputStream(Files.newOutputStream(jar), new Manifest(new ByteArrayInputStream(bytes))).close();
         return jar;
     }
 

@@ -6,18 +6,14 @@ import java.net.URL;
 import java.net.URLClassLoader;
 import java.nio.file.Files;
 import java.nio.file.Path;
-import java.util.ArrayList;
-import java.util.List;
 import javax.tools.JavaCompiler;
 import javax.tools.ToolProvider;
 import org.objectweb.asm.ClassReader;
 import org.objectweb.asm.ClassVisitor;
 import org.objectweb.asm.ClassWriter;
-import org.objectweb.asm.Label;
-import org.objectweb.asm.MethodVisitor;
 import org.objectweb.asm.Opcodes;
 
-/** Class files for the lookup tests: their own line tables, and variants made at run time. */
+/** Class files for the lookup tests: their bytes, and variants made at run time. */
 public final class ClassFiles {
     private ClassFiles() {
     }
@@ -26,37 +22,6 @@ public final class ClassFiles {
         try (InputStream in = clazz.getResourceAsStream(clazz.getName().substring(clazz.getName().lastIndexOf('.') + 1) + ".class")) {
             return in.readAllBytes();
         }
-    }
-
-    /** The method's line table as (bytecode offset, line) pairs, in offset order. */
-    public static List<long[]> lineTable(Class<?> clazz, String methodKey) throws IOException {
-        List<Label> starts = new ArrayList<>();
-        List<Integer> lines = new ArrayList<>();
-        // Labels get their offsets only when a writer lays the code out again, unchanged here.
-        new ClassReader(bytesOf(clazz)).accept(new ClassVisitor(Opcodes.ASM9, new ClassWriter(0)) {
-            @Override
-            public MethodVisitor visitMethod(int access, String name, String descriptor, String signature,
-                    String[] exceptions) {
-                if (!methodKey.equals(name + descriptor)) {
-                    return null;
-                }
-                return new MethodVisitor(Opcodes.ASM9,
-                        super.visitMethod(access, name, descriptor, signature, exceptions)) {
-                    @Override
-                    public void visitLineNumber(int line, Label start) {
-                        super.visitLineNumber(line, start);
-                        starts.add(start);
-                        lines.add(line);
-                    }
-                };
-            }
-        }, 0);
-        List<long[]> table = new ArrayList<>();
-        for (int i = 0; i < starts.size(); i++) {
-            table.add(new long[] {starts.get(i).getOffset(), lines.get(i)});
-        }
-        table.sort((a, b) -> Long.compare(a[0], b[0]) != 0 ? Long.compare(a[0], b[0]) : Long.compare(a[1], b[1]));
-        return table;
     }
 
     /** The class defined again in a loader of its own, carrying the given source debug extension. */

@@ -1,81 +1,75 @@
 package com.brantide.kelvane.plugin.jvmti.testing;
 
 import com.brantide.kelvane.plugin.jvmti.BreakpointLocation;
+import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
+import com.brantide.kelvane.plugin.jvmti.api.AgentProbe;
 import com.brantide.kelvane.plugin.jvmti.api.GCRootsCallback;
 import com.brantide.kelvane.plugin.jvmti.api.HistogramCallback;
 import com.brantide.kelvane.plugin.jvmti.api.JvmtiApi;
 import com.brantide.kelvane.plugin.jvmti.api.ThreadCallback;
 import com.brantide.kelvane.plugin.jvmti.api.VariableCallback;
+import com.brantide.kelvane.plugin.jvmti.fixtures.Target;
 import java.io.BufferedReader;
 import java.io.InputStreamReader;
+import java.io.Writer;
 import java.util.ArrayList;
 import java.util.List;
+import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.locks.LockSupport;
 
 /**
- * A child JVM's program: prints the agent's settings on standard output, then switches it as the
- * arguments say ("on", "off"), switches events the managed side may not switch ("refused": a
- * thread started before the agent, one that has ended, a stepping event), or, started without the
- * agent, loads the library as a plain one and calls natives that need the agent ("plain"), or
- * inspects and tries to debug in inspection-only mode ("inspect", "inspect attached").
+ * A child JVM's program for start-up and the data dump. Without arguments it prints the agent's
+ * switches; "plain", started without the agent, loads the library as a plain one and calls natives
+ * that need the agent; "inspect" inspects and tries to debug in inspection-only mode (with
+ * "attached": once a line on standard input says the agent was attached); "dump" prints READY,
+ * and after a line on standard input sets up hooks, events, breakpoints and watches and prints BUSY,
+ * then waits until its standard input closes.
  */
 public final class StartupMain {
+    /** Kept, for the GC-root search of the inspection run to find. */
+    private static final List<Object> KEPT = new ArrayList<>();
+    private static final BufferedReader IN = new BufferedReader(new InputStreamReader(System.in));
+
     private StartupMain() {
     }
 
     public static void main(String[] args) throws Exception {
-        if (args.length > 0 && args[0].equals("plain")) {
-            callWithoutTheAgent();
-            return;
-        }
-        if (args.length > 0 && args[0].equals("inspect")) {
-            inspect(args.length > 1 && args[1].equals("attached"));
-            return;
-        }
         JvmtiApi api = new JvmtiApi();
+        switch (args.length > 0 ? args[0] : "") {
+            case "plain" -> callWithoutTheAgent(api);
+            case "inspect" -> inspect(api, args.length > 1);
+            case "dump" -> dumps(api);
+            default -> switches(api);
+        }
+    }
+
+    private static void switches(JvmtiApi api) {
+        // Before the classes are registered, a JVMTI error can only be raised as an IllegalStateException.
+        System.out.println("unregistered=" + outcome(() -> api.getStackDepth(new Thread())));
         api.registerClasses();
-        System.out.println("fastStepping=" + api.isFastSteppingEnabled());
-        System.out.println("exceptions=" + api.isExceptionsEnabled());
-        System.out.println("active=" + api.isActive());
-        for (String arg : args) {
-            if (arg.equals("refused")) {
-                refusedSwitches(api);
-                continue;
-            }
-            System.err.println("-- setActive(" + arg.equals("on") + ")");
-            System.out.println("setActive(" + arg.equals("on") + ")=" + api.setActive(arg.equals("on")));
-        }
+        System.out.println("fastStepping=" + api.isFastSteppingEnabled() + " exceptions=" + api.isExceptionsEnabled()
+                + " active=" + api.isActive());
     }
 
-    private static void refusedSwitches(JvmtiApi api) {
-        Thread early = Thread.getAllStackTraces().keySet().stream()
-                .filter(t -> t.getName().equals("Reference Handler")).findFirst().orElseThrow();
-        Thread ended = new Thread(() -> { }, "ended");
-        ended.start();
-        try {
-            ended.join();
-        } catch (InterruptedException e) {
-            throw new IllegalStateException(e);
-        }
-        System.out.println("early=" + api.setEventNotificationMode(early, 62, true));
-        System.out.println("ended=" + api.setEventNotificationMode(ended, 62, true));
-        System.out.println("stepping=" + api.setEventNotificationMode(Thread.currentThread(), 60, true));
+    private static void callWithoutTheAgent(JvmtiApi api) {
+        System.load(System.getProperty("kv.test.library"));
+        api.registerClasses();
+        System.out.println(api.getLibraryVersionString());
+        System.out.println("version=" + api.getApiVersion() + " active=" + api.isActive());
+        Thread self = Thread.currentThread();
+        List<Runnable> calls = List.of(() -> api.setActive(true), () -> api.getStackDepth(self),
+                () -> api.listThreads((ThreadCallback) thread -> { }), () -> api.suspendThread(new Thread(), null),
+                () -> api.setEventNotificationMode(self, JvmtiEvent.BREAKPOINT, true), () -> api.heapHistogram(null, 0),
+                () -> api.getSourceFileName(String.class));
+        calls.forEach(call -> System.out.println(outcome(call)));
     }
 
-    /** Kept, for the GC-root search of the inspection run to find. */
-    private static final List<Object> KEPT = new ArrayList<>();
-
-    /**
-     * Inspection only: what needs no debugging capability works, what needs one is refused. With
-     * "attached", the agent is loaded into this running VM first: READY, then a line on standard
-     * input once it is there.
-     */
-    private static void inspect(boolean attached) throws Exception {
+    /** Inspection only: what needs no debugging capability works, what needs one is refused. */
+    private static void inspect(JvmtiApi api, boolean attached) throws Exception {
         if (attached) {
             System.out.println("READY");
-            new BufferedReader(new InputStreamReader(System.in)).readLine();
+            IN.readLine();
         }
-        JvmtiApi api = new JvmtiApi();
         api.registerClasses();
         System.out.println("active=" + api.setActive(true));
         for (int i = 0; i < 3; i++) {
@@ -97,47 +91,72 @@ public final class StartupMain {
         api.suspendThread(sleeper, null);
         int depth = api.getStackDepth(sleeper);
         api.resumeThread(sleeper, 2);
+        sleeper.interrupt();
         System.out.println("histogram=" + kept[0] + " gcRoots=" + rooted[0] + " suspendedDepth>0=" + (depth > 0)
                 + " source=" + api.getSourceFileName(StartupMain.class));
         Thread self = Thread.currentThread();
-        BreakpointLocation here = BreakpointLocation.forMethod(StartupMain.class.getDeclaredMethod("inspect", boolean.class), 0);
-        System.out.println("breakpoint=" + refusal(() -> api.setBreakpoint(here))
-                + " locals=" + refusal(() -> api.listVariables(self, 1, 1, (VariableCallback) (n, v, t) -> true))
-                + " switch=" + api.setEventNotificationMode(self, 62, true));
-        sleeper.interrupt();
+        BreakpointLocation here = BreakpointLocation.forMethod(StartupMain.class.getDeclaredMethod("inspect",
+                JvmtiApi.class, boolean.class), 0);
+        System.out.println("breakpoint=" + outcome(() -> api.setBreakpoint(here)));
+        System.out.println("locals=" + outcome(() -> api.listVariables(self, 1, 1, (VariableCallback) (n, v, t) -> true)));
+        System.out.println("switch=" + api.setEventNotificationMode(self, JvmtiEvent.BREAKPOINT, true));
     }
 
-    private static String refusal(Runnable call) {
+    private static void dumps(JvmtiApi api) throws Exception {
+        api.registerClasses();
+        CountDownLatch running = new CountDownLatch(1);
+        CountDownLatch release = new CountDownLatch(1);
+        Thread worker = ThreadKind.unstarted("dump-worker", () -> {
+            running.countDown();
+            awaitQuietly(release);
+        });
+        worker.start();
+        running.await();
+        new Target(1); // prepared, so that its members can carry breakpoints and watches
+        System.out.println("READY");
+        IN.readLine();
+        api.setActive(true);
+        api.registerThreadHook(new Object());
+        api.registerBreakpointHook(new Object());
+        api.registerFieldHook(new Object());
+        // The worker's step is switched as the agent's stepping does it, apart from the user's switches.
+        if (!api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, true)
+                || !api.setEventNotificationMode(worker, JvmtiEvent.BREAKPOINT, true)
+                || !AgentProbe.setEvent(true, JvmtiEvent.SINGLE_STEP, worker, false)
+                || !api.setEventNotificationMode(null, JvmtiEvent.FIELD_ACCESS, true)) {
+            throw new IllegalStateException("event not switched");
+        }
+        api.setBreakpoint(BreakpointLocation.forMethod(Target.class.getMethod("twice", int.class), 0));
+        api.setBreakpoint(BreakpointLocation.forMethod(Target.class.getMethod("sum", long.class, long.class), 0));
+        api.setFieldAccessWatch(Target.class, Target.class.getField("value"));
+        api.setFieldModificationWatch(Target.class, Target.class.getField("value"));
+        api.setFieldModificationWatch(Target.class, Target.class.getField("created"));
+        System.out.println("worker=" + worker.getId() + " main=" + Thread.currentThread().getId());
+        System.out.println("BUSY");
+        IN.transferTo(Writer.nullWriter());
+        release.countDown();
+        worker.join();
+    }
+
+    /** "none", or the exception the call raised: its class and message. */
+    private static String outcome(Runnable call) {
         try {
             call.run();
             return "none";
         } catch (RuntimeException e) {
-            return e.getClass().getSimpleName();
+            return e.getClass().getSimpleName() + ": " + e.getMessage();
+        }
+    }
+
+    private static void awaitQuietly(CountDownLatch latch) {
+        try {
+            latch.await();
+        } catch (InterruptedException e) {
+            Thread.currentThread().interrupt();
         }
     }
 
     /** A class of its own, so that its instances can be counted and searched for. */
     private static final class Kept {
-    }
-
-    private static void callWithoutTheAgent() {
-        System.load(System.getProperty("kv.test.library"));
-        JvmtiApi api = new JvmtiApi();
-        api.registerClasses();
-        System.out.println(api.getLibraryVersionString());
-        System.out.println("version=" + api.getApiVersion() + " active=" + api.isActive());
-        Thread self = Thread.currentThread();
-        List<Runnable> calls = List.of(() -> api.setActive(true), () -> api.getStackDepth(self),
-                () -> api.listThreads((ThreadCallback) thread -> { }), () -> api.suspendThread(new Thread(), null),
-                () -> api.setEventNotificationMode(self, 62, true), () -> api.heapHistogram(null, 0),
-                () -> api.getSourceFileName(String.class));
-        for (Runnable call : calls) {
-            try {
-                call.run();
-                System.out.println("no exception");
-            } catch (IllegalStateException e) {
-                System.out.println(e.getMessage());
-            }
-        }
     }
 }

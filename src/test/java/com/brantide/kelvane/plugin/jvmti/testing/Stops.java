@@ -10,39 +10,31 @@ import com.brantide.kelvane.plugin.jvmti.api.LineNumberCallback;
 import com.brantide.kelvane.plugin.jvmti.api.SteppingAbortedHook;
 import java.io.IOException;
 import java.io.UncheckedIOException;
-import java.lang.reflect.Method;
 import java.nio.file.Files;
 import java.nio.file.Path;
-import java.util.ArrayDeque;
-import java.util.ArrayList;
-import java.util.Collections;
-import java.util.Deque;
-import java.util.HashMap;
+import java.util.Arrays;
 import java.util.List;
-import java.util.Map;
 import java.util.concurrent.Callable;
-import java.util.concurrent.atomic.AtomicInteger;
-import java.util.regex.Matcher;
-import java.util.regex.Pattern;
+import java.util.concurrent.ConcurrentLinkedQueue;
+import java.util.concurrent.CopyOnWriteArrayList;
+import java.util.concurrent.FutureTask;
 
 /**
  * The breakpoint hook of the stepping tests: on the thread under test it records where each stop
  * is ("method:line", the line of the stopped frame) and answers with the next command of a
- * script, CONTINUE once the script is used up. Other threads are answered CONTINUE.
+ * script, CONTINUE once the script is used up; a step given up at the time limit is recorded as
+ * "aborted". Other threads are answered CONTINUE. Lines are named by "// @method-name" markers in
+ * the sources.
  */
 public class Stops implements BreakpointHook, SteppingAbortedHook {
-    private static final Pattern MARKER = Pattern.compile("// @(\\S+)");
     private static final StackWalker WALKER = StackWalker.getInstance(StackWalker.Option.RETAIN_CLASS_REFERENCE);
 
-    private final Deque<Integer> script = new ArrayDeque<>();
-    private final List<String> stops = Collections.synchronizedList(new ArrayList<>());
-    private final AtomicInteger aborted = new AtomicInteger();
+    private final ConcurrentLinkedQueue<Integer> script = new ConcurrentLinkedQueue<>();
+    private final List<String> stops = new CopyOnWriteArrayList<>();
     private volatile Thread subject;
 
     public Stops answer(int... commands) {
-        for (int command : commands) {
-            script.add(command);
-        }
+        Arrays.stream(commands).forEach(script::add);
         return this;
     }
 
@@ -57,18 +49,21 @@ public class Stops implements BreakpointHook, SteppingAbortedHook {
         if (Thread.currentThread() != subject) {
             return StepType.CONTINUE;
         }
-        StackWalker.StackFrame frame = WALKER.walk(s -> s.dropWhile(f -> Stops.class.isAssignableFrom(f.getDeclaringClass()))
+        var frame = WALKER.walk(s -> s.dropWhile(f -> Stops.class.isAssignableFrom(f.getDeclaringClass()))
                 .findFirst()).orElseThrow();
         stops.add(frame.getMethodName() + ":" + frame.getLineNumber());
-        Integer next = script.poll();
-        return next == null ? StepType.CONTINUE : next;
+        return script.isEmpty() ? StepType.CONTINUE : script.poll();
     }
 
     @Override
     public void steppingAborted(Thread thread) {
         if (thread == subject) {
-            aborted.incrementAndGet();
+            stops.add("aborted");
         }
+    }
+
+    public List<String> stops() {
+        return List.copyOf(stops);
     }
 
     /** One hook for two threads under test, each answered and recorded by its own Stops. */
@@ -81,119 +76,75 @@ public class Stops implements BreakpointHook, SteppingAbortedHook {
         };
     }
 
-    /** {@link #run} for callers that cannot throw checked exceptions. */
-    public <T> T runUnchecked(JvmtiApi api, Callable<T> code) {
-        try {
-            return run(api, code);
-        } catch (Exception e) {
-            throw new IllegalStateException(e);
-        }
-    }
-
     /** Runs the code on a new thread that has breakpoint events switched on, and waits for it. */
     public <T> T run(JvmtiApi api, Callable<T> code) throws Exception {
         return run(api, code, true);
     }
 
-    /** The same on a thread that switches nothing itself: breakpoints must be on for the whole VM. */
-    public <T> T runUnswitched(JvmtiApi api, Callable<T> code) throws Exception {
-        return run(api, code, false);
-    }
-
-    private <T> T run(JvmtiApi api, Callable<T> code, boolean switchBreakpoints) throws Exception {
-        Object[] result = new Object[1];
-        Exception[] failure = new Exception[1];
-        Thread thread = ThreadKind.unstarted("stepping-subject", () -> {
+    /**
+     * The same, on a thread that switches breakpoints on itself or not at all (then they must be on
+     * for the whole VM). The thread is of the kind under test, and is waited for to its end, so that
+     * whatever the agent does at a thread's end is recorded too.
+     */
+    public <T> T run(JvmtiApi api, Callable<T> code, boolean switchBreakpoints) throws Exception {
+        FutureTask<T> task = new FutureTask<>(() -> {
             if (switchBreakpoints && !api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, true)) {
-                failure[0] = new IllegalStateException("breakpoints not switched on");
-                return;
+                throw new IllegalStateException("breakpoints not switched on");
             }
-            try {
-                result[0] = code.call();
-            } catch (Exception e) {
-                failure[0] = e;
-            }
+            return code.call();
         });
-        subject = thread;
-        thread.start();
-        thread.join(60_000);
-        if (thread.isAlive()) {
+        subject = ThreadKind.unstarted("stepping-subject", task);
+        subject.start();
+        subject.join(60_000);
+        if (subject.isAlive()) {
             throw new IllegalStateException("the thread under test is stuck; stops so far " + stops);
         }
-        if (failure[0] != null) {
-            throw failure[0];
-        }
-        @SuppressWarnings("unchecked")
-        T typed = (T) result[0];
-        return typed;
+        return task.get();
     }
-
-    public List<String> stops() {
-        return List.copyOf(stops);
-    }
-
-    public int aborted() {
-        return aborted.get();
-    }
-
-    // ---- source markers
-
-    private static final Map<Class<?>, Map<String, Integer>> MARKERS = new HashMap<>();
 
     /** "method:line" for each marker, in order. */
     public static List<String> at(Class<?> clazz, String... markers) {
-        List<String> where = new ArrayList<>();
-        for (String marker : markers) {
-            where.add(marker.substring(0, marker.indexOf('-')) + ":" + line(clazz, marker));
-        }
-        return where;
-    }
-
-    public static synchronized int line(Class<?> clazz, String marker) {
-        Map<String, Integer> lines = MARKERS.computeIfAbsent(clazz, Stops::readMarkers);
-        Integer line = lines.get(marker);
-        if (line == null) {
-            throw new IllegalArgumentException("no marker " + marker + " in " + clazz.getName());
-        }
-        return line;
-    }
-
-    private static Map<String, Integer> readMarkers(Class<?> clazz) {
-        Path source = Path.of(System.getProperty("kv.test.sources"), clazz.getName().replace('.', '/') + ".java");
-        Map<String, Integer> lines = new HashMap<>();
-        try {
-            List<String> text = Files.readAllLines(source);
-            for (int i = 0; i < text.size(); i++) {
-                Matcher matcher = MARKER.matcher(text.get(i));
-                if (matcher.find()) {
-                    lines.put(matcher.group(1), i + 1);
-                }
-            }
-        } catch (IOException e) {
-            throw new UncheckedIOException(e);
-        }
-        return lines;
+        return Arrays.stream(markers).map(marker -> method(marker) + ":" + line(clazz, marker)).toList();
     }
 
     /** A breakpoint location at the first bytecode of a marked line. */
     public static BreakpointLocation breakpointAt(JvmtiApi api, Class<?> clazz, String marker) {
-        String methodName = marker.substring(0, marker.indexOf('-'));
         int line = line(clazz, marker);
-        for (Method method : clazz.getDeclaredMethods()) {
-            if (!method.getName().equals(methodName)) {
-                continue;
+        for (var method : clazz.getDeclaredMethods()) {
+            long[] start = {Long.MAX_VALUE};
+            if (method.getName().equals(method(marker))) {
+                api.getLineNumbersV2(clazz, BreakpointLocation.signatureOf(method), (LineNumberCallback) (location, number) -> {
+                    start[0] = number == line ? Math.min(start[0], location) : start[0];
+                });
             }
-            long[] start = {-1};
-            String key = BreakpointLocation.signatureOf(method);
-            api.getLineNumbersV2(clazz, key, (LineNumberCallback) (location, number) -> {
-                if (number == line && (start[0] < 0 || location < start[0])) {
-                    start[0] = location;
-                }
-            });
-            if (start[0] >= 0) {
+            if (start[0] != Long.MAX_VALUE) {
                 return BreakpointLocation.forMethod(method, start[0]);
             }
         }
         throw new IllegalArgumentException("no code at marker " + marker);
+    }
+
+    private static String method(String marker) {
+        return marker.substring(0, marker.indexOf('-'));
+    }
+
+    /** The line of the marker in the class's source (its "// @marker" ends the line). */
+    public static int line(Class<?> clazz, String marker) {
+        List<String> source = readSource(clazz);
+        for (int i = 0; i < source.size(); i++) {
+            if (source.get(i).stripTrailing().endsWith("// @" + marker)) {
+                return i + 1;
+            }
+        }
+        throw new IllegalArgumentException("no marker " + marker + " in " + clazz.getName());
+    }
+
+    private static List<String> readSource(Class<?> clazz) {
+        try {
+            String file = clazz.getName().replace('.', '/') + ".java";
+            return Files.readAllLines(Path.of(System.getProperty("kv.test.sources"), file));
+        } catch (IOException e) {
+            throw new UncheckedIOException(e);
+        }
     }
 }
