@@ -24,7 +24,6 @@ import java.util.concurrent.TimeUnit;
 import java.util.concurrent.TimeoutException;
 import java.util.regex.Pattern;
 import java.util.stream.IntStream;
-import java.util.stream.LongStream;
 import java.util.stream.Stream;
 import org.junit.jupiter.api.BeforeAll;
 import org.junit.jupiter.api.Test;
@@ -49,8 +48,8 @@ class HeapProbeTest {
     static void fillTheHeap() {
         new HeapTarget.Never().hashCode();
         // Garbage first, which a histogram must not count once a collection has run.
-        LongStream.range(0, COUNTED).mapToObj(HeapTarget.Counted::new).forEach(Object::hashCode);
-        LongStream.range(0, COUNTED).mapToObj(HeapTarget.Counted::new).forEach(HeapTarget.KEPT::add);
+        Stream.generate(HeapTarget.Counted::new).limit(COUNTED).forEach(Object::hashCode);
+        Stream.generate(HeapTarget.Counted::new).limit(COUNTED).forEach(HeapTarget.KEPT::add);
         IntStream.range(0, 300_000).forEach(i -> HeapTarget.KEPT.add(new int[1]));
         HeapTarget.buildList(1000);
         HeapTarget.KEPT.add(new Object[] {new HeapTarget.InArray(), "x", new HeapTarget.InArray()});
@@ -167,7 +166,6 @@ class HeapProbeTest {
                 "HeldThroughSuperclass/2/held/1", "HeldThroughSuperinterface/2/held/1"),
                 children(search(HeapTarget.Named.class.descriptorString(), 1)));
 
-
         GCPathEntry none = search(HeapTarget.Never.class.descriptorString(), 5);
         assertEquals(Arrays.asList(null, 0, List.of()), Arrays.asList(none.getClazz(), none.getCount(), none.getChildren()));
         List<GCPathEntry> delivered = new ArrayList<>();
@@ -223,8 +221,7 @@ class HeapProbeTest {
         public static void main(String[] args) {
             API.registerClasses();
             API.setActive(true);
-            List<HeapTarget.Counted> kept = Stream.iterate(0L, i -> i + 1).limit(200_000).map(HeapTarget.Counted::new)
-                    .toList();
+            List<HeapTarget.Counted> kept = Stream.generate(HeapTarget.Counted::new).limit(200_000).toList();
             try {
                 API.gcRoots((GCRootsCallback) root -> System.out.println("delivered"),
                         HeapTarget.Counted.class.descriptorString(), 0, 3);

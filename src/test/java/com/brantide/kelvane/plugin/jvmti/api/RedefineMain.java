@@ -27,9 +27,12 @@ public final class RedefineMain {
         instrumentation = given;
     }
 
-    /** A jar holding only a manifest that names this class as the instrumentation agent. */
+    /**
+     * A jar holding only a manifest that names this class as the instrumentation agent; a file of
+     * its own for each caller, since test classes run side by side in one work directory.
+     */
     static Path agentJar() throws IOException {
-        Path jar = ChildJvm.workDirectory().resolve("redefine-agent.jar");
+        Path jar = Files.createTempFile(ChildJvm.workDirectory(), "redefine-agent-", ".jar");
         String manifest = "Manifest-Version: 1.0\nPremain-Class: " + RedefineMain.class.getName()
                 + "\nCan-Redefine-Classes: true\n";
         byte[] bytes = manifest.getBytes(StandardCharsets.UTF_8);
