@@ -2,6 +2,7 @@ package com.brantide.kelvane.plugin.jvmti.api;
 
 import static com.brantide.kelvane.plugin.jvmti.StepType.CONTINUE;
 import static com.brantide.kelvane.plugin.jvmti.StepType.FIELD_MODIFICATION_COMPLETE;
+import static java.nio.charset.StandardCharsets.UTF_8;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertNull;
@@ -18,7 +19,12 @@ import com.brantide.kelvane.plugin.jvmti.fixtures.StackTarget;
 import com.brantide.kelvane.plugin.jvmti.fixtures.Target;
 import com.brantide.kelvane.plugin.jvmti.testing.ActiveApi;
 import com.brantide.kelvane.plugin.jvmti.testing.ChildJvm;
+import com.brantide.kelvane.plugin.jvmti.testing.ClassFiles;
 import com.brantide.kelvane.plugin.jvmti.testing.ThreadKind;
+import java.io.ByteArrayInputStream;
+import java.io.IOException;
+import java.lang.instrument.ClassDefinition;
+import java.lang.instrument.Instrumentation;
 import java.lang.reflect.Field;
 import java.lang.reflect.Proxy;
 import java.nio.file.Files;
@@ -30,6 +36,8 @@ import java.util.List;
 import java.util.Map;
 import java.util.concurrent.CountDownLatch;
 import java.util.function.Function;
+import java.util.jar.JarOutputStream;
+import java.util.jar.Manifest;
 import java.util.stream.Collectors;
 import java.util.stream.Stream;
 import org.junit.jupiter.api.Test;
@@ -158,13 +166,41 @@ class EventsProbeTest {
         onThreadWith(() -> EventTarget.Fresh.value());
         assertEquals(List.of(List.of("event-subject", EventTarget.Fresh.class)), calls);
 
-        Path agentJar = RedefineMain.agentJar();
+        Path agentJar = redefiningAgentJar();
         try {
             ChildJvm.Result result = ChildJvm.main(RedefineMain.class).jvmOption("-javaagent:" + agentJar).run().assertClean();
             assertEquals(List.of("redefined " + EventTarget.Fresh.class.getName()),
                     result.stdoutLines().stream().filter(l -> l.startsWith("redefined")).toList());
         } finally {
             Files.delete(agentJar);
+        }
+    }
+
+    /** A jar naming RedefineMain as its instrumentation agent: one per run, as test classes run side by side. */
+    private static Path redefiningAgentJar() throws IOException {
+        Path jar = Files.createTempFile(ChildJvm.workDirectory(), "redefine-agent-", ".jar");
+        String manifest = "Manifest-Version: 1.0\nPremain-Class: " + RedefineMain.class.getName()
+                + "\nCan-Redefine-Classes: true\n";
+        new JarOutputStream(Files.newOutputStream(jar), new Manifest(new ByteArrayInputStream(manifest.getBytes(UTF_8))))
+                .close();
+        return jar;
+    }
+
+    /** A child JVM's program: loads a class with the file-load hook registered, then redefines it. */
+    public static final class RedefineMain {
+        private static Instrumentation instrumentation;
+
+        public static void premain(String args, Instrumentation given) {
+            instrumentation = given;
+        }
+
+        public static void main(String[] args) throws Exception {
+            JvmtiApi api = new JvmtiApi();
+            api.registerClasses();
+            api.registerFileLoadHook((FileLoadHook) clazz -> System.out.println("redefined " + clazz.getName()));
+            EventTarget.Fresh.value();
+            byte[] bytes = ClassFiles.bytesOf(EventTarget.Fresh.class);
+            instrumentation.redefineClasses(new ClassDefinition(EventTarget.Fresh.class, bytes));
         }
     }
 
@@ -196,17 +232,9 @@ class EventsProbeTest {
                 throw new IllegalStateException("a location that throws");
             }
         };
-        Object withoutLocationField = new Object() {
-            public Class<?> getMemberClass() {
-                return Target.class;
-            }
-
-            public String getMemberSignature() {
-                return "twice(I)I";
-            }
-        };
-        for (Object location : List.of(throwing, withoutLocationField, in(Target.class, "twice(J)I", 0),
-                in(Target.class, "twice", 0), in(null, "twice(I)I", 0), in(Target.class, null, 0),
+        record Lookalike(Class<?> getMemberClass, String getMemberSignature) { } // the getters, no location field
+        for (Object location : List.of(throwing, new Lookalike(Target.class, "twice(I)I"), in(null, "twice(I)I", 0),
+                in(Target.class, "twice(J)I", 0), in(Target.class, "twice", 0), in(Target.class, null, 0),
                 in(int.class, "twice(I)I", 0))) {
             assertEquals("Invalid BreakpointLocation",
                     assertThrows(IllegalArgumentException.class, () -> api.setBreakpoint(location)).getMessage());

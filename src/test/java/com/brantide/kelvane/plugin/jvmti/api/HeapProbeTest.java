@@ -128,7 +128,6 @@ class HeapProbeTest {
         assertEquals(List.of(0L, 0L), ours.get(HeapTarget.Never.class.getName()), "loaded, no instances");
         assertTrue(ours.get("[I").get(0) >= 300_000, "arrays by their descriptor");
         List<String> file = Files.readAllLines(link);
-        assertEquals("CLASS_NAME,COUNT,SIZE", file.get(0));
         assertTrue(file.containsAll(List.of(COUNTED_NAME + "," + COUNTED + "," + counted.get(1),
                 HeapTarget.Never.class.getName() + ",0,0")), String.join("\n", file));
         assertFalse(Files.isSymbolicLink(link), "the link is replaced");

@@ -25,7 +25,6 @@ import java.util.Map;
 import java.util.concurrent.Callable;
 import java.util.concurrent.CountDownLatch;
 import java.util.function.BiConsumer;
-import java.util.function.Consumer;
 import java.util.stream.Stream;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.Test;
@@ -51,13 +50,6 @@ class StoppedThreadsTest {
         StepTarget.spinning = false;
     }
 
-    /** Starts the job on a new thread, waits until it waits or blocks in place, and suspends it. */
-    private Thread suspended(String name, long stackSize, Consumer<CountDownLatch> job) throws InterruptedException {
-        Thread thread = ThreadKind.inPlace(name, stackSize, job);
-        api.suspendThread(thread, null);
-        return thread;
-    }
-
     private List<String> stack(Thread thread, int stackFrame) {
         List<String> names = new ArrayList<>();
         api.listStack(thread, stackFrame, (FrameCallback) location -> names.add(location.getMember().getName()));
@@ -75,7 +67,8 @@ class StoppedThreadsTest {
 
     @Test
     void aDeepStackItsLocalsAndMonitorsAreListedNewestFirstFromAnyHeight() throws Exception {
-        Thread thread = suspended("deep", 256L << 20, entered -> StackTarget.recurse(10_000, entered, release));
+        Thread thread = ThreadKind.inPlace("deep", 256L << 20, entered -> StackTarget.recurse(10_000, entered, release));
+        api.suspendThread(thread, null);
         int depth = api.getStackDepth(thread);
         List<String> all = stack(thread, depth);
         assertEquals(depth, all.size());
@@ -97,10 +90,11 @@ class StoppedThreadsTest {
         monitors.clear();
         api.listContendedMonitor(thread, (MonitorCallback) monitors::put);
         api.resumeThread(thread, StepType.CONTINUE);
-        Thread blocked = suspended("blocked", 0, entered -> {
+        Thread blocked = ThreadKind.inPlace("blocked", 0, entered -> {
             entered.countDown();
             StackTarget.one(new CountDownLatch(1), release); // blocks entering the first monitor, held by "deep"
         });
+        api.suspendThread(blocked, null);
         api.listContendedMonitor(blocked, (MonitorCallback) monitors::put);
         api.resumeThread(blocked, StepType.CONTINUE);
         assertEquals(Map.of(StackTarget.FIRST, 0), monitors, "the blocked thread's; the owner waits on no entry");
