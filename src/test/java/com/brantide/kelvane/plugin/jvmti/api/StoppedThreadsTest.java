@@ -19,6 +19,7 @@ import com.brantide.kelvane.plugin.jvmti.testing.ThreadKind;
 import java.lang.reflect.Method;
 import java.util.ArrayList;
 import java.util.Arrays;
+import java.util.Collections;
 import java.util.HashMap;
 import java.util.List;
 import java.util.Map;
@@ -140,19 +141,27 @@ class StoppedThreadsTest {
         assertTrue(loop.contains(stops.stops().get(0)), stops.stops() + " not in " + loop);
     }
 
-    /** Runs the code on a breakpoint-enabled thread; at the first stop, hands the thread and its height to `atStop`. */
+    /**
+     * Runs the code on a breakpoint-enabled thread; at the first stop, hands the thread and its height
+     * to `atStop`, whose failure fails the test (the agent would clear it as a hook's).
+     */
     private <T> T stopAt(BreakpointLocation location, BiConsumer<Thread, Integer> atStop, Callable<T> code)
             throws Exception {
         agent.setBreakpoint(location);
-        int[] stopped = {0};
+        List<Throwable> outcome = new ArrayList<>();
         api.registerBreakpointHook((BreakpointHook) (where, context) -> {
-            if (stopped[0]++ == 0) {
-                atStop.accept(context.getThread(), context.getFrameCount());
+            try {
+                if (outcome.isEmpty()) {
+                    atStop.accept(context.getThread(), context.getFrameCount());
+                    outcome.add(null);
+                }
+            } catch (Throwable failure) {
+                outcome.add(failure);
             }
             return StepType.CONTINUE;
         });
         T result = new Stops().run(api, code);
-        assertTrue(stopped[0] > 0, "stopped");
+        assertEquals(Collections.singletonList(null), outcome, "stopped, and no failure there");
         return result;
     }
 
@@ -173,29 +182,21 @@ class StoppedThreadsTest {
 
     @Test
     void everyTypeListedAndWrittenOfSeveralFramesAndOnlyWhatIsLive() throws Exception {
-        List<List<String>> listed = new ArrayList<>();
         String described = stopAt(marked("every-stop"), (thread, height) -> {
-            listed.add(list(thread, height, 2, -1));
-            listed.add(list(thread, height, 1, 2));
-            listed.add(list(thread, height, Integer.MAX_VALUE, -1));
-            if (ThreadKind.VIRTUAL) { // the VM writes no local of a virtual thread below its topmost frame
-                listed.add(List.of(assertThrows(JVMTIException.class,
-                        () -> api.setVariable(thread, height, "z", false)).getMessage()));
+            assertEquals(List.of("z=true:Z:Boolean", "b=7:B:Byte", "c=x:C:Character", "s=300:S:Short", "i=42:I:Integer",
+                    "j=1099511627776:J:Long", "f=1.5:F:Float", "d=2.25:D:Double", "text=text:Ljava/lang/String;:String",
+                    "array=[1, 2]:[I:int[]", "none=null:Ljava/lang/Object;",
+                    "marker=outer:Ljava/lang/String;:String", "array=[1, 2]:[I:int[]"), list(thread, height, 2, -1),
+                    "result is not live yet; the caller's frame follows");
+            assertEquals(2, list(thread, height, 1, 2).size(), "the callback stopped the walk");
+            assertEquals(List.of(), list(thread, height, Integer.MAX_VALUE, -1),
+                    "a range past the outermost frame, not one that wraps around");
+            write(thread, height, "z", false, "b", (byte) 1, "c", 'y', "s", (short) 2, "i", 'A', "j", 4L, "f", 5.5f,
+                    "d", 6.25, "text", "new", "nothing", 1);
+            if (!ThreadKind.VIRTUAL) {
+                api.setVariable(thread, height + 5, "z", true); // no such frame: nothing written
             }
-            writeUnlessVirtual(thread, height, "z", false, "b", (byte) 1, "c", 'y', "s", (short) 2, "i", 'A',
-                    "j", 4L, "f", 5.5f, "d", 6.25, "text", "new", "nothing", 1);
-            writeUnlessVirtual(thread, height + 5, "z", true); // no such frame: nothing written
         }, LocalsTarget::caller);
-        assertEquals(List.of("z=true:Z:Boolean", "b=7:B:Byte", "c=x:C:Character", "s=300:S:Short", "i=42:I:Integer",
-                "j=1099511627776:J:Long", "f=1.5:F:Float", "d=2.25:D:Double", "text=text:Ljava/lang/String;:String",
-                "array=[1, 2]:[I:int[]", "none=null:Ljava/lang/Object;",
-                "marker=outer:Ljava/lang/String;:String", "array=[1, 2]:[I:int[]"), listed.get(0),
-                "result is not live yet; the caller's frame follows");
-        assertEquals(2, listed.get(1).size(), "the callback stopped the walk");
-        assertEquals(List.of(), listed.get(2), "a range past the outermost frame, not one that wraps around");
-        if (ThreadKind.VIRTUAL) {
-            assertEquals(List.of("JVMTI_ERROR_OPAQUE_FRAME"), listed.get(3));
-        }
         assertEquals(ThreadKind.VIRTUAL ? "outertrue,7,x,300,42,1099511627776,1.5,2.25,text,2,null"
                 : "outerfalse,1,y,2,65,4,5.5,6.25,new,2,null", described, "a Character written to an int");
     }
@@ -206,31 +207,35 @@ class StoppedThreadsTest {
         Object instance = args.getConstructor().newInstance();
         Method mixed = args.getMethod("mixed", String.class, long.class, double.class, int.class);
         Method both = args.getMethod("both", int[].class, int.class);
-        List<String> seen = new ArrayList<>();
         String result = stopAt(BreakpointLocation.forMethod(mixed, 0), (thread, height) -> {
-            seen.addAll(list(thread, height, 1, -1));
-            writeUnlessVirtual(thread, height, "arg2", 99L, "arg6", 7, "this", null, "arg0", "ignored");
+            assertEquals(List.of("this=" + instance + ":Ljava/lang/Object;:Args", "arg1=s:Ljava/lang/String;:String",
+                    "arg2=1:J:Long", "arg4=2.5:D:Double", "arg6=3:I:Integer"), list(thread, height, 1, -1));
+            write(thread, height, "arg2", 99L, "arg6", 7, "this", null, "arg0", "ignored");
         }, () -> (String) mixed.invoke(instance, "s", 1L, 2.5, 3));
-        assertEquals(List.of("this=" + instance + ":Ljava/lang/Object;:Args", "arg1=s:Ljava/lang/String;:String",
-                "arg2=1:J:Long", "arg4=2.5:D:Double", "arg6=3:I:Integer"), seen);
         assertEquals(ThreadKind.VIRTUAL ? "s12.53" : "s992.57", result);
 
-        seen.clear();
         int sum = stopAt(BreakpointLocation.forMethod(both, 0), (thread, height) -> {
-            seen.addAll(list(thread, height, 1, -1));
-            writeUnlessVirtual(thread, height, "arg1", 40);
+            assertEquals(List.of("arg0=[0, 0]:[I:int[]", "arg1=1:I:Integer"), list(thread, height, 1, -1),
+                    "a static method has no this");
+            write(thread, height, "arg1", 40);
         }, () -> (int) both.invoke(null, new int[2], 1));
-        assertEquals(List.of("arg0=[0, 0]:[I:int[]", "arg1=1:I:Integer"), seen, "a static method has no this");
         assertEquals(ThreadKind.VIRTUAL ? 3 : 42, sum);
 
-        int total = stopAt(marked("twoLoops-second"),
-                (thread, height) -> writeUnlessVirtual(thread, height, "i", 100), LocalsTarget::twoLoops);
+        int total = stopAt(marked("twoLoops-second"), (thread, height) -> write(thread, height, "i", 100),
+                LocalsTarget::twoLoops);
         assertEquals(ThreadKind.VIRTUAL ? 5024 : 3 + 100 + 5000, total,
                 "the second loop's i only; kept, in the first loop's old slot, unchanged");
     }
 
-    /** Name, value pairs; the VM writes no local of a virtual thread below its topmost frame. */
-    private void writeUnlessVirtual(Thread thread, int height, Object... writes) {
+    /**
+     * Name, value pairs. The VM writes no local of a virtual thread below its topmost frame (the
+     * hook's frames are above the stopped one): there the first write is refused, and none tried.
+     */
+    private void write(Thread thread, int height, Object... writes) {
+        if (ThreadKind.VIRTUAL) {
+            assertEquals("JVMTI_ERROR_OPAQUE_FRAME", assertThrows(JVMTIException.class,
+                    () -> api.setVariable(thread, height, (String) writes[0], writes[1])).getMessage());
+        }
         for (int i = 0; i < writes.length && !ThreadKind.VIRTUAL; i += 2) {
             api.setVariable(thread, height, (String) writes[i], writes[i + 1]);
         }
