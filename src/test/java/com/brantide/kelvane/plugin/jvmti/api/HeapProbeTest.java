@@ -24,7 +24,6 @@ import java.util.concurrent.TimeUnit;
 import java.util.concurrent.TimeoutException;
 import java.util.regex.Pattern;
 import java.util.stream.IntStream;
-import java.util.stream.LongStream;
 import java.util.stream.Stream;
 import org.junit.jupiter.api.BeforeAll;
 import org.junit.jupiter.api.Test;
@@ -49,8 +48,8 @@ class HeapProbeTest {
     static void fillTheHeap() {
         new HeapTarget.Never().hashCode();
         // Garbage first, which a histogram must not count once a collection has run.
-        LongStream.range(0, COUNTED).mapToObj(HeapTarget.Counted::new).forEach(Object::hashCode);
-        LongStream.range(0, COUNTED).mapToObj(HeapTarget.Counted::new).forEach(HeapTarget.KEPT::add);
+        Stream.generate(HeapTarget.Counted::new).limit(COUNTED).forEach(Object::hashCode);
+        Stream.generate(HeapTarget.Counted::new).limit(COUNTED).forEach(HeapTarget.KEPT::add);
         IntStream.range(0, 300_000).forEach(i -> HeapTarget.KEPT.add(new int[1]));
         HeapTarget.buildList(1000);
         HeapTarget.KEPT.add(new Object[] {new HeapTarget.InArray(), "x", new HeapTarget.InArray()});
@@ -129,7 +128,6 @@ class HeapProbeTest {
         assertEquals(List.of(0L, 0L), ours.get(HeapTarget.Never.class.getName()), "loaded, no instances");
         assertTrue(ours.get("[I").get(0) >= 300_000, "arrays by their descriptor");
         List<String> file = Files.readAllLines(link);
-        assertEquals("CLASS_NAME,COUNT,SIZE", file.get(0));
         assertTrue(file.containsAll(List.of(COUNTED_NAME + "," + COUNTED + "," + counted.get(1),
                 HeapTarget.Never.class.getName() + ",0,0")), String.join("\n", file));
         assertFalse(Files.isSymbolicLink(link), "the link is replaced");
@@ -166,7 +164,6 @@ class HeapProbeTest {
         assertEquals(List.of("HeldByAnInterface/8/HELD/1", "HeldThroughBoth/2/held/1", "HeldThroughBoth/8/kept/1",
                 "HeldThroughSuperclass/2/held/1", "HeldThroughSuperinterface/2/held/1"),
                 children(search(HeapTarget.Named.class.descriptorString(), 1)));
-
 
         GCPathEntry none = search(HeapTarget.Never.class.descriptorString(), 5);
         assertEquals(Arrays.asList(null, 0, List.of()), Arrays.asList(none.getClazz(), none.getCount(), none.getChildren()));
@@ -223,8 +220,7 @@ class HeapProbeTest {
         public static void main(String[] args) {
             API.registerClasses();
             API.setActive(true);
-            List<HeapTarget.Counted> kept = Stream.iterate(0L, i -> i + 1).limit(200_000).map(HeapTarget.Counted::new)
-                    .toList();
+            List<HeapTarget.Counted> kept = Stream.generate(HeapTarget.Counted::new).limit(200_000).toList();
             try {
                 API.gcRoots((GCRootsCallback) root -> System.out.println("delivered"),
                         HeapTarget.Counted.class.descriptorString(), 0, 3);

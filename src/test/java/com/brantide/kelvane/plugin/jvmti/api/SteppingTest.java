@@ -189,9 +189,8 @@ class SteppingTest {
 
     /** The class among the scenarios' sources that has the method the marker names. */
     private Class<?> classOf(String marker) {
-        String method = marker.substring(0, marker.indexOf('-'));
-        return sources.stream().filter(c -> Stream.of(c.getDeclaredMethods()).anyMatch(m -> m.getName().equals(method)))
-                .findFirst().orElseThrow();
+        return sources.stream().filter(c -> Stream.of(c.getDeclaredMethods())
+                .anyMatch(m -> m.getName().equals(Stops.method(marker)))).findFirst().orElseThrow();
     }
 
     private static Stream<String> words(String text) {

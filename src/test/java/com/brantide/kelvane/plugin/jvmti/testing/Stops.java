@@ -124,27 +124,24 @@ public class Stops implements BreakpointHook, SteppingAbortedHook {
         throw new IllegalArgumentException("no code at marker " + marker);
     }
 
-    private static String method(String marker) {
+    /** The method a marker names: the part before its first '-'. */
+    public static String method(String marker) {
         return marker.substring(0, marker.indexOf('-'));
     }
 
     /** The line of the marker in the class's source (its "// @marker" ends the line). */
     public static int line(Class<?> clazz, String marker) {
-        List<String> source = readSource(clazz);
-        for (int i = 0; i < source.size(); i++) {
-            if (source.get(i).stripTrailing().endsWith("// @" + marker)) {
-                return i + 1;
-            }
-        }
-        throw new IllegalArgumentException("no marker " + marker + " in " + clazz.getName());
-    }
-
-    private static List<String> readSource(Class<?> clazz) {
         try {
             String file = clazz.getName().replace('.', '/') + ".java";
-            return Files.readAllLines(Path.of(System.getProperty("kv.test.sources"), file));
+            List<String> source = Files.readAllLines(Path.of(System.getProperty("kv.test.sources"), file));
+            for (int i = 0; i < source.size(); i++) {
+                if (source.get(i).stripTrailing().endsWith("// @" + marker)) {
+                    return i + 1;
+                }
+            }
         } catch (IOException e) {
             throw new UncheckedIOException(e);
         }
+        throw new IllegalArgumentException("no marker " + marker + " in " + clazz.getName());
     }
 }

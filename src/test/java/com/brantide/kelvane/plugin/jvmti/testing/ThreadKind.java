@@ -1,6 +1,9 @@
 package com.brantide.kelvane.plugin.jvmti.testing;
 
 import java.lang.reflect.Method;
+import java.util.concurrent.CountDownLatch;
+import java.util.concurrent.TimeUnit;
+import java.util.function.Consumer;
 import org.junit.jupiter.api.Assumptions;
 
 /**
@@ -39,5 +42,23 @@ public final class ThreadKind {
         } catch (ReflectiveOperationException e) {
             throw new IllegalStateException("no virtual thread", e);
         }
+    }
+
+    /**
+     * Starts a daemon thread of the kind under test that runs the job, and returns it once the job
+     * has counted the latch down and the thread waits or blocks.
+     */
+    public static Thread inPlace(String name, long stackSize, Consumer<CountDownLatch> job) throws InterruptedException {
+        CountDownLatch entered = new CountDownLatch(1);
+        Thread thread = unstarted(name, stackSize, () -> job.accept(entered));
+        thread.setDaemon(true);
+        thread.start();
+        if (!entered.await(30, TimeUnit.SECONDS)) {
+            throw new IllegalStateException(name + " never got in place");
+        }
+        while (thread.getState() != Thread.State.WAITING && thread.getState() != Thread.State.BLOCKED) {
+            Thread.onSpinWait();
+        }
+        return thread;
     }
 }
