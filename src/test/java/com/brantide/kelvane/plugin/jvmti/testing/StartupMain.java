@@ -9,26 +9,21 @@ import com.brantide.kelvane.plugin.jvmti.api.JvmtiApi;
 import com.brantide.kelvane.plugin.jvmti.api.ThreadCallback;
 import com.brantide.kelvane.plugin.jvmti.api.VariableCallback;
 import com.brantide.kelvane.plugin.jvmti.fixtures.Target;
-import java.io.BufferedReader;
-import java.io.InputStreamReader;
-import java.io.Writer;
 import java.util.ArrayList;
 import java.util.List;
-import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.locks.LockSupport;
 
 /**
  * A child JVM's program for start-up and the data dump. Without arguments it prints the agent's
  * switches; "plain", started without the agent, loads the library as a plain one and calls natives
  * that need the agent; "inspect" inspects and tries to debug in inspection-only mode (with
- * "attached": once a line on standard input says the agent was attached); "dump" prints READY,
- * and after a line on standard input sets up hooks, events, breakpoints and watches and prints BUSY,
- * then waits until its standard input closes.
+ * "attach": after attaching the agent to its own VM with jcmd, twice); "dump" asks its own VM for a
+ * data dump with jcmd, then sets up hooks, events, breakpoints and watches and asks for another.
  */
 public final class StartupMain {
     /** Kept, for the GC-root search of the inspection run to find. */
     private static final List<Object> KEPT = new ArrayList<>();
-    private static final BufferedReader IN = new BufferedReader(new InputStreamReader(System.in));
+    private static final long SELF = ProcessHandle.current().pid();
 
     private StartupMain() {
     }
@@ -67,8 +62,8 @@ public final class StartupMain {
     /** Inspection only: what needs no debugging capability works, what needs one is refused. */
     private static void inspect(JvmtiApi api, boolean attached) throws Exception {
         if (attached) {
-            System.out.println("READY");
-            IN.readLine();
+            ChildJvm.jcmd(SELF, "JVMTI.agent_load", System.getProperty("kv.test.library"));
+            ChildJvm.jcmd(SELF, "JVMTI.agent_load", System.getProperty("kv.test.library"));  // refused: loaded already
         }
         api.registerClasses();
         System.out.println("active=" + api.setActive(true));
@@ -104,17 +99,18 @@ public final class StartupMain {
 
     private static void dumps(JvmtiApi api) throws Exception {
         api.registerClasses();
-        CountDownLatch running = new CountDownLatch(1);
-        CountDownLatch release = new CountDownLatch(1);
         Thread worker = ThreadKind.unstarted("dump-worker", () -> {
-            running.countDown();
-            awaitQuietly(release);
+            while (true) {
+                LockSupport.park();
+            }
         });
+        worker.setDaemon(true);
         worker.start();
-        running.await();
+        while (worker.getState() != Thread.State.WAITING) {
+            Thread.onSpinWait();
+        }
         new Target(1); // prepared, so that its members can carry breakpoints and watches
-        System.out.println("READY");
-        IN.readLine();
+        ChildJvm.jcmd(SELF, "JVMTI.data_dump");
         api.setActive(true);
         api.registerThreadHook(new Object());
         api.registerBreakpointHook(new Object());
@@ -132,10 +128,7 @@ public final class StartupMain {
         api.setFieldModificationWatch(Target.class, Target.class.getField("value"));
         api.setFieldModificationWatch(Target.class, Target.class.getField("created"));
         System.out.println("worker=" + worker.getId() + " main=" + Thread.currentThread().getId());
-        System.out.println("BUSY");
-        IN.transferTo(Writer.nullWriter());
-        release.countDown();
-        worker.join();
+        ChildJvm.jcmd(SELF, "JVMTI.data_dump");
     }
 
     /** "none", or the exception the call raised: its class and message. */
@@ -145,14 +138,6 @@ public final class StartupMain {
             return "none";
         } catch (RuntimeException e) {
             return e.getClass().getSimpleName() + ": " + e.getMessage();
-        }
-    }
-
-    private static void awaitQuietly(CountDownLatch latch) {
-        try {
-            latch.await();
-        } catch (InterruptedException e) {
-            Thread.currentThread().interrupt();
         }
     }
 
