@@ -10,8 +10,10 @@ import com.brantide.kelvane.plugin.jvmti.api.ThreadCallback;
 import com.brantide.kelvane.plugin.jvmti.api.VariableCallback;
 import com.brantide.kelvane.plugin.jvmti.fixtures.Target;
 import java.util.ArrayList;
+import java.util.Collections;
 import java.util.List;
 import java.util.concurrent.locks.LockSupport;
+import java.util.stream.IntStream;
 
 /**
  * A child JVM's program for start-up and the data dump. Without arguments it prints the agent's
@@ -67,26 +69,16 @@ public final class StartupMain {
         }
         api.registerClasses();
         System.out.println("active=" + api.setActive(true));
-        for (int i = 0; i < 3; i++) {
-            KEPT.add(new Kept());
-        }
+        Collections.addAll(KEPT, new Kept(), new Kept(), new Kept());
         long[] kept = {0};
-        api.heapHistogram((HistogramCallback) (names, counts, sizes) -> {
-            for (int i = 0; i < names.length; i++) {
-                kept[0] += names[i].equals(Kept.class.getName()) ? counts[i] : 0;
-            }
-        }, 0);
+        api.heapHistogram((HistogramCallback) (names, counts, sizes) -> IntStream.range(0, names.length)
+                .filter(i -> names[i].equals(Kept.class.getName())).forEach(i -> kept[0] += counts[i]), 0);
         int[] rooted = {0};
         api.gcRoots((GCRootsCallback) root -> rooted[0] = root.getCount(), Kept.class.descriptorString(), 0, 3);
-        Thread sleeper = new Thread(() -> LockSupport.parkNanos(2_000_000_000L), "sleeper");
-        sleeper.start();
-        while (sleeper.getState() != Thread.State.TIMED_WAITING) {
-            Thread.onSpinWait();
-        }
+        Thread sleeper = parked(new Thread(StartupMain::parkForever, "sleeper"));
         api.suspendThread(sleeper, null);
         int depth = api.getStackDepth(sleeper);
         api.resumeThread(sleeper, 2);
-        sleeper.interrupt();
         System.out.println("histogram=" + kept[0] + " gcRoots=" + rooted[0] + " suspendedDepth>0=" + (depth > 0)
                 + " source=" + api.getSourceFileName(StartupMain.class));
         Thread self = Thread.currentThread();
@@ -99,16 +91,7 @@ public final class StartupMain {
 
     private static void dumps(JvmtiApi api) throws Exception {
         api.registerClasses();
-        Thread worker = ThreadKind.unstarted("dump-worker", () -> {
-            while (true) {
-                LockSupport.park();
-            }
-        });
-        worker.setDaemon(true);
-        worker.start();
-        while (worker.getState() != Thread.State.WAITING) {
-            Thread.onSpinWait();
-        }
+        Thread worker = parked(ThreadKind.unstarted("dump-worker", StartupMain::parkForever));
         new Target(1); // prepared, so that its members can carry breakpoints and watches
         ChildJvm.jcmd(SELF, "JVMTI.data_dump");
         api.setActive(true);
@@ -138,6 +121,22 @@ public final class StartupMain {
             return "none";
         } catch (RuntimeException e) {
             return e.getClass().getSimpleName() + ": " + e.getMessage();
+        }
+    }
+
+    /** Starts the thread, a daemon, and returns it once it parks. */
+    private static Thread parked(Thread thread) {
+        thread.setDaemon(true);
+        thread.start();
+        while (thread.getState() != Thread.State.WAITING) {
+            Thread.onSpinWait();
+        }
+        return thread;
+    }
+
+    private static void parkForever() {
+        while (true) {
+            LockSupport.park();
         }
     }
 
