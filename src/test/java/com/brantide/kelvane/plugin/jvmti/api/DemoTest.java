@@ -16,8 +16,7 @@ class DemoTest {
     void theTranscriptShowsTheWholeSession() throws Exception {
         Path out = Files.createTempDirectory(ChildJvm.workDirectory(), "demo");
         ChildJvm.Result result;
-        try (ChildJvm.Running demo = ChildJvm.main("com.brantide.kelvane.demo.Demo", out.toString())
-                .classpath(System.getProperty("kv.test.demo-classpath")).start()) {
+        try (ChildJvm.Running demo = ChildJvm.main("com.brantide.kelvane.demo.Demo", out.toString()).start()) {
             result = demo.await(120).assertClean();
         }
         String transcript = result.stdout + result.stderr;

@@ -28,8 +28,7 @@ public final class ChildJvm {
 
     private final List<String> options = new ArrayList<>();
     private final List<String> program = new ArrayList<>();
-    private String agent = "-agentpath:" + required("kv.test.agent");
-    private String classpath = required("kv.test.classpath");
+    private List<String> agent = List.of("-agentpath:" + required("kv.test.agent"));
 
     public static ChildJvm main(Class<?> mainClass, String... args) {
         return main(mainClass.getName(), args);
@@ -51,31 +50,24 @@ public final class ChildJvm {
         return this;
     }
 
-    public ChildJvm classpath(String path) {
-        classpath = path;
-        return this;
-    }
-
     /** Starts the JVM without the agent: the program may still load the library as a plain one. */
     public ChildJvm withoutAgent() {
-        agent = null;
+        agent = List.of();
         return property("kv.test.library", required("kv.test.agent"));
     }
 
     /** Loads the probe variant of the agent, whose extra natives the tests use. */
     public ChildJvm withProbeAgent() {
-        agent = "-agentpath:" + required("kv.test.probe-agent");
+        agent = List.of("-agentpath:" + required("kv.test.probe-agent"));
         return this;
     }
 
     /** Starts the JVM and hands it back while it runs, for tests that talk to it (jcmd). */
     public Running start() throws IOException {
         List<String> command = new ArrayList<>(List.of(required("kv.test.java"), "-Xcheck:jni"));
-        if (agent != null) {
-            command.add(agent);
-        }
+        command.addAll(agent);
         command.addAll(options);
-        command.addAll(List.of("-cp", classpath));
+        command.addAll(List.of("-cp", required("kv.test.classpath")));
         command.addAll(program);
         Path stdout = Files.createTempFile(workDirectory(), "child-", ".out");
         Path stderr = Files.createTempFile(workDirectory(), "child-", ".err");
