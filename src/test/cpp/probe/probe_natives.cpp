@@ -36,21 +36,19 @@ KV_PROBE(jint, callBreakpointHookHashCode)(JNIEnv* env, jclass) {
 
 KV_PROBE(jint, breakpointHookCopies)(JNIEnv*, jclass) { return g_breakpointHook.count(); }
 
-// Per-thread records and masks, read and switched as the agent's own paths do.
+// Per-thread records and masks, read and switched as the agent's own paths do; -1 without a record.
+namespace {
+jlong read_mask(jthread thread, std::atomic<jlong> ThreadData::*mask) {
+    ThreadDataAccess access(thread);
+    return access.get() != nullptr ? (access.get()->*mask).load() : -1;
+}
+}  // namespace
+
 KV_PROBE(jboolean, hasThreadData)(JNIEnv*, jclass, jthread thread) {
-    ThreadDataAccess access(thread);
-    return access.get() != nullptr ? JNI_TRUE : JNI_FALSE;
+    return read_mask(thread, &ThreadData::user_events) != -1 ? JNI_TRUE : JNI_FALSE;
 }
-
-KV_PROBE(jlong, userEvents)(JNIEnv*, jclass, jthread thread) {
-    ThreadDataAccess access(thread);
-    return access.get() != nullptr ? access.get()->user_events.load() : -1;
-}
-
-KV_PROBE(jlong, activeEvents)(JNIEnv*, jclass, jthread thread) {
-    ThreadDataAccess access(thread);
-    return access.get() != nullptr ? access.get()->active_events.load() : -1;
-}
+KV_PROBE(jlong, userEvents)(JNIEnv*, jclass, jthread thread) { return read_mask(thread, &ThreadData::user_events); }
+KV_PROBE(jlong, activeEvents)(JNIEnv*, jclass, jthread thread) { return read_mask(thread, &ThreadData::active_events); }
 
 KV_PROBE(jboolean, setEvent)(JNIEnv*, jclass, jboolean enable, jint event, jthread thread, jboolean user) {
     return set_event(enable ? JVMTI_ENABLE : JVMTI_DISABLE, event, thread, user) ? JNI_TRUE : JNI_FALSE;
@@ -128,9 +126,8 @@ KV_PROBE(jint, suspendDirectly)(JNIEnv*, jclass, jthread thread) { return g_jvmt
 
 KV_PROBE(jboolean, isSuspended)(JNIEnv*, jclass, jthread thread) {
     jint state = 0;
-    return g_jvmti->GetThreadState(thread, &state) == JVMTI_ERROR_NONE && (state & JVMTI_THREAD_STATE_SUSPENDED) != 0
-               ? JNI_TRUE
-               : JNI_FALSE;
+    bool read = g_jvmti->GetThreadState(thread, &state) == JVMTI_ERROR_NONE;
+    return read && (state & JVMTI_THREAD_STATE_SUSPENDED) != 0 ? JNI_TRUE : JNI_FALSE;
 }
 
 // ---- heap walks: the tags left behind, and tag clearing that fails on request

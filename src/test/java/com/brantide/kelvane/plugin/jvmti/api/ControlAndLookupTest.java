@@ -50,7 +50,6 @@ class ControlAndLookupTest {
                 row("returned true", () -> API.setActive(true)),
                 row("returned false", () -> API.setActive(false) || API.setActive(false) || API.isActive()),
                 row("IllegalArgumentException: name is null", () -> API.registerOsgiClass(null, String.class)),
-                row("IllegalArgumentException: name is null", () -> API.registerOsgiClass(null, null)),
                 row("IllegalArgumentException: clazz is null", () -> API.registerOsgiClass("ThreadContext", null)),
                 row("IllegalArgumentException: thread is null", () -> API.getStackDepth(null)),
                 row(notAlive, () -> API.getStackDepth(new Thread())),

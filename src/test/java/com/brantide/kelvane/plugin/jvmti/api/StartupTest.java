@@ -7,7 +7,6 @@ import com.brantide.kelvane.plugin.jvmti.testing.ChildJvm;
 import com.brantide.kelvane.plugin.jvmti.testing.ChildJvm.Result;
 import com.brantide.kelvane.plugin.jvmti.testing.StartupMain;
 import com.brantide.kelvane.plugin.jvmti.testing.ThreadKind;
-import java.util.Collections;
 import java.util.List;
 import java.util.Set;
 import org.junit.jupiter.api.Test;
@@ -41,7 +40,8 @@ class StartupTest {
         }
         Result result = child.run().assertClean();
         assertEquals(List.of("unregistered=IllegalStateException: JVMTI Exception class not found",
-                "fastStepping=" + fastStepping + " exceptions=" + exceptions + " active=false"), result.stdoutLines());
+                "fastStepping=" + fastStepping + " exceptions=" + exceptions + " active=false",
+                "locals=JVMTICapabilityException: JVMTI_ERROR_MUST_POSSESS_CAPABILITY"), result.stdoutLines());
         List<String> lines = result.stderrLines();
         assertTrue(lines.get(0).matches(BANNER), lines.get(0));
         assertTrue(lines.stream().skip(1).allMatch(line -> ChildJvm.LOG_LINE.matcher(line).matches()), result.stderr);
@@ -53,15 +53,6 @@ class StartupTest {
         assertTrue(messages.containsAll(List.of("DEBUG \tcan_generate_breakpoint_events=1",
                 "DEBUG \tcan_generate_exception_events=" + (catches ? 1 : 0))), messages.toString());
         assertEquals(catches, messages.contains("DEBUG \tExceptionCatch registered"));
-    }
-
-    @ParameterizedTest(name = "KV_JVMTI_LOG_LEVEL={0}")
-    @CsvSource(quoteCharacter = '"', value = {", ERROR OSGI class 'JVMTIException' not configured", "abc,"})
-    void otherLevelsWriteTheBannerAndNoDebugLine(String level, String error) throws Exception {
-        ChildJvm child = ChildJvm.main(MAIN);
-        Result result = (level == null ? child : child.property("KV_JVMTI_LOG_LEVEL", level)).run().assertClean();
-        assertTrue(result.stderrLines().get(0).matches(BANNER), result.stderr);
-        assertEquals(error == null ? List.of() : List.of(error), result.agentMessages());
     }
 
     @ParameterizedTest
@@ -92,22 +83,18 @@ class StartupTest {
         assertEquals(9, lines.size());
     }
 
-    /** Two dumps asked for with jcmd at level 0: the agent as loaded, then with hooks, events and breakpoints. */
+    /** A dump asked for with jcmd at the default level, with hooks, events, breakpoints and watches set. */
     @Test
     void dataDumpShowsTheAgentsState() throws Exception {
-        ChildJvm child = ChildJvm.main(MAIN, "dump").withProbeAgent().property("KV_JVMTI_LOG_LEVEL", "0");
+        ChildJvm child = ChildJvm.main(MAIN, "dump").withProbeAgent();
         Result result = (ThreadKind.VIRTUAL ? child.property("kv.test.thread.kind", "virtual") : child).run().assertClean();
         List<String> lines = result.stderrLines();
-        assertEquals(2, Collections.frequency(lines, "Thread Events"), result.stderr);
-        List<String> loaded = lines.subList(0, lines.indexOf("Thread Events") + 2);
-        assertTrue(loaded.containsAll(List.of("\tcan_tag_objects=1", "\tcan_generate_breakpoint_events=0",
-                "\tBreakpointHook=Unset", "\tBreakpoints=0")), "only the basic set is held while inactive: " + loaded);
-        assertEquals("", loaded.get(loaded.size() - 1), "no thread has an event switched on");
-
-        List<String> busy = lines.subList(lines.lastIndexOf("Capabilities"), lines.size());
-        assertTrue(busy.containsAll(List.of("\tcan_generate_breakpoint_events=1", "\tThreadHook=Set", "\tBreakpointHook=Set",
-                "\tExceptionHook=Unset", "\tFieldHook=Set", "\tBreakpoints=2", "\tFieldAccess=1", "\tFieldWatch=2")), busy.toString());
-        List<String> threads = busy.subList(busy.indexOf("Thread Events") + 1, busy.size());
+        assertTrue(lines.get(0).matches(BANNER), result.stderr);
+        assertEquals(List.of(UNREGISTERED), result.agentMessages(), "the default level shows errors, no debug line");
+        List<String> dump = lines.subList(lines.indexOf("Capabilities"), lines.size());
+        assertTrue(dump.containsAll(List.of("\tcan_generate_breakpoint_events=1", "\tThreadHook=Set", "\tBreakpointHook=Set",
+                "\tExceptionHook=Unset", "\tFieldHook=Set", "\tBreakpoints=2", "\tFieldAccess=1", "\tFieldWatch=2")), result.stderr);
+        List<String> threads = dump.subList(dump.indexOf("Thread Events") + 1, dump.size());
         assertEquals("\tVM-wide \"FIELD_ACCESS\" 8192", threads.get(0), "switched for every thread comes first");
         String[] ids = result.stdout.trim().split("[ =]");
         assertEquals(Set.of("\tThread id=" + ids[3] + " name=\"main\" \"BREAKPOINT\" 4096",

@@ -19,8 +19,8 @@ import java.util.stream.IntStream;
  * A child JVM's program for start-up and the data dump. Without arguments it prints the agent's
  * switches; "plain", started without the agent, loads the library as a plain one and calls natives
  * that need the agent; "inspect" inspects and tries to debug in inspection-only mode (with
- * "attach": after attaching the agent to its own VM with jcmd, twice); "dump" asks its own VM for a
- * data dump with jcmd, then sets up hooks, events, breakpoints and watches and asks for another.
+ * "attach": after attaching the agent to its own VM with jcmd, twice); "dump" sets up hooks, events,
+ * breakpoints and watches and asks its own VM for a data dump with jcmd.
  */
 public final class StartupMain {
     /** Kept, for the GC-root search of the inspection run to find. */
@@ -35,7 +35,7 @@ public final class StartupMain {
         switch (args.length > 0 ? args[0] : "") {
             case "plain" -> callWithoutTheAgent(api);
             case "inspect" -> inspect(api, args.length > 1);
-            case "dump" -> dumps(api);
+            case "dump" -> dump(api);
             default -> switches(api);
         }
     }
@@ -46,6 +46,8 @@ public final class StartupMain {
         api.registerClasses();
         System.out.println("fastStepping=" + api.isFastSteppingEnabled() + " exceptions=" + api.isExceptionsEnabled()
                 + " active=" + api.isActive());
+        // Only the basic set is held until the agent is switched on.
+        System.out.println(locals(api));
     }
 
     private static void callWithoutTheAgent(JvmtiApi api) {
@@ -81,19 +83,18 @@ public final class StartupMain {
         api.resumeThread(sleeper, 2);
         System.out.println("histogram=" + kept[0] + " gcRoots=" + rooted[0] + " suspendedDepth>0=" + (depth > 0)
                 + " source=" + api.getSourceFileName(StartupMain.class));
-        Thread self = Thread.currentThread();
         BreakpointLocation here = BreakpointLocation.forMethod(StartupMain.class.getDeclaredMethod("inspect",
                 JvmtiApi.class, boolean.class), 0);
         System.out.println("breakpoint=" + outcome(() -> api.setBreakpoint(here)));
-        System.out.println("locals=" + outcome(() -> api.listVariables(self, 1, 1, (VariableCallback) (n, v, t) -> true)));
-        System.out.println("switch=" + api.setEventNotificationMode(self, JvmtiEvent.BREAKPOINT, true));
+        System.out.println(locals(api));
+        System.out.println("switch=" + api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, true));
     }
 
-    private static void dumps(JvmtiApi api) throws Exception {
+    private static void dump(JvmtiApi api) throws Exception {
+        outcome(() -> api.getStackDepth(new Thread()));  // an error before registration, for the log
         api.registerClasses();
         Thread worker = parked(ThreadKind.unstarted("dump-worker", StartupMain::parkForever));
         new Target(1); // prepared, so that its members can carry breakpoints and watches
-        ChildJvm.jcmd(SELF, "JVMTI.data_dump");
         api.setActive(true);
         api.registerThreadHook(new Object());
         api.registerBreakpointHook(new Object());
@@ -112,6 +113,11 @@ public final class StartupMain {
         api.setFieldModificationWatch(Target.class, Target.class.getField("created"));
         System.out.println("worker=" + worker.getId() + " main=" + Thread.currentThread().getId());
         ChildJvm.jcmd(SELF, "JVMTI.data_dump");
+    }
+
+    /** Listing the caller's locals needs a debugging capability. */
+    private static String locals(JvmtiApi api) {
+        return "locals=" + outcome(() -> api.listVariables(Thread.currentThread(), 1, 1, (VariableCallback) (n, v, t) -> true));
     }
 
     /** "none", or the exception the call raised: its class and message. */
