@@ -110,7 +110,7 @@ function(kv_add_junit_suite suffix out)
       list(APPEND names junit.${simple}.singleStepping${suffix} junit.${simple}.compiledStepping${suffix})
     endif()
     # The same scenarios on virtual threads, run by the newest JDK that has them.
-    if(suffix STREQUAL "" AND KV_VIRTUAL_THREAD_JAVA AND simple MATCHES "^(Stepping|StoppedThreads|VirtualThreadProbe|EventsProbe|Startup|ThreadStorm)Test$")
+    if(suffix STREQUAL "" AND KV_VIRTUAL_THREAD_JAVA AND simple MATCHES "^(Stepping|StoppedThreads|VirtualThreadProbe|EventsProbe|Startup|Storm)Test$")
       set(KV_JAVA ${KV_VIRTUAL_THREAD_JAVA})
       set(kv_stack_option "")
       if(simple STREQUAL "StoppedThreadsTest")

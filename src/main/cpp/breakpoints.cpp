@@ -4,6 +4,7 @@
 #include "error_name.h"
 #include "exception.h"
 #include "global.h"
+#include "lock.h"
 #include "log.h"
 #include "native.h"
 
@@ -41,11 +42,9 @@ BreakpointPlaces& breakpoint_places() {
 // Places of the agent's that may stand in the VM: held ones, and any whose clearing failed.
 std::atomic<int> s_return_places{0};
 
-constexpr auto VM_CHANGE_PATIENCE = std::chrono::milliseconds(100);
-
 class VmChange {
 public:
-    VmChange() : m_guard(breakpoint_places().vm_change, VM_CHANGE_PATIENCE) {
+    VmChange() : m_guard(lock_patiently(breakpoint_places().vm_change)) {
         if (!m_guard.owns_lock()) LOG_DEBUG("breakpoint change lock busy, changing without it");
     }
 

@@ -5,6 +5,7 @@
 #include "event_mask.h"
 #include "exception.h"
 #include "global.h"
+#include "lock.h"
 #include "log.h"
 #include "native.h"
 #include "thread.h"
@@ -70,10 +71,6 @@ std::atomic<jlong> g_vm_wide_events{0};
 }  // namespace
 
 namespace {
-// Held longer than this only by a thread suspended in the middle of its own switch: going on
-// without the lock then risks a mask out of step for one event, waiting risks a deadlock.
-constexpr auto SWITCH_LOCK_PATIENCE = std::chrono::milliseconds(100);
-
 // Whether the VM accepted a switch; a refusal is logged as set_event logs it.
 bool accepted(jvmtiError error, jint event, jthread thread) {
     // A thread that has ended, or a VM that is shutting down, refuses every switch: expected, not
@@ -101,7 +98,7 @@ bool switch_event(ThreadData* data, jvmtiEventMode mode, jint event, jthread thr
     // race with leaves at worst a mask claiming an event the VM no longer reports, which costs
     // nothing, and the next switch that needs the VM puts it right.
     if (needs_vm(data, mode, event, user)) {
-        std::unique_lock<std::timed_mutex> guard(data->switch_lock, SWITCH_LOCK_PATIENCE);
+        auto guard = lock_patiently(data->switch_lock);
         if (!guard.owns_lock()) LOG_DEBUG("switch lock of thread %ld busy, switching without it", data->thread_id);
         bool call_vm = needs_vm(data, mode, event, user);
         jvmtiError error =
@@ -123,7 +120,7 @@ bool switch_event(ThreadData* data, jvmtiEventMode mode, jint event, jthread thr
 // thread alone, and a switch-off made on another thread would not reach it.
 bool switch_vm_wide(jvmtiEventMode mode, jint event) {
     static auto* lock = new std::timed_mutex();
-    std::unique_lock<std::timed_mutex> guard(*lock, SWITCH_LOCK_PATIENCE);
+    auto guard = lock_patiently(*lock);
     if (!guard.owns_lock()) LOG_DEBUG("VM-wide switch lock busy, switching without it");
     jvmtiError error = g_jvmti->SetEventNotificationMode(mode, static_cast<jvmtiEvent>(event), nullptr);
     if (!accepted(error, event, nullptr)) return false;
@@ -179,7 +176,7 @@ bool set_event(jvmtiEventMode mode, jint event, jthread thread, bool user) {
 bool keep_reported(ThreadData* data, jint event, jthread thread) {
     if (data == nullptr) return false;
     if ((data->vm_events.load() & event_bit(event)) != 0) return true;
-    std::unique_lock<std::timed_mutex> guard(data->switch_lock, SWITCH_LOCK_PATIENCE);
+    auto guard = lock_patiently(data->switch_lock);
     if ((data->vm_events.load() & event_bit(event)) != 0) return true;
     jvmtiError error = g_jvmti->SetEventNotificationMode(JVMTI_ENABLE, static_cast<jvmtiEvent>(event), thread);
     if (!accepted(error, event, thread)) return false;

@@ -267,9 +267,9 @@ void dump_capabilities() {
 // steps must hear of redefinitions.
 void update_class_events() {
     if (g_jvmti == nullptr) return;
-    // Timed: its holder may be suspended in the VM call; the next change puts a lagging switch right.
+    // The next change puts a lagging switch right.
     static auto* lock = new std::timed_mutex();
-    std::unique_lock<std::timed_mutex> guard(*lock, std::chrono::milliseconds(100));
+    auto guard = lock_patiently(*lock);
     if (!guard.owns_lock()) return;
     static bool prepare_on = false;
     static bool file_load_on = false;

@@ -3,6 +3,18 @@
 
 #include <jvmti.h>
 
+#include <chrono>
+#include <mutex>
+
+// How long the agent's own locks are waited for. Their holder may be a thread suspended in the
+// middle of a VM call: going on without the lock then risks a lagging switch, waiting risks a deadlock.
+constexpr auto LOCK_PATIENCE = std::chrono::milliseconds(100);
+
+// The lock when it comes within LOCK_PATIENCE; check owns_lock().
+inline std::unique_lock<std::timed_mutex> lock_patiently(std::timed_mutex& mutex) {
+    return std::unique_lock<std::timed_mutex>(mutex, LOCK_PATIENCE);
+}
+
 class JavaLock {
 public:
     // A failed creation is logged and leaves an inert lock: every operation returns at once.

@@ -3,6 +3,7 @@
 #include "error_name.h"
 #include "global.h"
 #include "hooks.h"
+#include "lock.h"
 #include "log.h"
 #include "reference.h"
 #include "resources.h"
@@ -202,9 +203,9 @@ void for_each_virtual_thread(JNIEnv* env, void (*visit)(jthread thread)) {
 
 void update_virtual_thread_events() {
     if (!g_virtual_threads) return;
-    // Timed: its holder may be suspended in the VM call; the next change puts a lagging switch right.
+    // The next change puts a lagging switch right.
     static auto* lock = new std::timed_mutex();
-    std::unique_lock<std::timed_mutex> guard(*lock, std::chrono::milliseconds(100));
+    auto guard = lock_patiently(*lock);
     if (!guard.owns_lock()) return;
     static bool start_on = false;
     static bool end_on = false;

@@ -3,25 +3,29 @@ package com.brantide.kelvane.plugin.jvmti.api;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertNotEquals;
 import static org.junit.jupiter.api.Assertions.assertTrue;
-import static org.junit.jupiter.api.Assertions.fail;
 
 import com.brantide.kelvane.plugin.jvmti.testing.ChildJvm;
+import com.brantide.kelvane.plugin.jvmti.testing.Workload;
 import java.io.IOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
+import java.util.Map;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
 import java.util.stream.Stream;
 import org.junit.jupiter.api.Test;
 
 /**
- * The agent's own heap over many rounds of every feature: whatever a round allocates, it gives
- * back. The probe agent counts its C++ heap block by block; in the sanitized build LeakSanitizer
- * looks for blocks that nothing reaches any more, and only those allocated through the agent count.
+ * The agent's own heap over many rounds of every feature (AgentMemoryMain): whatever a round
+ * allocates, it gives back. The probe agent counts its C++ heap block by block; in the sanitized
+ * build LeakSanitizer looks for blocks that nothing reaches any more, and only those allocated
+ * through the agent count.
  */
 class AgentMemoryProbeTest {
+    private static final List<String> WORK_DONE = List.of("stops", "spinnerStops", "suspends", "listed", "fieldEvents",
+            "exceptionEvents", "threadEvents", "heapWalks", "refused", "dumps");
     private static final Pattern LEAK = Pattern.compile("^(Direct|Indirect) leak of (\\d+) byte\\(s\\) in (\\d+) object");
     private static final Pattern AGENT_FRAME = Pattern.compile("libkvjvmti|/src/main/cpp/|/src/test/cpp/probe/");
     private static final Pattern FRAME = Pattern.compile("^\\s*#\\d+ ");
@@ -41,43 +45,33 @@ class AgentMemoryProbeTest {
         }
         ChildJvm.Result result;
         try (ChildJvm.Running child = ChildJvm.main(AgentMemoryMain.class, "5", "15", "2", reports.toString())
-                .withProbeAgent().property("kv.test.sources", System.getProperty("kv.test.sources")).start()) {
+                .withProbeAgent().start()) {
             result = child.await(300).assertClean();
         }
         List<String> lines = result.stdoutLines();
-        String activity = lines.stream().filter(l -> l.startsWith("rounds=")).findFirst().orElseThrow();
-        System.out.println(activity);
-        assertTrue(!activity.matches(".*=0( .*|$)"), "every kind of work was done: " + activity);
+        String figures = lines.stream().filter(l -> l.contains("rounds=")).findFirst().orElseThrow();
+        System.out.println(figures);
+        assertTrue(lines.contains("OK"), result.stdout);
+        Map<String, Long> done = Workload.figures(figures);
+        WORK_DONE.forEach(work -> assertTrue(done.getOrDefault(work, 0L) > 0, "nothing of " + work + ": " + figures));
 
-        List<long[]> heap = new ArrayList<>();
-        List<String> leaks = new ArrayList<>();
-        for (String line : lines) {
-            String[] fields = line.split(" ");
-            if (fields[0].equals("heap")) {
-                System.out.println("agent heap after " + fields[1] + ": " + fields[2] + " bytes in " + fields[3]
-                        + " blocks, " + fields[4] + " allocations so far");
-                heap.add(new long[] {Long.parseLong(fields[2]), Long.parseLong(fields[3]), Long.parseLong(fields[4])});
-            } else if (fields[0].equals("leaks")) {
-                leaks.add(fields[1]);
-                assertNotEquals("-1", fields[2], "the sanitized agent runs without LeakSanitizer: set detect_leaks=1");
-            }
-        }
-        if (!heap.isEmpty()) {
-            long[] warm = heap.get(0);
-            for (long[] later : heap.subList(1, heap.size())) {
-                assertEquals(warm[0], later[0], "live bytes of the agent after more rounds");
-                assertEquals(warm[1], later[1], "live blocks of the agent after more rounds");
-            }
-            long made = heap.get(heap.size() - 1)[2] - warm[2];
+        List<String[]> stages = lines.stream().map(l -> l.split(" ")).filter(f -> f[0].matches("heap|leaks")).toList();
+        assertTrue(stages.size() > 1, result.stdout);
+        if (stages.get(0)[0].equals("heap")) {
+            String[] warm = stages.get(0);
+            String[] last = stages.get(stages.size() - 1);
+            stages.forEach(stage -> System.out.println("agent heap after " + stage[1] + ": " + stage[2] + " bytes in "
+                    + stage[3] + " blocks, " + stage[4] + " allocations so far"));
+            stages.forEach(stage -> assertEquals(List.of(warm[2], warm[3]), List.of(stage[2], stage[3]),
+                    "live bytes and blocks of the agent after more rounds"));
+            long made = Long.parseLong(last[4]) - Long.parseLong(warm[4]);
             assertTrue(made > 1_000, "the rounds went through the agent's heap: " + made + " allocations");
-        } else if (!leaks.isEmpty()) {
-            long[] first = agentLeaks(reports, leaks.get(0), result);
-            long[] last = agentLeaks(reports, leaks.get(leaks.size() - 1), result);
-            assertEquals(0, last[0], "unreachable blocks of the agent after all rounds (see the report)");
-            assertTrue(last[0] <= first[0], "unreachable blocks of the agent grew from " + first[0]
-                    + " after the warm-up to " + last[0] + " (see the reports)");
         } else {
-            fail("no figures from the child:\n" + result.stdout);
+            stages.forEach(stage -> assertNotEquals("-1", stage[2], "the sanitized agent runs without LeakSanitizer"));
+            long first = agentLeaks(reports, stages.get(0)[1]);
+            long last = agentLeaks(reports, stages.get(stages.size() - 1)[1]);
+            assertEquals(0, last, "unreachable blocks of the agent after all rounds (see the report)");
+            assertTrue(last <= first, "unreachable blocks of the agent grew after the warm-up (see the reports)");
         }
     }
 
@@ -90,17 +84,16 @@ class AgentMemoryProbeTest {
     private static boolean allocatedByTheAgent(String record) {
         List<String> frames = record.lines().filter(line -> FRAME.matcher(line).find()).toList();
         for (String frame : frames) {
-            if (ALLOCATOR_FRAME.matcher(frame).find()) {
-                continue;
+            if (!ALLOCATOR_FRAME.matcher(frame).find()) {
+                return AGENT_FRAME.matcher(frame).find()
+                        || JVMTI_FRAME.matcher(frame).find() && frames.stream().anyMatch(f -> AGENT_FRAME.matcher(f).find());
             }
-            return AGENT_FRAME.matcher(frame).find()
-                    || JVMTI_FRAME.matcher(frame).find() && frames.stream().anyMatch(f -> AGENT_FRAME.matcher(f).find());
         }
         return false;
     }
 
-    /** {agent blocks, agent bytes, all blocks} of the unreachable blocks in the report of a stage. */
-    private static long[] agentLeaks(Path reports, String stage, ChildJvm.Result result) throws IOException {
+    /** The agent's unreachable blocks in the LeakSanitizer report of a stage, printed. */
+    private static long agentLeaks(Path reports, String stage) throws IOException {
         Path report;
         try (Stream<Path> files = Files.list(reports.getParent())) {
             report = files.filter(p -> p.getFileName().toString().startsWith(reports.getFileName() + "-" + stage + "."))
@@ -108,31 +101,25 @@ class AgentMemoryProbeTest {
         }
         if (report == null) {
             System.out.println("LeakSanitizer after " + stage + ": nothing unreachable");
-            return new long[] {0, 0, 0};
+            return 0;
         }
         String text = Files.readString(report);
         assertTrue(!text.contains("ERROR: AddressSanitizer") && !text.contains("runtime error:"), text);
-        long agentBytes = 0;
         long agentBlocks = 0;
         long allBlocks = 0;
-        StringBuilder agentRecords = new StringBuilder();
+        List<String> agentRecords = new ArrayList<>();
         for (String record : text.split("\n\\s*\n")) {
             Matcher leak = LEAK.matcher(record.strip());
-            if (!leak.find()) {
-                continue;
-            }
-            allBlocks += Long.parseLong(leak.group(3));
-            if (allocatedByTheAgent(record)) {
-                agentBytes += Long.parseLong(leak.group(2));
-                agentBlocks += Long.parseLong(leak.group(3));
-                agentRecords.append(record).append("\n\n");
+            if (leak.find()) {
+                allBlocks += Long.parseLong(leak.group(3));
+                if (allocatedByTheAgent(record)) {
+                    agentBlocks += Long.parseLong(leak.group(3));
+                    agentRecords.add(record);
+                }
             }
         }
         System.out.println("LeakSanitizer after " + stage + ": " + allBlocks + " unreachable blocks in the JVM, "
-                + agentBlocks + " of them (" + agentBytes + " bytes) the agent's; report " + report);
-        if (agentBlocks > 0) {
-            System.out.println(agentRecords);
-        }
-        return new long[] {agentBlocks, agentBytes, allBlocks};
+                + agentBlocks + " of them the agent's; report " + report + "\n" + String.join("\n\n", agentRecords));
+        return agentBlocks;
     }
 }

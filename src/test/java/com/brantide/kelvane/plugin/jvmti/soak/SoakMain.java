@@ -1,6 +1,7 @@
 package com.brantide.kelvane.plugin.jvmti.soak;
 
 import com.brantide.kelvane.plugin.jvmti.soak.webapp.SoakControl;
+import com.brantide.kelvane.plugin.jvmti.testing.Workload;
 import java.io.IOException;
 import java.io.InputStream;
 import java.net.HttpURLConnection;
@@ -10,15 +11,12 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.Collections;
-import java.util.HashMap;
 import java.util.List;
 import java.util.Map;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.atomic.AtomicInteger;
 import java.util.jar.JarEntry;
 import java.util.jar.JarFile;
-import java.util.regex.Matcher;
-import java.util.regex.Pattern;
 import org.apache.catalina.Context;
 import org.apache.catalina.connector.Connector;
 import org.apache.catalina.startup.Tomcat;
@@ -29,10 +27,10 @@ import org.apache.tomcat.util.scan.StandardJarScanner;
  * 127.0.0.1 in this JVM (which tools/soak.sh starts with the agent, plainly and under -Xcheck:jni,
  * and whose error output it checks) and deploys a web application built here: a page with a loop
  * and a few locals, compiled by the server's JSP compiler on its first request, and SoakControl,
- * which debugs that page with the managed layer of its own WEB-INF/lib (JspDebugger). Then drives
- * local load through four phases: no breakpoint; the breakpoint's events switched on per request
- * thread; switched on VM-wide; switched off again. Each phase takes a heap histogram and a GC-root
- * tree halfway. Prints the figures and exits with 1 when any of them is off.
+ * which debugs that page with the managed layer of its own WEB-INF/lib (JspDebugger, on the shared
+ * Workload). Then drives local load through four phases: no breakpoint; the breakpoint's events
+ * switched on per request thread; switched on VM-wide; switched off again. Each phase checks the
+ * heap and asks for a data dump halfway. Prints the figures and exits with 1 when any is off.
  *
  * <p>Settings, as system properties (the build writes the paths into the java argument file
  * soak.args): kv.soak.api-jar, kv.soak.work (a directory for the run); kv.soak.requests per phase
@@ -40,10 +38,10 @@ import org.apache.tomcat.util.scan.StandardJarScanner;
  */
 public final class SoakMain {
     private static final String WEBAPP_PACKAGE = SoakMain.class.getPackageName() + ".webapp";
+    /** The classes the web application's own class loader must load, with the managed layer they use. */
+    private static final List<String> WEBAPP_CLASSES =
+            List.of(WEBAPP_PACKAGE.replace('.', '/') + "/", Workload.class.getName().replace('.', '/'));
     private static final List<String> PHASES = List.of("NONE", "PER_THREAD", "VM_WIDE", "OFF");
-    private static final List<String> SWITCHED_ON = List.of("PER_THREAD", "VM_WIDE");
-    private static final int CLIENTS = 3;
-    private static final Pattern FIGURE = Pattern.compile("(\\w+)=(-?\\d+)");
     private static final String WEB_XML = """
             <web-app xmlns="http://xmlns.jcp.org/xml/ns/javaee" version="4.0" metadata-complete="true">
               <servlet><servlet-name>control</servlet-name><servlet-class>%1$s.SoakControl</servlet-class></servlet>
@@ -53,31 +51,9 @@ public final class SoakMain {
             </web-app>
             """.formatted(WEBAPP_PACKAGE);
 
-    /** The load of one phase and what the server counted in it. */
-    private static final class Phase {
-        final String mode;
-        final List<Long> latencies = Collections.synchronizedList(new ArrayList<>());
-        final List<String> wrongAnswers = Collections.synchronizedList(new ArrayList<>());
-        volatile Map<String, Long> heap = Map.of();
-        Map<String, Long> figures = Map.of();
-        String notes = "";
-
-        Phase(String mode) {
-            this.mode = mode;
-        }
-
-        String millis(double quantile) {
-            List<Long> sorted = new ArrayList<>(latencies);
-            Collections.sort(sorted);
-            return sorted.isEmpty() ? "-" : String.format("%.2f", sorted.get((int) (quantile * (sorted.size() - 1))) / 1e6);
-        }
-    }
-
     private final int requests = Integer.getInteger("kv.soak.requests", 10000);
     private final long phaseNanos = TimeUnit.SECONDS.toNanos(Long.getLong("kv.soak.seconds", 120));
-    private final List<Phase> phases = new ArrayList<>();
-    private final List<String> problems = Collections.synchronizedList(new ArrayList<>());
-    private String armed = "not armed";
+    private final List<String> problems = new ArrayList<>();
     private int port;
 
     public static void main(String[] args) throws Exception {
@@ -99,15 +75,21 @@ public final class SoakMain {
         port = connector.getLocalPort();
         long start = System.nanoTime();
         try {
-            drive();
+            get("/loop.jsp?tag=first&n=1"); // the page is compiled now, and can be found
+            System.out.println("soak   " + control("arm"));
+            load(requests / 4);
+            System.out.println("soak   phase       requests   hits  latency ms median / p99   the server's figures");
+            for (String mode : PHASES) {
+                phase(mode);
+            }
         } catch (IOException | RuntimeException e) {
-            problems.add("driving the server: " + e);
+            expect(false, "driving the server: " + e);
         } finally {
             tomcat.stop();
             tomcat.destroy();
         }
-        report((System.nanoTime() - start) / 1e9);
-        System.out.println("soak   result: " + (problems.isEmpty() ? "passed" : "FAILED: " + String.join("; ", problems)));
+        System.out.printf("soak   %.0f s of load; result: %s%n", (System.nanoTime() - start) / 1e9,
+                problems.isEmpty() ? "passed" : "FAILED: " + String.join("; ", problems));
         return problems.isEmpty();
     }
 
@@ -116,12 +98,9 @@ public final class SoakMain {
         Files.writeString(webapp.resolve("loop.jsp"), SoakControl.PAGE);
         Files.writeString(webapp.resolve("WEB-INF/web.xml"), WEB_XML);
         Files.copy(Path.of(System.getProperty("kv.soak.api-jar")), webapp.resolve("WEB-INF/lib/kvjvmti-api.jar"));
-        // Into WEB-INF/classes, so that the web application's class loader, not the server's, loads
-        // its classes and the managed layer they use.
-        String prefix = WEBAPP_PACKAGE.replace('.', '/') + "/";
         try (JarFile jar = new JarFile(System.getProperty("java.class.path").split(":")[0])) {
             for (JarEntry entry : Collections.list(jar.entries())) {
-                if (entry.getName().startsWith(prefix) && entry.getName().endsWith(".class")) {
+                if (WEBAPP_CLASSES.stream().anyMatch(entry.getName()::startsWith) && entry.getName().endsWith(".class")) {
                     Path target = webapp.resolve("WEB-INF/classes/" + entry.getName());
                     Files.createDirectories(target.getParent());
                     try (InputStream in = jar.getInputStream(entry)) {
@@ -133,35 +112,33 @@ public final class SoakMain {
         return webapp;
     }
 
-    // ---- the load
-
-    private void drive() throws IOException, InterruptedException {
-        get("/loop.jsp?tag=first&n=1"); // the page is compiled now, and can be found
-        armed = control("arm");
-        load("warm-up", requests / 4);
-        for (String mode : PHASES) {
-            control("mode&mode=" + mode);
-            Phase phase = load(mode, requests);
-            String[] answer = control("figures").split("\n", 2);
-            phase.figures = figures(answer[0]);
-            phase.notes = answer.length > 1 ? answer[1] : "";
-            phases.add(phase);
-        }
+    /** A phase's load, then its figures: a hit per request while switched on, none otherwise, nothing gone wrong. */
+    private void phase(String mode) throws IOException, InterruptedException {
+        control("mode&mode=" + mode);
+        List<Long> latencies = load(requests);
+        String[] answer = control("figures").split("\n", 2);
+        Map<String, Long> figures = Workload.figures(answer[0]);
+        long hits = figures.getOrDefault("hits", 0L);
+        System.out.printf("soak   %-10s %9d %6d  %10s / %-10s  %s%n", mode, latencies.size(), hits, millis(latencies, 0.5),
+                millis(latencies, 0.99), answer[0]);
+        boolean switchedOn = mode.equals("PER_THREAD") || mode.equals("VM_WIDE");
+        expect(!latencies.isEmpty() && hits == (switchedOn ? latencies.size() : 0),
+                mode + ": " + hits + " hits for " + latencies.size() + " requests");
+        expect(figures.getOrDefault("stepped", 0L).equals(figures.getOrDefault("steppedAsExpected", 0L)),
+                mode + ": not every stepped hit stopped where it should");
+        expect(answer.length < 2 || answer[1].isBlank(), mode + ": " + (answer.length < 2 ? "" : answer[1].replace("\n", "; ")));
     }
 
-    /** Requests from CLIENTS threads until `count` are answered or the phase's time is up. */
-    private Phase load(String mode, int count) throws InterruptedException {
-        Phase phase = new Phase(mode);
+    /** Requests from three clients until `count` are answered or the phase's time is up; a heap check halfway. */
+    private List<Long> load(int count) throws InterruptedException {
+        List<Long> latencies = Collections.synchronizedList(new ArrayList<>());
         AtomicInteger next = new AtomicInteger();
         long deadline = System.nanoTime() + phaseNanos;
         List<Thread> clients = new ArrayList<>();
-        for (int c = 0; c < CLIENTS; c++) {
+        for (int c = 0; c < 3; c++) {
             clients.add(new Thread(() -> {
                 for (int n = next.getAndIncrement(); n < count && System.nanoTime() < deadline; n = next.getAndIncrement()) {
-                    if (n == count / 2) {
-                        takeHeap(phase);
-                    }
-                    request(phase, mode + "-" + n, 1 + n % 5);
+                    request(latencies, n == count / 2 ? "/control?op=heap" : null, "r" + n, 1 + n % 5);
                 }
             }, "soak-client-" + c));
         }
@@ -169,28 +146,21 @@ public final class SoakMain {
         for (Thread client : clients) {
             client.join();
         }
-        return phase;
+        return latencies;
     }
 
-    private void request(Phase phase, String tag, int n) {
-        long start = System.nanoTime();
-        String answer;
+    /** A request of the page, after the other request given; the page must answer the sum of its loop. */
+    private void request(List<Long> latencies, String before, String tag, int n) {
         try {
-            answer = get("/loop.jsp?tag=" + tag + "&n=" + n).trim();
-            phase.latencies.add(System.nanoTime() - start);
+            if (before != null) {
+                get(before);
+            }
+            long start = System.nanoTime();
+            String answer = get("/loop.jsp?tag=" + tag + "&n=" + n).trim();
+            latencies.add(System.nanoTime() - start);
+            expect(answer.equals(tag + "=" + n * (n + 1)), "wrong answer " + answer + " to tag=" + tag + " n=" + n);
         } catch (IOException e) {
-            answer = e.toString();
-        }
-        if (!answer.equals(tag + "=" + n * (n + 1))) {
-            phase.wrongAnswers.add(answer + " to tag=" + tag + " n=" + n);
-        }
-    }
-
-    private void takeHeap(Phase phase) {
-        try {
-            phase.heap = figures(control("heap"));
-        } catch (IOException e) {
-            problems.add(phase.mode + ": heap walks failed: " + e);
+            expect(false, e.toString());
         }
     }
 
@@ -213,48 +183,18 @@ public final class SoakMain {
         }
     }
 
-    // ---- the figures
-
-    private static Map<String, Long> figures(String text) {
-        Map<String, Long> figures = new HashMap<>();
-        Matcher figure = FIGURE.matcher(text);
-        while (figure.find()) {
-            figures.put(figure.group(1), Long.parseLong(figure.group(2)));
-        }
-        return figures;
+    private static String millis(List<Long> latencies, double quantile) {
+        List<Long> sorted = new ArrayList<>(latencies);
+        Collections.sort(sorted);
+        return sorted.isEmpty() ? "-" : String.format("%.2f", sorted.get((int) (quantile * (sorted.size() - 1))) / 1e6);
     }
 
-    /** Prints the figures block of the run and adds what is off to the problems. */
-    private void report(double seconds) {
-        System.out.printf("soak   %s; %.0f s of load%n", armed, seconds);
-        System.out.println("soak   phase       requests  wrong   hits  latency ms median / p99  histogram/GC roots of kept");
-        Map<String, Long> totals = new HashMap<>();
-        for (Phase phase : phases) {
-            long hits = phase.figures.getOrDefault("hits", -1L);
-            System.out.printf("soak   %-10s %9d %6d %6d  %10s / %-10s  %s/%s of %s%n", phase.mode, phase.latencies.size(),
-                    phase.wrongAnswers.size(), hits, phase.millis(0.5), phase.millis(0.99), phase.heap.get("histogram"),
-                    phase.heap.get("gcRoots"), phase.heap.get("kept"));
-            expect(hits == (SWITCHED_ON.contains(phase.mode) ? phase.latencies.size() : 0) && !phase.latencies.isEmpty(),
-                    phase.mode + ": " + hits + " hits for " + phase.latencies.size() + " requests");
-            expect(phase.wrongAnswers.isEmpty(), phase.mode + ": wrong answers " + phase.wrongAnswers);
-            Long kept = phase.heap.get("kept");
-            expect(kept != null && kept.equals(phase.heap.get("histogram")) && kept.equals(phase.heap.get("gcRoots")),
-                    phase.mode + ": the heap walks did not count the kept objects exactly");
-            // The server's notes: wrong locals, stops at unexpected lines, failed switches, hook errors.
-            expect(phase.notes.isBlank(), phase.mode + ": " + phase.notes.trim().replace("\n", "; "));
-            phase.figures.forEach((name, value) -> totals.merge(name, value, Long::sum));
-        }
-        System.out.printf("soak   wrong locals %s of %s hits; JSP stops %s of %s at the expected page lines; stray hits %s%n",
-                totals.get("wrongLocals"), totals.get("hits"), totals.get("stopsAsExpected"), totals.get("stopsWanted"),
-                totals.get("strays"));
-        long wanted = totals.getOrDefault("stopsWanted", 0L);
-        expect(phases.size() == PHASES.size() && wanted > 0 && totals.get("stopsAsExpected") == wanted,
-                "phases missing or steps stopped wrong");
-    }
-
+    /** Keeps the first twenty problems: past those, more say nothing new. */
     private void expect(boolean holds, String problem) {
-        if (!holds) {
-            problems.add(problem);
+        synchronized (problems) {
+            if (!holds && problems.size() < 20) {
+                problems.add(problem);
+            }
         }
     }
 }

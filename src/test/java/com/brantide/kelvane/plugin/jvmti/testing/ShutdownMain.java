@@ -1,20 +1,16 @@
 package com.brantide.kelvane.plugin.jvmti.testing;
 
 import com.brantide.kelvane.plugin.jvmti.BreakpointLocation;
-import com.brantide.kelvane.plugin.jvmti.GCPathEntry;
 import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
 import com.brantide.kelvane.plugin.jvmti.StepType;
 import com.brantide.kelvane.plugin.jvmti.ThreadContext;
 import com.brantide.kelvane.plugin.jvmti.api.BreakpointHook;
-import com.brantide.kelvane.plugin.jvmti.api.GCRootsCallback;
-import com.brantide.kelvane.plugin.jvmti.api.HistogramCallback;
 import com.brantide.kelvane.plugin.jvmti.api.JvmtiApi;
 import com.brantide.kelvane.plugin.jvmti.api.ThreadHook;
 import java.util.ArrayList;
 import java.util.List;
-import java.util.concurrent.CountDownLatch;
-import java.util.concurrent.TimeoutException;
-import java.util.concurrent.atomic.AtomicLong;
+import java.util.Set;
+import java.util.concurrent.ConcurrentHashMap;
 import java.util.concurrent.locks.LockSupport;
 
 /**
@@ -23,51 +19,34 @@ import java.util.concurrent.locks.LockSupport;
  * hit the breakpoint and go on, one is suspended and never resumed, and heap walks run one after
  * the other over a large heap. The VM must end with status 3, promptly, and without a crash.
  *
- * <p>Argument: milliseconds to wait, once everything is in place, before the exit.
+ * <p>Argument: milliseconds to wait, once every thread is in place, before the exit.
  */
 public final class ShutdownMain {
-    private static final JvmtiApi API = new JvmtiApi();
-    private static final CountDownLatch IN_HOOK = new CountDownLatch(1);
-    private static final CountDownLatch IN_START_HOOK = new CountDownLatch(1);
-    private static final CountDownLatch STEPPING = new CountDownLatch(3);
-    private static final CountDownLatch WALKING = new CountDownLatch(1);
-    private static final CountDownLatch SPINNING = new CountDownLatch(1);
-    private static final AtomicLong WALKS = new AtomicLong();
+    private static final Workload WORK = Workload.activated();
+    private static final Set<String> IN_PLACE = ConcurrentHashMap.newKeySet();
     private static final List<Object> HEAP = new ArrayList<>();
 
     private ShutdownMain() {
     }
 
     public static void main(String[] args) {
-        try {
-            run(Long.parseLong(args[0]));
-        } catch (Throwable t) {
-            // The other threads never end by themselves: a failed set-up must still end the VM.
-            t.printStackTrace();
-            Runtime.getRuntime().halt(99);
-        }
+        Workload.runOrHalt(() -> run(Long.parseLong(args[0])));
     }
 
     private static void run(long delay) throws Exception {
-        API.registerClasses();
-        if (!API.setActive(true)) {
-            throw new IllegalStateException("agent not active");
-        }
+        JvmtiApi api = WORK.api;
         StormTarget.keep(1000);
         for (int i = 0; i < 1_000_000; i++) {
             HEAP.add(new int[1]);
         }
         StormTarget.hit(0);
-        new GCPathEntry(0, 0, null, null, 0, 0).hashCode();
-        new TimeoutException().hashCode();
-        API.setBreakpoint(BreakpointLocation.forMethod(StormTarget.class.getMethod("hit", int.class), 0));
-        API.registerBreakpointHook((BreakpointHook) ShutdownMain::stopped);
-        API.registerThreadHook(new ThreadHook() {
+        api.setBreakpoint(BreakpointLocation.forMethod(StormTarget.class.getMethod("hit", int.class), 0));
+        api.registerBreakpointHook((BreakpointHook) ShutdownMain::stopped);
+        api.registerThreadHook(new ThreadHook() {
             @Override
             public void threadStart(Thread thread) {
-                if (thread.getName().equals("shutdown-slow-start")) {
-                    IN_START_HOOK.countDown();
-                    LockSupport.parkNanos(60_000_000_000L);
+                if (thread.getName().equals("slow-start")) {
+                    sleepInPlace("slow-start");
                 }
             }
 
@@ -75,29 +54,27 @@ public final class ShutdownMain {
             public void threadEnd(Thread thread) {
             }
         });
-
-        start("shutdown-sleeper", () -> hitForever());
-        for (int i = 0; i < 3; i++) {
-            start("shutdown-stepper-" + i, () -> hitForever());
+        for (String name : List.of("sleeper", "stepper-0", "stepper-1", "stepper-2", "hitter-0", "hitter-1")) {
+            start(name, ShutdownMain::hitForever);
         }
-        for (int i = 0; i < 2; i++) {
-            start("shutdown-hitter-" + i, () -> hitForever());
-        }
-        start("shutdown-slow-start", () -> { });
-        Thread suspended = start("shutdown-suspended", () -> {
-            SPINNING.countDown();
+        start("slow-start", () -> { });
+        Thread suspended = start("suspended", () -> {
+            IN_PLACE.add("suspended");
             while (true) {
                 StormTarget.inner(1);
             }
         });
-        start("shutdown-heap", ShutdownMain::walkForever);
-
-        IN_HOOK.await();
-        IN_START_HOOK.await();
-        STEPPING.await();
-        WALKING.await();
-        SPINNING.await();
-        API.suspendThread(suspended, null);
+        start("walker", () -> {
+            while (true) {
+                IN_PLACE.add("walker");
+                WORK.checkHeap(StormTarget.Marker.class, 1000, 0);
+            }
+        });
+        // The sleeper, the slow start, three steppers, the walker and the thread to suspend.
+        while (IN_PLACE.size() < 7) {
+            Thread.sleep(1);
+        }
+        api.suspendThread(suspended, null);
         System.out.println("IN PLACE");
         System.out.flush();
         Thread.sleep(delay);
@@ -106,13 +83,18 @@ public final class ShutdownMain {
 
     private static Thread start(String name, Runnable body) {
         Thread thread = new Thread(body, name);
-        thread.setDaemon(name.endsWith("-suspended"));
+        thread.setDaemon(name.equals("suspended"));
         thread.start();
         return thread;
     }
 
+    private static void sleepInPlace(String name) {
+        IN_PLACE.add(name);
+        LockSupport.parkNanos(60_000_000_000L);
+    }
+
     private static void hitForever() {
-        API.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, true);
+        WORK.api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, true);
         for (int i = 0; ; i++) {
             StormTarget.hit(i);
         }
@@ -120,26 +102,14 @@ public final class ShutdownMain {
 
     private static int stopped(BreakpointLocation location, ThreadContext context) {
         String name = Thread.currentThread().getName();
-        if (name.equals("shutdown-sleeper")) {
-            IN_HOOK.countDown();
-            LockSupport.parkNanos(60_000_000_000L);
-            return StepType.CONTINUE;
-        }
-        if (name.startsWith("shutdown-stepper-")) {
+        if (name.equals("sleeper")) {
+            sleepInPlace(name);
+        } else if (name.startsWith("stepper-")) {
             if (location.getLocation() != 0) {
-                STEPPING.countDown();
+                IN_PLACE.add(name);
             }
             return location.getLocation() % 2 == 0 ? StepType.STEP_OVER : StepType.STEP_IN;
         }
         return StepType.CONTINUE;
-    }
-
-    private static void walkForever() {
-        String marker = StormTarget.Marker.class.descriptorString();
-        while (true) {
-            WALKING.countDown();
-            API.heapHistogram((HistogramCallback) (names, counts, sizes) -> WALKS.incrementAndGet(), 0);
-            API.gcRoots((GCRootsCallback) root -> WALKS.incrementAndGet(), marker, 0, 3);
-        }
     }
 }

@@ -1,51 +1,35 @@
 package com.brantide.kelvane.plugin.jvmti.testing;
 
 import com.brantide.kelvane.plugin.jvmti.BreakpointLocation;
-import com.brantide.kelvane.plugin.jvmti.GCPathEntry;
 import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
 import com.brantide.kelvane.plugin.jvmti.StepType;
 import com.brantide.kelvane.plugin.jvmti.ThreadContext;
-import com.brantide.kelvane.plugin.jvmti.api.BreakpointHook;
-import com.brantide.kelvane.plugin.jvmti.api.ClassPrepareHook;
-import com.brantide.kelvane.plugin.jvmti.api.ExceptionHook;
-import com.brantide.kelvane.plugin.jvmti.api.FieldHook;
-import com.brantide.kelvane.plugin.jvmti.api.FileLoadHook;
 import com.brantide.kelvane.plugin.jvmti.api.FrameCallback;
-import com.brantide.kelvane.plugin.jvmti.api.GCRootsCallback;
-import com.brantide.kelvane.plugin.jvmti.api.HistogramCallback;
 import com.brantide.kelvane.plugin.jvmti.api.JvmtiApi;
-import com.brantide.kelvane.plugin.jvmti.api.MonitorCallback;
-import com.brantide.kelvane.plugin.jvmti.api.SteppingAbortedHook;
-import com.brantide.kelvane.plugin.jvmti.api.SuspendCallback;
-import com.brantide.kelvane.plugin.jvmti.api.ThreadHook;
-import com.brantide.kelvane.plugin.jvmti.api.VariableCallback;
-import java.lang.management.ManagementFactory;
 import java.lang.reflect.Field;
-import java.lang.reflect.Method;
 import java.util.ArrayList;
+import java.util.Arrays;
 import java.util.List;
 import java.util.Map;
 import java.util.Set;
 import java.util.concurrent.ConcurrentHashMap;
 import java.util.concurrent.ConcurrentLinkedDeque;
-import java.util.concurrent.TimeoutException;
 import java.util.concurrent.atomic.AtomicBoolean;
 import java.util.concurrent.atomic.AtomicLong;
 import java.util.concurrent.locks.LockSupport;
-import javax.management.MBeanServer;
-import javax.management.ObjectName;
 
 /**
  * A child JVM's program: everything the agent does, at once, until its standard input closes.
  * Eight threads hit a breakpoint and step (the hook answers with every command in turn); another
- * re-registers every hook over and over; short-lived threads start and end, half of them hitting
- * the breakpoint too; a switcher turns events of other threads on and off; a worker is suspended,
- * looked at (stack, locals, monitors) and resumed, now and then with a step; histograms and GC-root
- * searches run; data dumps are requested (and the test adds its own with jcmd).
+ * registers every hook anew over and over; short-lived threads (virtual ones with
+ * kv.test.thread.kind=virtual) start and end, half of them hitting the breakpoint too; a switcher
+ * turns events of other threads on and off; a worker is suspended, looked at and resumed, now and
+ * then with a step; histograms, GC-root searches and data dumps run (and the test adds its own
+ * dumps with jcmd).
  *
- * <p>Prints "STARTED" once everything runs, then, after the storm, one line of figures and "OK"
- * when every hit and every thread start and end reached a hook and every histogram and search
- * counted the kept objects exactly; otherwise "FAILED" with the reasons.
+ * <p>Prints "STARTED" once everything runs, then, after the storm, a line of figures and "OK" when
+ * every thread's hits equal its calls, every thread start and end reached the thread hook and
+ * every heap walk counted the kept objects exactly; otherwise "FAILED" with the reasons.
  */
 public final class StormMain {
     private static final int HITTERS = 8;
@@ -53,35 +37,18 @@ public final class StormMain {
     private static final int[] HIT_ANSWERS = {StepType.STEP_OVER, StepType.STEP_IN, StepType.CONTINUE,
         StepType.STEP_OUT, StepType.NOOP, StepType.STEP_OVER};
     private static final int[] STEP_ANSWERS = {StepType.STEP_OVER, StepType.STEP_IN, StepType.STEP_OUT};
-    private static final int[] RESUME_ANSWERS = {StepType.CONTINUE, StepType.NOOP, StepType.STEP_OVER};
+    private static final int[] RESUME_ANSWERS = {StepType.STEP_OVER, StepType.CONTINUE, StepType.NOOP};
     private static final int[] SWITCHED_ON_HITTERS = {JvmtiEvent.FIELD_ACCESS, JvmtiEvent.FIELD_MODIFICATION,
         JvmtiEvent.EXCEPTION, JvmtiEvent.EXCEPTION_CATCH};
     private static final int[] SWITCHED_ON_OTHERS = {JvmtiEvent.BREAKPOINT, JvmtiEvent.FIELD_ACCESS,
         JvmtiEvent.EXCEPTION, JvmtiEvent.FIELD_MODIFICATION};
 
-    private final JvmtiApi api = new JvmtiApi();
+    private final Workload work = Workload.activated();
+    private final JvmtiApi api = work.api;
     private final AtomicBoolean stop = new AtomicBoolean();
-    private final List<String> failures = new ArrayList<>();
-
-    private final AtomicLong calls = new AtomicLong();
-    private final AtomicLong hits = new AtomicLong();
-    private final AtomicLong steps = new AtomicLong();
-    private final AtomicLong aborted = new AtomicLong();
-    private final AtomicLong exceptionEvents = new AtomicLong();
-    private final AtomicLong fieldEvents = new AtomicLong();
-    private final AtomicLong registrations = new AtomicLong();
-    private final AtomicLong switches = new AtomicLong();
-    private final AtomicLong suspends = new AtomicLong();
-    private final AtomicLong workerStops = new AtomicLong();
-    private final AtomicLong listed = new AtomicLong();
-    private final AtomicLong histograms = new AtomicLong();
-    private final AtomicLong searches = new AtomicLong();
-    private final AtomicLong dumps = new AtomicLong();
-    private final Map<Thread, AtomicLong> callsByThread = new ConcurrentHashMap<>();
-    private final Map<Thread, AtomicLong> hitsByThread = new ConcurrentHashMap<>();
+    /** Calls of the breakpointed method less the hits that reached the hook, by thread: all 0 in the end. */
+    private final Map<Thread, AtomicLong> unmatchedCalls = new ConcurrentHashMap<>();
     private final Set<Thread> created = ConcurrentHashMap.newKeySet();
-    private final Set<Thread> started = ConcurrentHashMap.newKeySet();
-    private final Set<Thread> ended = ConcurrentHashMap.newKeySet();
     private final ConcurrentLinkedDeque<Thread> idle = new ConcurrentLinkedDeque<>();
     private final List<Thread> hitters = new ArrayList<>();
     private final ThreadLocal<int[]> stepsInSequence = ThreadLocal.withInitial(() -> new int[1]);
@@ -91,44 +58,25 @@ public final class StormMain {
     }
 
     public static void main(String[] args) {
-        try {
-            new StormMain().run();
-        } catch (Throwable t) {
-            // The storm's threads never end by themselves: a failure must still end the VM.
-            t.printStackTrace();
-            Runtime.getRuntime().halt(1);
-        }
+        Workload.runOrHalt(() -> new StormMain().run());
     }
 
     private void run() throws Exception {
-        api.registerClasses();
-        if (!api.setActive(true)) {
-            throw new IllegalStateException("agent not active");
-        }
         StormTarget.keep(KEPT);
         StormTarget.hit(0);
         StormTarget.throwAndCatch(0);
-        // Prepared before any hook is registered and outside the natives: on JDK 17, checked JNI
-        // misreads the local references of a native that holds many while a class-prepare event
-        // runs on its thread.
-        new GCPathEntry(0, 0, null, null, 0, 0).hashCode();
-        new TimeoutException().hashCode();
-        checkHeap();
-
-        Method hit = StormTarget.class.getMethod("hit", int.class);
-        BreakpointLocation breakpoint = BreakpointLocation.forMethod(hit, 0);
+        work.checkHeap(StormTarget.Marker.class, KEPT, 0);
+        BreakpointLocation breakpoint = BreakpointLocation.forMethod(StormTarget.class.getMethod("hit", int.class), 0);
         api.setBreakpoint(breakpoint);
         Field watched = StormTarget.class.getField("watched");
         api.setFieldAccessWatch(StormTarget.class, watched);
         api.setFieldModificationWatch(StormTarget.class, watched);
-        registerHooks();
+        work.registerHooks(this::breakpointHit);
 
-        List<Thread> drivers = new ArrayList<>();
         for (int i = 0; i < HITTERS; i++) {
-            Thread hitter = new Thread(this::hitLoop, "storm-hitter-" + i);
-            hitters.add(hitter);
-            drivers.add(hitter);
+            hitters.add(new Thread(this::hitLoop, "storm-hitter-" + i));
         }
+        List<Thread> drivers = new ArrayList<>(hitters);
         Object workerLock = new Object();
         worker = new Thread(() -> StormTarget.work(stop, workerLock), "storm-worker");
         drivers.add(worker);
@@ -136,182 +84,98 @@ public final class StormMain {
         drivers.add(new Thread(this::spawnLoop, "storm-spawner"));
         drivers.add(new Thread(this::switchLoop, "storm-switcher"));
         drivers.add(new Thread(this::suspendLoop, "storm-suspender"));
-        drivers.add(new Thread(this::heapLoop, "storm-heap"));
-        drivers.add(new Thread(this::dumpLoop, "storm-dumper"));
+        drivers.add(new Thread(this::inspectLoop, "storm-inspector"));
         drivers.forEach(Thread::start);
         System.out.println("STARTED");
         System.in.readAllBytes();
 
         stop.set(true);
-        List<Thread> all = new ArrayList<>(drivers);
-        all.addAll(created);
-        for (Thread thread : all) {
-            thread.join(30_000);
-            if (thread.isAlive()) {
-                stuck(thread);
-            }
+        drivers.addAll(created);
+        for (Thread thread : drivers) {
+            joinOrHalt(thread);
         }
-        registerCore();
         api.clearBreakpoint(breakpoint);
         api.clearFieldAccessWatch(StormTarget.class, watched);
         api.clearFieldModificationWatch(StormTarget.class, watched);
-        checkHeap();
-
-        if (hits.get() != calls.get()) {
-            failures.add("hits " + hits + " != calls " + calls + "; by thread: " + mismatches());
-        }
-        if (!started.containsAll(created) || !ended.containsAll(created)) {
-            failures.add("thread hook missed " + created.stream().filter(t -> !started.contains(t)).count()
-                    + " starts and " + created.stream().filter(t -> !ended.contains(t)).count() + " ends");
-        }
-        System.out.println("hits=" + hits + " steps=" + steps + " stepAborts=" + aborted + " threads=" + created.size()
-                + " suspends=" + suspends + " workerStops=" + workerStops + " listed=" + listed + " histograms="
-                + histograms + " gcRoots=" + searches + " registrations=" + registrations + " switches=" + switches
-                + " exceptionEvents=" + exceptionEvents + " fieldEvents=" + fieldEvents + " dumps=" + dumps);
-        synchronized (failures) {
-            System.out.println(failures.isEmpty() ? "OK" : "FAILED " + failures);
-        }
-        api.registerThreadHook(null);
-        api.registerBreakpointHook(null);
+        checkTheAccounts();
+        work.clearHooks();
         api.setActive(false);
     }
 
-    private void fail(String failure) {
-        synchronized (failures) {
-            if (failures.size() < 20) {
-                failures.add(failure);
+    private void checkTheAccounts() {
+        // No class events into hooks during the last heap walks: on JDK 17, checked JNI misreads the
+        // local references of a native that holds many while a class-prepare event runs on its thread.
+        api.registerClassPrepareHook(null);
+        api.registerFileLoadHook(null);
+        work.checkHeap(StormTarget.Marker.class, KEPT, 0);
+        unmatchedCalls.forEach((thread, calls) -> {
+            if (calls.get() != 0) {
+                work.fail(thread.getName() + ": " + calls + " calls more than hits");
             }
+        });
+        long missedStarts = created.stream().filter(t -> !work.started.contains(t)).count();
+        long missedEnds = created.stream().filter(t -> !work.ended.contains(t)).count();
+        if (missedStarts + missedEnds > 0) {
+            work.fail("thread hook missed " + missedStarts + " starts and " + missedEnds + " ends");
         }
+        work.report("threads=" + created.size());
     }
 
-    private static void stuck(Thread thread) {
-        System.out.println("STUCK " + thread.getName());
-        for (StackTraceElement frame : thread.getStackTrace()) {
-            System.out.println("\tat " + frame);
+    /** Joins the thread; one still running after 30 s is stuck, and ends the program. */
+    private static void joinOrHalt(Thread thread) throws InterruptedException {
+        thread.join(30_000);
+        if (thread.isAlive()) {
+            throw new IllegalStateException("STUCK " + thread.getName() + " at " + Arrays.toString(thread.getStackTrace()));
         }
-        System.out.flush();
-        Runtime.getRuntime().halt(1);
     }
-
-    private String mismatches() {
-        StringBuilder text = new StringBuilder();
-        for (Map.Entry<Thread, AtomicLong> entry : callsByThread.entrySet()) {
-            AtomicLong reached = hitsByThread.getOrDefault(entry.getKey(), new AtomicLong());
-            if (reached.get() != entry.getValue().get()) {
-                text.append(entry.getKey().getName()).append(' ').append(reached).append('/').append(entry.getValue())
-                        .append(' ');
-            }
-        }
-        return text.toString();
-    }
-
-    // ---- hooks: one core that counts, registered again and again behind new wrappers
 
     private int breakpointHit(BreakpointLocation location, ThreadContext context) {
         Thread thread = Thread.currentThread();
         if (context.getThread() != thread) {
-            fail("hook called on " + thread.getName() + " for " + context.getThread());
+            work.fail("hook called on " + thread.getName() + " for " + context.getThread());
         }
         if (thread == worker) {
-            workerStops.incrementAndGet();
+            work.count("workerStops");
             return StepType.CONTINUE;
         }
         int[] sequence = stepsInSequence.get();
         if (location.getMemberClass() == StormTarget.class && location.getLocation() == 0
                 && "hit".equals(location.getMethodName())) {
-            long reached = hits.incrementAndGet();
-            hitsByThread.computeIfAbsent(thread, t -> new AtomicLong()).incrementAndGet();
+            unmatchedCalls.computeIfAbsent(thread, t -> new AtomicLong()).decrementAndGet();
             sequence[0] = 0;
-            return HIT_ANSWERS[(int) (reached % HIT_ANSWERS.length)];
+            return HIT_ANSWERS[(int) (work.count("hits") % HIT_ANSWERS.length)];
         }
-        long step = steps.incrementAndGet();
-        if (step % 16 == 0) {
-            api.listStack(thread, context.getFrameCount(), (FrameCallback) frame -> listed.incrementAndGet());
+        // Only the stack here: locals and monitors wait for the VM, which the switcher keeps busy.
+        if (work.count("steps") % 16 == 0) {
+            api.listStack(thread, context.getFrameCount(), (FrameCallback) frame -> work.count("listed"));
         }
         return ++sequence[0] >= 3 ? StepType.CONTINUE : STEP_ANSWERS[sequence[0] % STEP_ANSWERS.length];
     }
 
-    private void registerHooks() {
-        api.registerBreakpointHook((BreakpointHook) this::breakpointHit);
-        api.registerSteppingAbortedHook((SteppingAbortedHook) thread -> aborted.incrementAndGet());
-        api.registerThreadHook(new ThreadHook() {
-            @Override
-            public void threadStart(Thread thread) {
-                started.add(thread);
-            }
-
-            @Override
-            public void threadEnd(Thread thread) {
-                ended.add(thread);
-            }
-        });
-        api.registerExceptionHook(new ExceptionHook() {
-            @Override
-            public int exceptionThrown(BreakpointLocation location, ThreadContext context, Throwable exception,
-                    BreakpointLocation catchLocation) {
-                exceptionEvents.incrementAndGet();
-                return StepType.CONTINUE;
-            }
-
-            @Override
-            public int exceptionCatch(BreakpointLocation location, ThreadContext context, Throwable exception) {
-                exceptionEvents.incrementAndGet();
-                return StepType.CONTINUE;
-            }
-        });
-        api.registerFieldHook(new FieldHook() {
-            @Override
-            public int fieldAccess(BreakpointLocation location, ThreadContext context, Class<?> fieldClass,
-                    Object object, Field field) {
-                fieldEvents.incrementAndGet();
-                return StepType.CONTINUE;
-            }
-
-            @Override
-            public int fieldModified(BreakpointLocation location, ThreadContext context, Class<?> fieldClass,
-                    Object object, Field field, Object newValue) {
-                return fieldEvents.incrementAndGet() % 32 == 0 ? StepType.FIELD_MODIFICATION_COMPLETE : StepType.CONTINUE;
-            }
-
-            @Override
-            public int fieldModifiedComplete(BreakpointLocation location, ThreadContext context) {
-                fieldEvents.incrementAndGet();
-                return StepType.CONTINUE;
-            }
-        });
-        api.registerClassPrepareHook((ClassPrepareHook) (thread, clazz) -> { });
-        api.registerFileLoadHook((FileLoadHook) clazz -> { });
-        registrations.addAndGet(7);
-    }
-
-    private void registerCore() {
-        api.registerBreakpointHook((BreakpointHook) this::breakpointHit);
-        api.registerClassPrepareHook(null);
-        api.registerFileLoadHook(null);
-    }
-
-    // ---- the storm's threads
-
-    private void hitLoop() {
+    /** Switches breakpoints on for the calling thread and calls the breakpointed method `times` times. */
+    private void hit(int times) {
         Thread self = Thread.currentThread();
         if (!api.setEventNotificationMode(self, JvmtiEvent.BREAKPOINT, true)) {
-            fail("breakpoints not switched on for " + self.getName());
+            work.fail("breakpoints not switched on for " + self.getName());
             return;
         }
-        AtomicLong mine = callsByThread.computeIfAbsent(self, t -> new AtomicLong());
-        for (int i = 0; !stop.get(); i++) {
-            calls.incrementAndGet();
+        AtomicLong mine = unmatchedCalls.computeIfAbsent(self, t -> new AtomicLong());
+        for (int i = 0; i < times && !stop.get(); i++) {
             mine.incrementAndGet();
             StormTarget.hit(i);
-            if (i % 64 == 0) {
+            if (i % 16 == 0) {
                 StormTarget.throwAndCatch(i);
             }
         }
     }
 
+    private void hitLoop() {
+        hit(Integer.MAX_VALUE);
+    }
+
     private void registerLoop() {
         for (int i = 1; !stop.get(); i++) {
-            registerHooks();
+            work.registerHooks(this::breakpointHit);
             // Thousands of registrations a second, while leaving the other threads their share of
             // the processors.
             if (i % 64 == 0) {
@@ -324,21 +188,8 @@ public final class StormMain {
     private void spawnLoop() {
         for (int n = 0; !stop.get(); n++) {
             boolean hitting = n % 2 == 0;
-            int number = n;
-            Thread thread = new Thread(() -> {
-                if (hitting) {
-                    Thread self = Thread.currentThread();
-                    if (!api.setEventNotificationMode(self, JvmtiEvent.BREAKPOINT, true)) {
-                        fail("breakpoints not switched on for a short-lived thread");
-                        return;
-                    }
-                    calls.incrementAndGet();
-                    callsByThread.computeIfAbsent(self, t -> new AtomicLong()).incrementAndGet();
-                    StormTarget.hit(number);
-                } else {
-                    LockSupport.parkNanos(300_000);
-                }
-            }, "storm-short-" + n);
+            Thread thread = ThreadKind.unstarted("storm-short-" + n,
+                    hitting ? () -> hit(1) : () -> LockSupport.parkNanos(300_000));
             created.add(thread);
             thread.start();
             if (!hitting) {
@@ -361,17 +212,11 @@ public final class StormMain {
      */
     private void switchLoop() {
         for (int i = 0; !stop.get(); i++) {
-            Thread target;
-            int event;
-            if (i % 2 == 0) {
-                target = hitters.get(i / 2 % hitters.size());
-                event = SWITCHED_ON_HITTERS[i / 16 % SWITCHED_ON_HITTERS.length];
-            } else {
-                target = idle.peekLast();
-                event = SWITCHED_ON_OTHERS[i / 16 % SWITCHED_ON_OTHERS.length];
-            }
-            if (target != null && api.setEventNotificationMode(target, event, (i / 8 & 1) == 0)) {
-                switches.incrementAndGet();
+            boolean hitter = i % 2 == 0;
+            Thread target = hitter ? hitters.get(i / 2 % hitters.size()) : idle.peekLast();
+            int[] events = hitter ? SWITCHED_ON_HITTERS : SWITCHED_ON_OTHERS;
+            if (target != null && api.setEventNotificationMode(target, events[i / 16 % events.length], (i / 8 & 1) == 0)) {
+                work.count("switches");
             }
         }
     }
@@ -380,38 +225,20 @@ public final class StormMain {
      * The worker suspended, looked at and resumed, a third of the times with a step (where it stands
      * in its own code). After a step the next suspension waits until the step has stopped and the
      * worker runs its loop again: a thread suspended while inside the agent's own event code and
-     * then resumed with a command can hang or corrupt its step (see SuspendRaceTest), which this
-     * storm leaves to that test.
+     * then resumed with a command is SuspendRaceTest's subject.
      */
     private void suspendLoop() {
-        Thread target = worker;
         // A thread suspended before it has a frame stays suspended although the call fails (see
         // SuspendRaceTest): start once the worker runs its loop.
         while (StormTarget.workTurns == 0) {
             LockSupport.parkNanos(100_000);
         }
         for (int i = 0; !stop.get(); i++) {
-            boolean[] inTarget = {false};
-            api.suspendThread(target, (SuspendCallback) (location, context) -> {
-                inTarget[0] = location.getMemberClass() == StormTarget.class;
-                if (context.getThread() != target) {
-                    fail("suspend callback for " + context.getThread());
-                }
-            });
-            suspends.incrementAndGet();
-            int depth = api.getStackDepth(target);
-            api.listStack(target, depth, (FrameCallback) location -> listed.incrementAndGet());
-            api.listVariables(target, depth, depth, (VariableCallback) (name, value, signature) -> {
-                listed.incrementAndGet();
-                return true;
-            });
-            api.listOwnedMonitors(target, depth, (MonitorCallback) (monitor, at) -> listed.incrementAndGet());
-            api.listContendedMonitor(target, (MonitorCallback) (monitor, at) -> listed.incrementAndGet());
             int answer = RESUME_ANSWERS[i % RESUME_ANSWERS.length];
-            boolean step = answer == StepType.STEP_OVER && inTarget[0];
-            long stopsBefore = workerStops.get();
-            api.resumeThread(target, step || answer != StepType.STEP_OVER ? answer : StepType.CONTINUE);
-            if (step) {
+            long stopsBefore = work.figure("workerStops");
+            int resumed = work.suspendAndLook(worker, at ->
+                    answer != StepType.STEP_OVER || at.getMemberClass() == StormTarget.class ? answer : StepType.CONTINUE);
+            if (resumed == StepType.STEP_OVER) {
                 awaitWorker(stopsBefore);
             }
             LockSupport.parkNanos(500_000);
@@ -421,7 +248,7 @@ public final class StormMain {
     /** Until the worker's step has stopped and its loop has turned twice since, or five seconds. */
     private void awaitWorker(long stopsBefore) {
         long deadline = System.nanoTime() + 5_000_000_000L;
-        while (workerStops.get() == stopsBefore && System.nanoTime() < deadline && !stop.get()) {
+        while (work.figure("workerStops") == stopsBefore && System.nanoTime() < deadline && !stop.get()) {
             LockSupport.parkNanos(100_000);
         }
         long turns = StormTarget.workTurns;
@@ -430,50 +257,17 @@ public final class StormMain {
         }
     }
 
-    private void heapLoop() {
+    /** Heap walks that must count the kept markers exactly, a data dump every other turn, now and then a GC. */
+    private void inspectLoop() {
         for (int i = 0; !stop.get(); i++) {
-            checkHeap();
+            work.checkHeap(StormTarget.Marker.class, KEPT, 0);
+            if (i % 2 == 0) {
+                work.requestDump();
+            }
             if (i % 10 == 9) {
                 api.forceGC();
             }
             LockSupport.parkNanos(20_000_000);
-        }
-    }
-
-    /** A histogram and a GC-root search, each of which must count the kept markers exactly. */
-    private void checkHeap() {
-        String marker = StormTarget.Marker.class.getName();
-        long[] counted = {-1};
-        api.heapHistogram((HistogramCallback) (names, counts, sizes) -> {
-            for (int k = 0; k < names.length; k++) {
-                if (marker.equals(names[k])) {
-                    counted[0] = counts[k];
-                }
-            }
-        }, 0);
-        histograms.incrementAndGet();
-        if (counted[0] != KEPT) {
-            fail("histogram counted " + counted[0] + " markers, not " + KEPT);
-        }
-        GCPathEntry[] root = {null};
-        api.gcRoots((GCRootsCallback) entry -> root[0] = entry, StormTarget.Marker.class.descriptorString(), 0, 3);
-        searches.incrementAndGet();
-        if (root[0] == null || root[0].getCount() != KEPT) {
-            fail("GC-root search found " + (root[0] == null ? "nothing" : root[0].getCount() + " markers"));
-        }
-    }
-
-    private void dumpLoop() {
-        try {
-            MBeanServer server = ManagementFactory.getPlatformMBeanServer();
-            ObjectName diagnostics = new ObjectName("com.sun.management:type=DiagnosticCommand");
-            while (!stop.get()) {
-                server.invoke(diagnostics, "jvmtiDataDump", new Object[0], new String[0]);
-                dumps.incrementAndGet();
-                LockSupport.parkNanos(50_000_000);
-            }
-        } catch (Exception e) {
-            fail("data dump: " + e);
         }
     }
 }

@@ -11,11 +11,6 @@ import java.util.concurrent.atomic.AtomicBoolean;
 public final class StormTarget {
     /** Instances exist only in {@link #KEPT}: a histogram must count exactly as many. */
     public static final class Marker {
-        public final int id;
-
-        public Marker(int id) {
-            this.id = id;
-        }
     }
 
     public static final List<Marker> KEPT = new ArrayList<>();
@@ -29,7 +24,7 @@ public final class StormTarget {
 
     public static void keep(int count) {
         for (int i = 0; i < count; i++) {
-            KEPT.add(new Marker(i));
+            KEPT.add(new Marker());
         }
     }
 
@@ -52,6 +47,24 @@ public final class StormTarget {
             int local = 7;
             while (!stop.get()) {
                 turns += inner(local);
+                workTurns++;
+            }
+        }
+        return turns;
+    }
+
+    /** While true, {@link #spin} loops. */
+    public static volatile boolean spinning;
+
+    /**
+     * A loop that holds a monitor and keeps a local but calls nothing: a suspension always finds it
+     * in this frame, and a step from there stops in it again.
+     */
+    public static long spin(Object lock) {
+        long turns = 0;
+        synchronized (lock) {
+            while (spinning) {
+                turns++;
                 workTurns++;
             }
         }

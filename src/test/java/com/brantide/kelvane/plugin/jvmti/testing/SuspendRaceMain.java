@@ -11,10 +11,10 @@ import java.util.Random;
  * the agent's own native code. Suspension holds a thread only when it next enters the VM, so the
  * agent may be anywhere in its code at that moment.
  *
- * <p>"switching": the thread switches the events of another thread without pause; it is resumed
- * with CONTINUE. "stepping": the thread steps without pause (its hook always answers STEP_OVER); it
- * is resumed with STEP_OVER and STEP_IN in turn. Arguments: the mode and the number of rounds.
- * Prints "DONE" after the last round.
+ * <p>"switching": the thread switches the frame-pop events of another thread without pause (which
+ * always goes to the VM, with the thread's record held); it is resumed with CONTINUE. "stepping":
+ * the thread steps without pause (its hook always answers STEP_OVER); it is resumed with STEP_OVER
+ * and STEP_IN in turn. Arguments: the mode and the number of rounds. Prints "DONE" at the end.
  */
 public final class SuspendRaceMain {
     private static volatile boolean running = true;
@@ -23,36 +23,18 @@ public final class SuspendRaceMain {
     }
 
     public static void main(String[] args) throws Exception {
-        String mode = args[0];
+        boolean switching = args[0].equals("switching");
         int rounds = Integer.parseInt(args[1]);
-        JvmtiApi api = new JvmtiApi();
-        api.registerClasses();
-        if (!api.setActive(true)) {
-            throw new IllegalStateException("agent not active");
-        }
-        Thread target;
-        if (mode.equals("switching")) {
-            Thread other = new Thread(() -> {
-                while (running) {
-                    Thread.onSpinWait();
-                }
-            }, "race-other");
+        JvmtiApi api = Workload.activated().api;
+        api.registerBreakpointHook((BreakpointHook) (location, context) -> running ? StepType.STEP_OVER : StepType.CONTINUE);
+        Thread other = new Thread(SuspendRaceMain::spin, "race-other");
+        Thread target = new Thread(switching ? () -> {
+            for (boolean on = true; running; on = !on) {
+                api.setEventNotificationMode(other, JvmtiEvent.FRAME_POP, on);
+            }
+        } : SuspendRaceMain::spin, "race-target");
+        if (switching) {
             other.start();
-            target = new Thread(() -> {
-                // Frame-pop events: switching them always goes to the VM, with the record held.
-                for (boolean on = true; running; on = !on) {
-                    api.setEventNotificationMode(other, JvmtiEvent.FRAME_POP, on);
-                }
-            }, "race-switcher");
-        } else {
-            api.registerBreakpointHook((BreakpointHook) (location, context) ->
-                    running ? StepType.STEP_OVER : StepType.CONTINUE);
-            target = new Thread(() -> {
-                long sum = 0;
-                while (running) {
-                    sum += StormTarget.inner((int) sum);
-                }
-            }, "race-stepper");
         }
         target.start();
         Thread.sleep(100);
@@ -64,12 +46,17 @@ public final class SuspendRaceMain {
                 Thread.onSpinWait();
             }
             api.suspendThread(target, null);
-            int command = mode.equals("switching") ? StepType.CONTINUE : i % 2 == 0 ? StepType.STEP_OVER : StepType.STEP_IN;
-            api.resumeThread(target, command);
+            api.resumeThread(target, switching ? StepType.CONTINUE : i % 2 == 0 ? StepType.STEP_OVER : StepType.STEP_IN);
         }
         running = false;
         target.join();
         System.out.println("DONE");
         System.exit(0);
+    }
+
+    private static void spin() {
+        for (long sum = 0; running; ) {
+            sum += StormTarget.inner((int) sum);
+        }
     }
 }

@@ -9,14 +9,12 @@ import com.brantide.kelvane.plugin.jvmti.api.ClassCallback;
 import com.brantide.kelvane.plugin.jvmti.api.JvmtiApi;
 import com.brantide.kelvane.plugin.jvmti.api.LineNumberCallback;
 import com.brantide.kelvane.plugin.jvmti.api.VariableCallback;
+import com.brantide.kelvane.plugin.jvmti.testing.Workload;
 import java.util.ArrayList;
 import java.util.HashMap;
 import java.util.List;
 import java.util.Map;
-import java.util.Queue;
 import java.util.TreeMap;
-import java.util.concurrent.ConcurrentLinkedQueue;
-import java.util.concurrent.atomic.AtomicLongArray;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
 
@@ -25,14 +23,12 @@ import java.util.regex.Pattern;
  * through the compiled page's source map and line table. At every hit the page's locals are
  * checked against what the request sent; every STEP_EVERY-th hit is stepped over STEPS times and
  * each stop checked against the page line it should be at. How breakpoint events are switched is
- * the phase's Mode; the figures and notes (what went wrong) are those of one phase.
+ * the phase's Mode; each phase counts into a workload of its own, with hooks for every other event
+ * registered anew.
  */
 final class JspDebugger implements BreakpointHook {
     /** NONE: no breakpoint set; OFF: set, its events switched off. */
     enum Mode { NONE, PER_THREAD, VM_WIDE, OFF }
-
-    /** The figures of a phase, under the names the driver reads. */
-    private enum Figure { hits, wrongLocals, stopsWanted, stopsAsExpected, strays }
 
     private static final String PAGE_CLASS = "org.apache.jsp.loop_jsp";
     private static final String SERVICE =
@@ -44,17 +40,7 @@ final class JspDebugger implements BreakpointHook {
     private static final int STEP_EVERY = 8;
 
     /** What one request sent; the page lines of its stops once its hit steps. */
-    private static final class Request {
-        final String tag;
-        final int count;
-        final boolean switchedOn;
-        List<Integer> stops;
-
-        Request(String tag, int count, boolean switchedOn) {
-            this.tag = tag;
-            this.count = count;
-            this.switchedOn = switchedOn;
-        }
+    private record Request(String tag, int count, boolean switchedOn, List<Integer> stops) {
     }
 
     private final JvmtiApi api;
@@ -64,8 +50,7 @@ final class JspDebugger implements BreakpointHook {
     private final BreakpointLocation breakpoint;
     private final ThreadLocal<Request> current = new ThreadLocal<>();
     private volatile Mode mode = Mode.NONE;
-    private volatile AtomicLongArray figures = new AtomicLongArray(Figure.values().length);
-    private volatile Queue<String> notes = new ConcurrentLinkedQueue<>();
+    volatile Workload work;
 
     /** Finds the compiled page (a first request loaded it) and the breakpoint's place in it. */
     JspDebugger(JvmtiApi api) {
@@ -78,7 +63,7 @@ final class JspDebugger implements BreakpointHook {
         long hit = javaLineAt.entrySet().stream().filter(e -> Integer.valueOf(SoakControl.HIT_LINE).equals(pageLineOf.get(e.getValue())))
                 .mapToLong(Map.Entry::getKey).min().orElseThrow(() -> new IllegalStateException("no code for the hit line"));
         breakpoint = new BreakpointLocation(page, SERVICE, hit);
-        api.registerBreakpointHook(this);
+        switchTo(Mode.NONE);
     }
 
     /**
@@ -108,6 +93,8 @@ final class JspDebugger implements BreakpointHook {
 
     /** Starts a phase: sets or clears the breakpoint and switches its events VM-wide as the mode asks. */
     synchronized void switchTo(Mode next) {
+        work = new Workload(api);
+        work.registerHooks(this);
         if (mode == Mode.VM_WIDE) {
             switchEvents(null, false);
         }
@@ -120,23 +107,12 @@ final class JspDebugger implements BreakpointHook {
             switchEvents(null, true);
         }
         mode = next;
-        figures = new AtomicLongArray(Figure.values().length);
-        notes = new ConcurrentLinkedQueue<>();
-    }
-
-    /** The figures of the phase on the first line, then what went wrong in it (the first few). */
-    String figures() {
-        StringBuilder text = new StringBuilder();
-        for (Figure figure : Figure.values()) {
-            text.append(figure).append('=').append(figures.get(figure.ordinal())).append(' ');
-        }
-        return text.toString().trim() + "\n" + String.join("\n", notes);
     }
 
     // ---- around each request of the page (the web application's filter calls these)
 
     void begin(String tag, int count) {
-        current.set(new Request(tag, count, mode == Mode.PER_THREAD));
+        current.set(new Request(tag, count, mode == Mode.PER_THREAD, new ArrayList<>()));
         if (current.get().switchedOn) {
             switchEvents(Thread.currentThread(), true);
         }
@@ -151,7 +127,7 @@ final class JspDebugger implements BreakpointHook {
 
     private void switchEvents(Thread thread, boolean on) {
         if (!api.setEventNotificationMode(thread, JvmtiEvent.BREAKPOINT, on)) {
-            note("breakpoint events not switched " + (on ? "on" : "off") + " for " + thread);
+            work.fail("breakpoint events not switched " + (on ? "on" : "off") + " for " + thread);
         }
     }
 
@@ -162,13 +138,13 @@ final class JspDebugger implements BreakpointHook {
         Request request = current.get();
         try {
             if (request == null) {
-                count(Figure.strays);
-                note("a stop outside the requests of the page, on " + Thread.currentThread().getName());
+                work.fail("a stop outside the requests of the page, on " + Thread.currentThread().getName());
                 return StepType.CONTINUE;
             }
-            return request.stops == null ? hit(request, context) : stepStop(request, location);
+            boolean atBreakpoint = location.getMemberClass() == page && location.getLocation() == breakpoint.getLocation();
+            return atBreakpoint ? hit(request, context) : stepStop(request, location);
         } catch (RuntimeException e) {
-            note("hook: " + e);
+            work.fail("hook: " + e);
             return StepType.CONTINUE;
         }
     }
@@ -178,17 +154,16 @@ final class JspDebugger implements BreakpointHook {
         api.listVariables(context.getThread(), context.getFrameCount(), 1,
                 (VariableCallback) (name, value, signature) -> locals.put(name, value) == null);
         if (!request.tag.equals(locals.get("tag")) || !Integer.valueOf(request.count).equals(locals.get("count"))) {
-            count(Figure.wrongLocals);
-            note("locals " + locals + " at tag=" + request.tag + " n=" + request.count);
+            work.fail("locals " + locals + " at tag=" + request.tag + " n=" + request.count);
         }
-        if (count(Figure.hits) % STEP_EVERY != 0) {
+        if (work.count("hits") % STEP_EVERY != 0) {
             return StepType.CONTINUE;
         }
-        figures.addAndGet(Figure.stopsWanted.ordinal(), STEPS);
-        request.stops = new ArrayList<>();
+        work.count("stepped");
         return StepType.STEP_OVER;
     }
 
+    /** From the hit on, step-overs stop at the loop's head, then body and head again for each turn, then the line after. */
     private int stepStop(Request request, BreakpointLocation location) {
         Map.Entry<Long, Integer> line = javaLineAt.floorEntry(location.getLocation());
         boolean inPage = location.getMemberClass() == page && SERVICE.equals(location.getMemberSignature());
@@ -196,29 +171,16 @@ final class JspDebugger implements BreakpointHook {
         if (request.stops.size() < STEPS) {
             return StepType.STEP_OVER;
         }
-        // From the hit on: the loop's head, then body and head again for each turn, then the line after.
         List<Integer> expected = new ArrayList<>(List.of(SoakControl.LOOP_LINE));
         for (int i = 0; i < request.count; i++) {
             expected.addAll(List.of(SoakControl.BODY_LINE, SoakControl.LOOP_LINE));
         }
         expected.add(SoakControl.AFTER_LINE);
-        for (int i = 0; i < STEPS; i++) {
-            figures.addAndGet(Figure.stopsAsExpected.ordinal(), expected.get(i).equals(request.stops.get(i)) ? 1 : 0);
-        }
-        if (!expected.subList(0, STEPS).equals(request.stops)) {
-            note("step-overs stopped at page lines " + request.stops + ", expected " + expected.subList(0, STEPS));
+        if (expected.subList(0, STEPS).equals(request.stops)) {
+            work.count("steppedAsExpected");
+        } else {
+            work.fail("step-overs stopped at page lines " + request.stops + ", expected " + expected.subList(0, STEPS));
         }
         return StepType.CONTINUE;
-    }
-
-    private long count(Figure figure) {
-        return figures.incrementAndGet(figure.ordinal());
-    }
-
-    private void note(String failure) {
-        Queue<String> phase = notes;
-        if (phase.size() < 10) {
-            phase.add(failure);
-        }
     }
 }

@@ -1,8 +1,5 @@
 package com.brantide.kelvane.plugin.jvmti.soak.webapp;
 
-import com.brantide.kelvane.plugin.jvmti.GCPathEntry;
-import com.brantide.kelvane.plugin.jvmti.api.GCRootsCallback;
-import com.brantide.kelvane.plugin.jvmti.api.HistogramCallback;
 import com.brantide.kelvane.plugin.jvmti.api.JvmtiApi;
 import java.io.IOException;
 import java.util.ArrayList;
@@ -19,9 +16,10 @@ import javax.servlet.http.HttpServletResponse;
 /**
  * The web application's control servlet, which the soak's driver talks to: op=arm switches the
  * agent on through the managed layer of the web application's own WEB-INF/lib and finds the page
- * (requested once before); op=mode&amp;mode=... starts a phase; op=figures reports it; op=heap
- * takes a histogram and a GC-root tree, each of which must count the KEPT objects exactly.
- * Stopping the web application clears everything and switches the agent off.
+ * (requested once before); op=mode&amp;mode=... starts a phase; op=figures reports it, the figures
+ * on the first line and what went wrong after; op=heap takes a histogram and a GC-root tree, each
+ * of which must count the KEPT objects exactly, and a data dump. Stopping the web application
+ * clears everything and switches the agent off.
  */
 public final class SoakControl extends HttpServlet {
     /** The page under the debugger (the driver deploys it), and the page lines the debugger knows. */
@@ -42,7 +40,6 @@ public final class SoakControl extends HttpServlet {
     static final int BODY_LINE = 7;
     static final int AFTER_LINE = 9;
     private static final long serialVersionUID = 1L;
-    private static final long HEAP_WALK_LIMIT_MILLIS = 60_000;
     private static final List<Kept> KEPT = new ArrayList<>();
     private static volatile JspDebugger debugger;
 
@@ -72,11 +69,19 @@ public final class SoakControl extends HttpServlet {
     }
 
     private String answer(String op, String mode) {
-        if (op.equals("mode")) {
-            debugger.switchTo(JspDebugger.Mode.valueOf(mode));
-            return mode;
+        switch (op) {
+            case "arm":
+                return arm();
+            case "mode":
+                debugger.switchTo(JspDebugger.Mode.valueOf(mode));
+                return mode;
+            case "heap":
+                debugger.work.checkHeap(Kept.class, KEPT.size(), 60_000);
+                debugger.work.requestDump();
+                return "";
+            default:
+                return debugger.work.figures() + "\n" + String.join("\n", debugger.work.failures());
         }
-        return op.equals("arm") ? arm() : op.equals("figures") ? debugger.figures() : heap();
     }
 
     private synchronized String arm() {
@@ -91,23 +96,13 @@ public final class SoakControl extends HttpServlet {
         return "armed " + debugger.where();
     }
 
-    private String heap() {
-        long[] counted = {-1};
-        api.heapHistogram((HistogramCallback) (names, counts, sizes) -> counted[0] =
-                counts[List.of(names).indexOf(Kept.class.getName())], HEAP_WALK_LIMIT_MILLIS);
-        GCPathEntry[] root = {null};
-        api.gcRoots((GCRootsCallback) entry -> root[0] = entry, Kept.class.descriptorString(), HEAP_WALK_LIMIT_MILLIS, 3);
-        return "histogram=" + counted[0] + " gcRoots=" + (root[0] == null ? -1 : root[0].getCount()) + " kept="
-                + KEPT.size();
-    }
-
     @Override
     public void destroy() {
         JspDebugger armed = debugger;
         debugger = null;
         if (armed != null) {
             armed.switchTo(JspDebugger.Mode.NONE);
-            api.registerBreakpointHook(null);
+            armed.work.clearHooks();
             api.setActive(false);
         }
     }

@@ -1,0 +1,275 @@
+package com.brantide.kelvane.plugin.jvmti.testing;
+
+import com.brantide.kelvane.plugin.jvmti.BreakpointLocation;
+import com.brantide.kelvane.plugin.jvmti.GCPathEntry;
+import com.brantide.kelvane.plugin.jvmti.StepType;
+import com.brantide.kelvane.plugin.jvmti.ThreadContext;
+import com.brantide.kelvane.plugin.jvmti.api.BreakpointHook;
+import com.brantide.kelvane.plugin.jvmti.api.ClassPrepareHook;
+import com.brantide.kelvane.plugin.jvmti.api.ExceptionHook;
+import com.brantide.kelvane.plugin.jvmti.api.FieldHook;
+import com.brantide.kelvane.plugin.jvmti.api.FileLoadHook;
+import com.brantide.kelvane.plugin.jvmti.api.FrameCallback;
+import com.brantide.kelvane.plugin.jvmti.api.GCRootsCallback;
+import com.brantide.kelvane.plugin.jvmti.api.HistogramCallback;
+import com.brantide.kelvane.plugin.jvmti.api.JvmtiApi;
+import com.brantide.kelvane.plugin.jvmti.api.MonitorCallback;
+import com.brantide.kelvane.plugin.jvmti.api.SteppingAbortedHook;
+import com.brantide.kelvane.plugin.jvmti.api.SuspendCallback;
+import com.brantide.kelvane.plugin.jvmti.api.ThreadHook;
+import com.brantide.kelvane.plugin.jvmti.api.VariableCallback;
+import java.lang.management.ManagementFactory;
+import java.lang.reflect.Field;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.Map;
+import java.util.Set;
+import java.util.TreeMap;
+import java.util.concurrent.ConcurrentHashMap;
+import java.util.concurrent.ConcurrentSkipListMap;
+import java.util.concurrent.TimeoutException;
+import java.util.concurrent.atomic.AtomicLong;
+import java.util.function.ToIntFunction;
+import java.util.regex.Matcher;
+import java.util.regex.Pattern;
+import javax.management.JMException;
+import javax.management.ObjectName;
+
+/**
+ * What the reliability programs (the storm, the agent-memory rounds, shutdown under load, the soak's
+ * web application) do with the agent, written once: hooks that count every event, a thread
+ * suspended and looked at, heap walks that must count exactly what the program keeps alive, data
+ * dumps. Figures print as "name=value ..."; what went wrong is kept as failures. The soak copies
+ * this class into its web application, so it uses nothing but the managed layer and the JDK.
+ */
+public final class Workload {
+    private static final Pattern FIGURE = Pattern.compile("(\\w+)=(-?\\d+)");
+
+    public final JvmtiApi api;
+    public final Set<Thread> started = ConcurrentHashMap.newKeySet();
+    public final Set<Thread> ended = ConcurrentHashMap.newKeySet();
+    private final Map<String, AtomicLong> figures = new ConcurrentSkipListMap<>();
+    private final List<String> failures = new ArrayList<>();
+
+    public Workload(JvmtiApi api) {
+        this.api = api;
+    }
+
+    /**
+     * A workload on the library, switched on, for a child JVM's program. The classes that the heap
+     * walks create inside their natives are made ready first: on JDK 17, checked JNI misreads the
+     * local references of a native that holds many while a class-prepare event runs on its thread.
+     */
+    public static Workload activated() {
+        Workload work = new Workload(new JvmtiApi());
+        work.api.registerClasses();
+        if (!work.api.setActive(true)) {
+            throw new IllegalStateException("agent not active");
+        }
+        new GCPathEntry(0, 0, null, null, 0, 0).hashCode();
+        new TimeoutException().hashCode();
+        return work;
+    }
+
+    /** A child JVM's program. */
+    public interface Program {
+        void run() throws Exception;
+    }
+
+    /** Runs the program; a failure ends the VM, whose other threads may never end by themselves. */
+    public static void runOrHalt(Program program) {
+        try {
+            program.run();
+        } catch (Throwable t) {
+            t.printStackTrace();
+            Runtime.getRuntime().halt(1);
+        }
+    }
+
+    public long count(String figure) {
+        return add(figure, 1);
+    }
+
+    public long add(String figure, long amount) {
+        return figures.computeIfAbsent(figure, name -> new AtomicLong()).addAndGet(amount);
+    }
+
+    public long figure(String name) {
+        return figures.getOrDefault(name, new AtomicLong()).get();
+    }
+
+    public String figures() {
+        return figures.toString();
+    }
+
+    /** Prints the figures, with more of the program's own, then "OK" or "FAILED" and the failures. */
+    public void report(String more) {
+        System.out.println(figures() + " " + more);
+        List<String> all = failures();
+        System.out.println(all.isEmpty() ? "OK" : "FAILED " + all);
+    }
+
+    /** The figures of a line that {@link #figures()} printed. */
+    public static Map<String, Long> figures(String line) {
+        Map<String, Long> parsed = new TreeMap<>();
+        for (Matcher figure = FIGURE.matcher(line); figure.find(); ) {
+            parsed.put(figure.group(1), Long.parseLong(figure.group(2)));
+        }
+        return parsed;
+    }
+
+    /** Keeps the first twenty failures: past those, more say nothing new. */
+    public void fail(String failure) {
+        synchronized (failures) {
+            if (failures.size() < 20) {
+                failures.add(failure);
+            }
+        }
+    }
+
+    public List<String> failures() {
+        synchronized (failures) {
+            return new ArrayList<>(failures);
+        }
+    }
+
+    /**
+     * Registers counting hooks for every kind of event, a new object each time, so that each call
+     * really replaces the agent's references; breakpoints and steps go to the given hook.
+     */
+    public void registerHooks(BreakpointHook breakpoints) {
+        Hooks hooks = new Hooks(breakpoints);
+        api.registerBreakpointHook(hooks);
+        api.registerThreadHook(hooks);
+        api.registerExceptionHook(hooks);
+        api.registerFieldHook(hooks);
+        api.registerSteppingAbortedHook((SteppingAbortedHook) thread -> count("stepAborts"));
+        // Class events run while a class is being prepared or loaded: counting there could load a
+        // class and come back in.
+        api.registerClassPrepareHook((ClassPrepareHook) (thread, clazz) -> { });
+        api.registerFileLoadHook((FileLoadHook) clazz -> { });
+        add("registrations", 7);
+    }
+
+    public void clearHooks() {
+        api.registerBreakpointHook(null);
+        api.registerSteppingAbortedHook(null);
+        api.registerThreadHook(null);
+        api.registerExceptionHook(null);
+        api.registerFieldHook(null);
+        api.registerClassPrepareHook(null);
+        api.registerFileLoadHook(null);
+    }
+
+    /** The stack, the locals of every frame and the owned monitors of a thread stopped `height` frames deep. */
+    public void lookAt(Thread thread, int height) {
+        api.listStack(thread, height, (FrameCallback) location -> count("listed"));
+        api.listVariables(thread, height, height, (VariableCallback) (name, value, signature) -> count("listed") > 0);
+        api.listOwnedMonitors(thread, height, (MonitorCallback) (monitor, depth) -> count("listed"));
+    }
+
+    /**
+     * Suspends the thread, looks at it, and resumes it with the command chosen for where the
+     * suspension found it (CONTINUE when it had no frame to report); returns that command.
+     */
+    public int suspendAndLook(Thread target, ToIntFunction<BreakpointLocation> command) {
+        BreakpointLocation[] at = {null};
+        api.suspendThread(target, (SuspendCallback) (location, context) -> {
+            at[0] = location;
+            if (context.getThread() != target) {
+                fail("suspend callback for " + context.getThread() + ", not " + target);
+            }
+        });
+        count("suspends");
+        lookAt(target, api.getStackDepth(target));
+        api.listContendedMonitor(target, (MonitorCallback) (monitor, depth) -> count("listed"));
+        int answer = at[0] == null ? StepType.CONTINUE : command.applyAsInt(at[0]);
+        api.resumeThread(target, answer);
+        return answer;
+    }
+
+    /** A histogram and a GC-root search, each of which must count exactly `expected` instances of the class. */
+    public void checkHeap(Class<?> kept, long expected, long timeLimitMillis) {
+        long[] counted = {-1};
+        api.heapHistogram((HistogramCallback) (names, counts, sizes) -> {
+            int at = List.of(names).indexOf(kept.getName());
+            counted[0] = at < 0 ? 0 : counts[at];
+        }, timeLimitMillis);
+        GCPathEntry[] root = {null};
+        api.gcRoots((GCRootsCallback) entry -> root[0] = entry, kept.descriptorString(), timeLimitMillis, 3);
+        add("heapWalks", 2);
+        long found = root[0] == null ? 0 : root[0].getCount();
+        if (counted[0] != expected || found != expected) {
+            fail("heap walks counted " + counted[0] + " and " + found + " of " + kept.getSimpleName() + ", not " + expected);
+        }
+    }
+
+    /** A data dump, asked for as jcmd JVMTI.data_dump asks for it. */
+    public void requestDump() {
+        try {
+            ManagementFactory.getPlatformMBeanServer().invoke(new ObjectName("com.sun.management:type=DiagnosticCommand"),
+                    "jvmtiDataDump", new Object[0], new String[0]);
+            count("dumps");
+        } catch (JMException e) {
+            fail("data dump: " + e);
+        }
+    }
+
+    private int counted(String figure) {
+        count(figure);
+        return StepType.CONTINUE;
+    }
+
+    /** One object for the hooks that count: the agent finds each hook's methods by name. */
+    private final class Hooks implements BreakpointHook, ThreadHook, ExceptionHook, FieldHook {
+        private final BreakpointHook breakpoints;
+
+        Hooks(BreakpointHook breakpoints) {
+            this.breakpoints = breakpoints;
+        }
+
+        @Override
+        public int breakpointHit(BreakpointLocation location, ThreadContext context) {
+            return breakpoints.breakpointHit(location, context);
+        }
+
+        @Override
+        public void threadStart(Thread thread) {
+            started.add(thread);
+        }
+
+        @Override
+        public void threadEnd(Thread thread) {
+            ended.add(thread);
+        }
+
+        @Override
+        public int exceptionThrown(BreakpointLocation location, ThreadContext context, Throwable exception,
+                BreakpointLocation catchLocation) {
+            return counted("exceptionEvents");
+        }
+
+        @Override
+        public int exceptionCatch(BreakpointLocation location, ThreadContext context, Throwable exception) {
+            return counted("exceptionEvents");
+        }
+
+        @Override
+        public int fieldAccess(BreakpointLocation location, ThreadContext context, Class<?> fieldClass, Object object,
+                Field field) {
+            return counted("fieldEvents");
+        }
+
+        /** Every other field event, when a write, asks to hear when the write is done. */
+        @Override
+        public int fieldModified(BreakpointLocation location, ThreadContext context, Class<?> fieldClass, Object object,
+                Field field, Object newValue) {
+            return count("fieldEvents") % 2 == 0 ? StepType.FIELD_MODIFICATION_COMPLETE : StepType.CONTINUE;
+        }
+
+        @Override
+        public int fieldModifiedComplete(BreakpointLocation location, ThreadContext context) {
+            return counted("fieldEvents");
+        }
+    }
+}
