@@ -6,7 +6,6 @@
 #include "field_watches.h"
 #include "frames.h"
 #include "global.h"
-#include "hooks.h"
 #include "lock.h"
 #include "resources.h"
 #include "smap.h"
@@ -22,19 +21,6 @@
 
 #define KV_PROBE(returns, name) \
     extern "C" JNIEXPORT returns JNICALL Java_com_brantide_kelvane_plugin_jvmti_api_AgentProbe_##name
-
-// Copies the breakpoint hook as an event callback does and calls hashCode() through the copy:
-// with the hook replaced concurrently, a reference deleted too early would show under JNI checking.
-KV_PROBE(jint, callBreakpointHookHashCode)(JNIEnv* env, jclass) {
-    ReferenceCountedJObject hook(g_breakpointHook);
-    if (!hook.isSet()) return 0;
-    LocalRef<jclass> clazz(env, env->GetObjectClass(hook.get()));
-    jmethodID hashCode = env->GetMethodID(clazz.get(), "hashCode", "()I");
-    if (hashCode == nullptr) return 0;
-    return env->CallIntMethod(hook.get(), hashCode);
-}
-
-KV_PROBE(jint, breakpointHookCopies)(JNIEnv*, jclass) { return g_breakpointHook.count(); }
 
 // Per-thread records and masks, read and switched as the agent's own paths do; -1 without a record.
 namespace {

@@ -5,10 +5,6 @@ public final class AgentProbe {
     private AgentProbe() {
     }
 
-    static native int callBreakpointHookHashCode();
-
-    static native int breakpointHookCopies();
-
     static native boolean hasThreadData(Thread thread);
 
     /** The thread's user mask, or -1 without a record. */
