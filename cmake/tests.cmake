@@ -73,12 +73,11 @@ function(kv_add_junit_test name class agent)
                    -Dkv.test.java=${KV_JAVA}
                    -Dkv.test.agent=${CMAKE_BINARY_DIR}/libkvjvmti.so
                    -Dkv.test.probe-agent=${CMAKE_BINARY_DIR}/test/libkvjvmti_probe.so
-                   -Dkv.test.classpath=${KV_API_JAR}:${KV_TEST_JAR}:${KV_ASM_JAR}
+                   -Dkv.test.classpath=${KV_API_JAR}:${KV_TEST_JAR}:${KV_ASM_JAR}:${KV_DEMO_JAR}
                    -Dkv.test.jsp-classpath=${KV_JSP_CLASSPATH}
                    -Dkv.test.jsp-dir=${CMAKE_SOURCE_DIR}/src/test/resources/jsp
                    -Dkv.test.workdir=${CMAKE_BINARY_DIR}/test/work
                    -Dkv.test.sources=${CMAKE_SOURCE_DIR}/src/test/java
-                   -Dkv.test.demo-classpath=${KV_API_JAR}:${KV_DEMO_JAR}
                    ${ARGN})
   set_tests_properties(${name} PROPERTIES LABELS junit TIMEOUT 600)
 endfunction()

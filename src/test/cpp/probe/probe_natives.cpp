@@ -2,12 +2,10 @@
 // inside a real JVM. The shipped library does not contain them.
 #include "breakpoint_location.h"
 #include "breakpoints.h"
-#include "event_mask.h"
 #include "events.h"
 #include "field_watches.h"
 #include "frames.h"
 #include "global.h"
-#include "hooks.h"
 #include "lock.h"
 #include "resources.h"
 #include "smap.h"
@@ -15,41 +13,28 @@
 
 #include <jni.h>
 
-#include <pthread.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <future>
+#include <thread>
 
 #define KV_PROBE(returns, name) \
     extern "C" JNIEXPORT returns JNICALL Java_com_brantide_kelvane_plugin_jvmti_api_AgentProbe_##name
 
-// Copies the breakpoint hook as an event callback does and calls hashCode() through the copy:
-// with the hook replaced concurrently, a reference deleted too early would show under JNI checking.
-KV_PROBE(jint, callBreakpointHookHashCode)(JNIEnv* env, jclass) {
-    ReferenceCountedJObject hook(g_breakpointHook);
-    if (!hook.isSet()) return 0;
-    LocalRef<jclass> clazz(env, env->GetObjectClass(hook.get()));
-    jmethodID hashCode = env->GetMethodID(clazz.get(), "hashCode", "()I");
-    if (hashCode == nullptr) return 0;
-    return env->CallIntMethod(hook.get(), hashCode);
+// Per-thread records and masks, read and switched as the agent's own paths do; -1 without a record.
+namespace {
+jlong read_mask(jthread thread, std::atomic<jlong> ThreadData::*mask) {
+    ThreadDataAccess access(thread);
+    return access.get() != nullptr ? (access.get()->*mask).load() : -1;
 }
+}  // namespace
 
-KV_PROBE(jint, breakpointHookCopies)(JNIEnv*, jclass) { return g_breakpointHook.count(); }
-
-// Per-thread records and masks, read and switched as the agent's own paths do.
 KV_PROBE(jboolean, hasThreadData)(JNIEnv*, jclass, jthread thread) {
-    ThreadDataAccess access(thread);
-    return access.get() != nullptr ? JNI_TRUE : JNI_FALSE;
+    return read_mask(thread, &ThreadData::user_events) != -1 ? JNI_TRUE : JNI_FALSE;
 }
-
-KV_PROBE(jlong, userEvents)(JNIEnv*, jclass, jthread thread) {
-    ThreadDataAccess access(thread);
-    return access.get() != nullptr ? access.get()->user_events.load() : -1;
-}
-
-KV_PROBE(jlong, activeEvents)(JNIEnv*, jclass, jthread thread) {
-    ThreadDataAccess access(thread);
-    return access.get() != nullptr ? access.get()->active_events.load() : -1;
-}
+KV_PROBE(jlong, userEvents)(JNIEnv*, jclass, jthread thread) { return read_mask(thread, &ThreadData::user_events); }
+KV_PROBE(jlong, activeEvents)(JNIEnv*, jclass, jthread thread) { return read_mask(thread, &ThreadData::active_events); }
 
 KV_PROBE(jboolean, setEvent)(JNIEnv*, jclass, jboolean enable, jint event, jthread thread, jboolean user) {
     return set_event(enable ? JVMTI_ENABLE : JVMTI_DISABLE, event, thread, user) ? JNI_TRUE : JNI_FALSE;
@@ -59,10 +44,6 @@ KV_PROBE(jlong, clearActiveEvents)(JNIEnv*, jclass, jthread thread) { return cle
 
 KV_PROBE(void, restoreUserEvents)(JNIEnv*, jclass, jthread thread, jlong saved) {
     restore_user_events(thread, saved);
-}
-
-KV_PROBE(jstring, eventMaskToString)(JNIEnv* env, jclass, jlong mask) {
-    return env->NewStringUTF(event_mask_to_string(mask).c_str());
 }
 
 KV_PROBE(jint, smapLine)(JNIEnv* env, jclass, jstring smap, jint line) {
@@ -82,10 +63,6 @@ KV_PROBE(jobject, roundTrip)(JNIEnv* env, jclass, jobject location) {
     return native ? native->to_java(env) : nullptr;
 }
 
-KV_PROBE(jint, methodType)(JNIEnv* env, jclass, jobject executable) {
-    return get_type(env, env->FromReflectedMethod(executable));
-}
-
 KV_PROBE(jint, frameCount)(JNIEnv*, jclass) {
     jint count = -1;
     g_jvmti->GetFrameCount(nullptr, &count);
@@ -99,50 +76,35 @@ KV_PROBE(jint, cfParent)(JNIEnv* env, jclass, jint height) { return get_cf_paren
 // ---- threads as the agent meets them outside managed code
 
 namespace {
-// A thread attached from native code that never runs Java: it has no Java frame at all, as a
-// thread that is just starting or ending has none.
-struct FramelessThread {
-    pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
-    pthread_cond_t changed = PTHREAD_COND_INITIALIZER;
-    jobject thread = nullptr;  // global reference, set once attached
-    bool attached = false;
-    bool stop = false;
-};
-
-FramelessThread s_frameless;
-
-void* run_frameless(void*) {
+// Attaches from native code, hands its thread over and then waits in native code until the process
+// ends. It never runs Java, so it has no Java frame at all, as a thread just starting or ending has none.
+void run_frameless(std::promise<jobject> attached) {
     JNIEnv* env = nullptr;
     char name[] = "frameless";
     JavaVMAttachArgs args{JNI_VERSION_1_6, name, nullptr};
-    if (g_vm->AttachCurrentThreadAsDaemon(reinterpret_cast<void**>(&env), &args) != JNI_OK) env = nullptr;
     jthread self = nullptr;
-    if (env != nullptr && g_jvmti->GetCurrentThread(&self) == JVMTI_ERROR_NONE) {
-        s_frameless.thread = env->NewGlobalRef(self);
+    jobject global = nullptr;
+    if (g_vm->AttachCurrentThreadAsDaemon(reinterpret_cast<void**>(&env), &args) == JNI_OK &&
+        g_jvmti->GetCurrentThread(&self) == JVMTI_ERROR_NONE) {
+        global = env->NewGlobalRef(self);
         env->DeleteLocalRef(self);
     }
-    pthread_mutex_lock(&s_frameless.lock);
-    s_frameless.attached = true;
-    pthread_cond_broadcast(&s_frameless.changed);
-    while (!s_frameless.stop) pthread_cond_wait(&s_frameless.changed, &s_frameless.lock);
-    pthread_mutex_unlock(&s_frameless.lock);
-    if (env != nullptr) g_vm->DetachCurrentThread();
-    return nullptr;
+    attached.set_value(global);
+    for (;;) pause();
+}
+
+jobject start_frameless() {
+    std::promise<jobject> attached;
+    std::future<jobject> thread = attached.get_future();
+    std::thread(run_frameless, std::move(attached)).detach();
+    return thread.get();
 }
 }  // namespace
 
-// Starts the frameless thread once and returns it; it waits in native code until the process ends.
+// Starts the frameless thread once and returns it.
 KV_PROBE(jthread, framelessThread)(JNIEnv* env, jclass) {
-    pthread_mutex_lock(&s_frameless.lock);
-    static bool started = false;
-    pthread_t id;
-    if (!started && pthread_create(&id, nullptr, run_frameless, nullptr) == 0) {
-        started = true;
-        pthread_detach(id);
-    }
-    while (started && !s_frameless.attached) pthread_cond_wait(&s_frameless.changed, &s_frameless.lock);
-    pthread_mutex_unlock(&s_frameless.lock);
-    return s_frameless.thread != nullptr ? static_cast<jthread>(env->NewLocalRef(s_frameless.thread)) : nullptr;
+    static const jobject frameless = start_frameless();
+    return frameless != nullptr ? static_cast<jthread>(env->NewLocalRef(frameless)) : nullptr;
 }
 
 // Suspends a thread as another tool would, behind the agent's back; the JVMTI error code.
@@ -150,9 +112,8 @@ KV_PROBE(jint, suspendDirectly)(JNIEnv*, jclass, jthread thread) { return g_jvmt
 
 KV_PROBE(jboolean, isSuspended)(JNIEnv*, jclass, jthread thread) {
     jint state = 0;
-    return g_jvmti->GetThreadState(thread, &state) == JVMTI_ERROR_NONE && (state & JVMTI_THREAD_STATE_SUSPENDED) != 0
-               ? JNI_TRUE
-               : JNI_FALSE;
+    bool read = g_jvmti->GetThreadState(thread, &state) == JVMTI_ERROR_NONE;
+    return read && (state & JVMTI_THREAD_STATE_SUSPENDED) != 0 ? JNI_TRUE : JNI_FALSE;
 }
 
 // ---- heap walks: the tags left behind, and tag clearing that fails on request

@@ -5,10 +5,6 @@ public final class AgentProbe {
     private AgentProbe() {
     }
 
-    static native int callBreakpointHookHashCode();
-
-    static native int breakpointHookCopies();
-
     static native boolean hasThreadData(Thread thread);
 
     /** The thread's user mask, or -1 without a record. */
@@ -24,8 +20,6 @@ public final class AgentProbe {
 
     static native void restoreUserEvents(Thread thread, long saved);
 
-    static native String eventMaskToString(long mask);
-
     /** The template line the agent's SMAP reader gives for a Java line. */
     static native int smapLine(String smap, int line);
 
@@ -37,9 +31,6 @@ public final class AgentProbe {
 
     /** The location taken apart into the VM's form and built again; null when it names no method. */
     static native Object roundTrip(Object location);
-
-    /** The frame language of a method or constructor: 0 unknown, 1 Java, 2 CFML. */
-    static native int methodType(java.lang.reflect.Executable executable);
 
     /** Frames on the calling thread's stack, this native's own frame included. */
     static native int frameCount();

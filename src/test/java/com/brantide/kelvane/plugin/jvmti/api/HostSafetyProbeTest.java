@@ -2,7 +2,6 @@ package com.brantide.kelvane.plugin.jvmti.api;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
-import static org.junit.jupiter.api.Assertions.assertNotEquals;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
@@ -20,10 +19,9 @@ import java.net.URL;
 import java.net.URLClassLoader;
 import java.util.ArrayList;
 import java.util.List;
-import java.util.Set;
+import java.util.concurrent.CopyOnWriteArrayList;
 import java.util.concurrent.CountDownLatch;
-import java.util.concurrent.TimeUnit;
-import java.util.stream.Collectors;
+import java.util.stream.IntStream;
 import java.util.stream.Stream;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.Test;
@@ -35,12 +33,10 @@ import org.junit.jupiter.api.extension.RegisterExtension;
  * or lose a breakpoint hit to its own bookkeeping.
  */
 class HostSafetyProbeTest {
-    private static final long BREAKPOINT = 1L << (JvmtiEvent.BREAKPOINT - 50);
-
     @RegisterExtension
     final ActiveApi agent = new ActiveApi();
     private final JvmtiApi api = agent.api;
-    private final List<Thread> started = new ArrayList<>();
+    private final List<Thread> started = new CopyOnWriteArrayList<>();  // callbacks start threads too
     private volatile boolean running = true;
 
     @AfterEach
@@ -52,9 +48,8 @@ class HostSafetyProbeTest {
     @Test
     void aThreadWithoutJavaFramesIsNeverLeftSuspended() {
         Thread frameless = AgentProbe.framelessThread();
-        JVMTIException noFrames = assertThrows(JVMTIException.class,
-                () -> api.suspendThread(frameless, (SuspendCallback) (location, context) -> { }));
-        assertEquals("JVMTI_ERROR_NO_MORE_FRAMES", noFrames.getMessage());
+        assertEquals("JVMTI_ERROR_NO_MORE_FRAMES", assertThrows(JVMTIException.class,
+                () -> api.suspendThread(frameless, (SuspendCallback) (location, context) -> { })).getMessage());
         assertFalse(AgentProbe.isSuspended(frameless), "an error says: not suspended");
         // Suspended behind the agent's back, it is resumed by every command; a step has nowhere to
         // begin and says so once the thread runs again.
@@ -77,38 +72,27 @@ class HostSafetyProbeTest {
         Thread target = start("holder", () -> {
             synchronized (monitor) {
                 holding.countDown();
-                while (running) {
-                    Thread.onSpinWait();
-                }
+                spin();
             }
         });
         holding.await();
-        // A callback that waits for another thread suspending and resuming a third one.
         Thread other = start("other", this::spin);
-        Thread nested = start("nested", () -> {
-            api.suspendThread(target, (SuspendCallback) (location, context) -> finish(start("inner", () -> {
+        // The callback needs the monitor that the suspended target holds. Only another thread lets it
+        // go on, by suspending and resuming a third one and then the target: no lock of the agent,
+        // for suspensions or for the target, may hold that thread up.
+        Thread debugger = start("debugger", () -> api.suspendThread(target, (SuspendCallback) (location, context) -> {
+            start("resumer", () -> {
                 api.suspendThread(other, (SuspendCallback) (where, suspended) -> { });
                 api.resumeThread(other, StepType.CONTINUE);
-            })));
-            api.resumeThread(target, StepType.CONTINUE);
-        });
-        finish(nested);
-        assertFalse(nested.isAlive(), "the callback waited for a suspension on another thread");
-        // The callback needs the monitor that the suspended target holds: only another thread's
-        // resumeThread lets it go on, which no lock of the agent may hold up.
-        Thread resumer = new Thread(() -> {
-            api.resumeThread(target, StepType.CONTINUE);
-            running = false;
-        }, "resumer");
-        resumer.setDaemon(true);
-        Thread debugger = start("debugger", () -> api.suspendThread(target, (SuspendCallback) (location, context) -> {
-            resumer.start();
+                api.resumeThread(target, StepType.CONTINUE);
+                running = false;
+            });
             synchronized (monitor) {
                 assertEquals(target, context.getThread());
             }
         }));
         finish(debugger);
-        assertFalse(debugger.isAlive(), "the callback waited for a resume that never came");
+        assertFalse(debugger.isAlive(), "the callback waited for a thread that the agent held up");
     }
 
     @Test
@@ -161,7 +145,7 @@ class HostSafetyProbeTest {
         api.resumeThread(liar, StepType.CONTINUE);
         assertEquals(liar, seen.get(0).getThread());
         assertTrue(api.setEventNotificationMode(liar, JvmtiEvent.BREAKPOINT, true));
-        assertEquals(BREAKPOINT, AgentProbe.userEvents(liar));
+        assertEquals(1L << (JvmtiEvent.BREAKPOINT - 50), AgentProbe.userEvents(liar));
         assertEquals(callerEvents, AgentProbe.userEvents(caller), "the switch went to the liar's own record");
 
         // A hook without breakpointHit is looked for once, not at every hit (each failed lookup
@@ -171,14 +155,10 @@ class HostSafetyProbeTest {
         assertTrue(api.setEventNotificationMode(caller, JvmtiEvent.BREAKPOINT, true));
         com.sun.management.ThreadMXBean threads = (com.sun.management.ThreadMXBean) ManagementFactory.getThreadMXBean();
         long before = threads.getCurrentThreadAllocatedBytes();
-        int sum = 0;
-        for (int i = 0; i < 10_000; i++) {
-            sum += tick(i);
-        }
+        int sum = IntStream.range(0, 10_000).map(HostSafetyProbeTest::tick).sum();
         long allocated = threads.getCurrentThreadAllocatedBytes() - before;
         api.setEventNotificationMode(caller, JvmtiEvent.BREAKPOINT, false);
-        assertNotEquals(0, sum);
-        assertTrue(allocated < 10_000 * 16L, allocated + " bytes allocated by 10,000 hits");
+        assertTrue(sum > 0 && allocated < 10_000 * 16L, allocated + " bytes allocated by 10,000 hits");
     }
 
     @Test
@@ -191,7 +171,7 @@ class HostSafetyProbeTest {
         long alive = loaders.size();
         for (int attempt = 0; attempt < 50 && alive > 0; attempt++) {
             System.gc();
-            TimeUnit.MILLISECONDS.sleep(20);
+            Thread.sleep(20);
             alive = loaders.stream().filter(loader -> loader.get() != null).count();
         }
         assertEquals(0, alive, "class loaders still held after their hooks and classes were replaced");
@@ -203,8 +183,12 @@ class HostSafetyProbeTest {
      * cleared and the classes registered again from the application: the plug-in is gone.
      */
     private ClassLoader registerFromAPlugIn() throws Exception {
-        PlugInLoader loader = new PlugInLoader();
-        for (String name : PlugInLoader.REGISTERED) {
+        // Over the platform's classes only, it defines its own copies of the managed layer and of the hook.
+        URL[] jars = Stream.of(ThreadContext.class, LooseHook.class)
+                .map(c -> c.getProtectionDomain().getCodeSource().getLocation()).toArray(URL[]::new);
+        ClassLoader loader = new URLClassLoader(jars, ClassLoader.getPlatformClassLoader());
+        for (String name : List.of("ThreadContext", "BreakpointLocation", "GCPathEntry", "JVMTIException",
+                "JVMTICapabilityException")) {
             api.registerOsgiClass(name, loader.loadClass("com.brantide.kelvane.plugin.jvmti." + name));
         }
         Object hook = loader.loadClass(LooseHook.class.getName()).getConstructor().newInstance();
@@ -251,35 +235,6 @@ class HostSafetyProbeTest {
         public int breakpointHit(BreakpointLocation location, ThreadContext context) {
             hits += location.getMember() != null && context.getThread() != null ? 1 : 0;
             return StepType.CONTINUE;
-        }
-    }
-
-    /** Defines the agent's managed classes and the hook itself, as a plug-in's own class loader does. */
-    private static final class PlugInLoader extends URLClassLoader {
-        static final List<String> REGISTERED = List.of("ThreadContext", "BreakpointLocation", "GCPathEntry",
-                "JVMTIException", "JVMTICapabilityException");
-        private static final Set<String> OWN = Stream.concat(Stream.of(LooseHook.class.getName()),
-                REGISTERED.stream().map(name -> "com.brantide.kelvane.plugin.jvmti." + name)).collect(Collectors.toSet());
-
-        PlugInLoader() {
-            super(classPath(), HostSafetyProbeTest.class.getClassLoader());
-        }
-
-        @Override
-        protected Class<?> loadClass(String name, boolean resolve) throws ClassNotFoundException {
-            if (!OWN.contains(name)) {
-                return super.loadClass(name, resolve);
-            }
-            synchronized (getClassLoadingLock(name)) {
-                Class<?> loaded = findLoadedClass(name);
-                return loaded != null ? loaded : findClass(name);
-            }
-        }
-
-        /** The jars of the managed layer and of the tests, where the plug-in's copies come from. */
-        private static URL[] classPath() {
-            return new URL[] {ThreadContext.class.getProtectionDomain().getCodeSource().getLocation(),
-                LooseHook.class.getProtectionDomain().getCodeSource().getLocation()};
         }
     }
 

@@ -11,7 +11,7 @@ import java.util.ArrayList;
 import java.util.List;
 import java.util.Objects;
 import java.util.concurrent.TimeUnit;
-import java.util.function.Predicate;
+import java.util.regex.Matcher;
 import java.util.regex.Pattern;
 
 /**
@@ -20,13 +20,15 @@ import java.util.regex.Pattern;
  * checked once it ended. The test JVM passes the paths in kv.test.* properties.
  */
 public final class ChildJvm {
+    /** One levelled line of the agent's log: level, time, source place, function, message. */
+    public static final Pattern LOG_LINE = Pattern.compile(
+            "^(ERROR|WARN |DEBUG|FINE ) Kelvane JVMTI: \\d+\\.\\d{6} src/main/cpp/[a-z_]+\\.cpp:\\d+:([A-Za-z_~][A-Za-z0-9_]*)\\(\\) (.*)$");
     private static final Pattern JNI_WARNING =
             Pattern.compile("WARNING in native method|FATAL ERROR in native method|JNI local refs: \\d+, exceeds capacity");
 
     private final List<String> options = new ArrayList<>();
     private final List<String> program = new ArrayList<>();
-    private String agent = "-agentpath:" + required("kv.test.agent");
-    private String classpath = required("kv.test.classpath");
+    private List<String> agent = List.of("-agentpath:" + required("kv.test.agent"));
 
     public static ChildJvm main(Class<?> mainClass, String... args) {
         return main(mainClass.getName(), args);
@@ -48,31 +50,24 @@ public final class ChildJvm {
         return this;
     }
 
-    public ChildJvm classpath(String path) {
-        classpath = path;
-        return this;
-    }
-
     /** Starts the JVM without the agent: the program may still load the library as a plain one. */
     public ChildJvm withoutAgent() {
-        agent = null;
+        agent = List.of();
         return property("kv.test.library", required("kv.test.agent"));
     }
 
     /** Loads the probe variant of the agent, whose extra natives the tests use. */
     public ChildJvm withProbeAgent() {
-        agent = "-agentpath:" + required("kv.test.probe-agent");
+        agent = List.of("-agentpath:" + required("kv.test.probe-agent"));
         return this;
     }
 
     /** Starts the JVM and hands it back while it runs, for tests that talk to it (jcmd). */
     public Running start() throws IOException {
         List<String> command = new ArrayList<>(List.of(required("kv.test.java"), "-Xcheck:jni"));
-        if (agent != null) {
-            command.add(agent);
-        }
+        command.addAll(agent);
         command.addAll(options);
-        command.addAll(List.of("-cp", classpath));
+        command.addAll(List.of("-cp", required("kv.test.classpath")));
         command.addAll(program);
         Path stdout = Files.createTempFile(workDirectory(), "child-", ".out");
         Path stderr = Files.createTempFile(workDirectory(), "child-", ".err");
@@ -95,18 +90,20 @@ public final class ChildJvm {
         return Objects.requireNonNull(System.getProperty(property), property + " is not set; run the tests through ctest");
     }
 
-    /** A child JVM that is still running; what it wrote so far is read from its files. */
-    public static final class Running implements AutoCloseable {
-        private final Process process;
-        private final Path stdout;
-        private final Path stderr;
-
-        Running(Process process, Path stdout, Path stderr) {
-            this.process = process;
-            this.stdout = stdout;
-            this.stderr = stderr;
+    /** Runs jcmd against the VM of the process, a child's own too; the VM has carried the command out when it returns. */
+    public static String jcmd(long pid, String... command) throws Exception {
+        List<String> line = new ArrayList<>(List.of(Path.of(System.getProperty("java.home"), "bin", "jcmd").toString(), Long.toString(pid)));
+        line.addAll(List.of(command));
+        Process jcmd = new ProcessBuilder(line).redirectErrorStream(true).start();
+        String output = new String(jcmd.getInputStream().readAllBytes(), UTF_8);
+        if (!jcmd.waitFor(60, TimeUnit.SECONDS) || jcmd.exitValue() != 0) {
+            throw new IllegalStateException("jcmd failed: " + output);
         }
+        return output;
+    }
 
+    /** A child JVM that is still running; what it wrote so far is read from its files. */
+    public record Running(Process process, Path stdout, Path stderr) implements AutoCloseable {
         /** Ends the child if it still runs, so that a failing test leaves no process behind. */
         @Override
         public void close() {
@@ -115,18 +112,18 @@ public final class ChildJvm {
 
         /** Waits until the child wrote a line equal to the text on standard output. */
         public void awaitStdout(String line, long seconds) throws Exception {
-            awaitLines(stdout, lines -> lines.contains(line), seconds);
-        }
-
-        /** Waits until the lines on standard error so far satisfy the condition, and returns them. */
-        public List<String> awaitStderr(Predicate<List<String>> done, long seconds) throws Exception {
-            return awaitLines(stderr, done, seconds);
-        }
-
-        /** Writes a line to the child's standard input. */
-        public void send(String line) throws IOException {
-            process.getOutputStream().write((line + "\n").getBytes(UTF_8));
-            process.getOutputStream().flush();
+            long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(seconds);
+            while (true) {
+                boolean ended = !process.isAlive();  // before reading, so that its last lines are seen
+                if (read(stdout).lines().anyMatch(line::equals)) {
+                    return;
+                }
+                if (ended || System.nanoTime() > deadline) {
+                    process.destroyForcibly();
+                    fail("no line " + line + " on stdout:\n" + read(stdout) + "\nstderr:\n" + read(stderr));
+                }
+                Thread.sleep(20);
+            }
         }
 
         /** Closes the child's standard input: the child programs of the tests end then. */
@@ -134,15 +131,8 @@ public final class ChildJvm {
             process.getOutputStream().close();
         }
 
-        /** Runs jcmd against the child and returns its output. */
         public String jcmd(String... command) throws Exception {
-            List<String> line = new ArrayList<>(List.of(Path.of(required("kv.test.java")).resolveSibling("jcmd").toString(),
-                    Long.toString(process.pid())));
-            line.addAll(List.of(command));
-            Process jcmd = new ProcessBuilder(line).redirectErrorStream(true).start();
-            String output = new String(jcmd.getInputStream().readAllBytes(), UTF_8);
-            assertTrue(jcmd.waitFor(60, TimeUnit.SECONDS) && jcmd.exitValue() == 0, "jcmd failed: " + output);
-            return output;
+            return ChildJvm.jcmd(process.pid(), command);
         }
 
         public Result await(long seconds) throws Exception {
@@ -154,22 +144,6 @@ public final class ChildJvm {
             Files.delete(stdout);
             Files.delete(stderr);
             return result;
-        }
-
-        private List<String> awaitLines(Path file, Predicate<List<String>> done, long seconds) throws Exception {
-            long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(seconds);
-            while (true) {
-                boolean ended = !process.isAlive();
-                List<String> lines = read(file).lines().toList();
-                if (done.test(lines)) {
-                    return lines;
-                }
-                if (ended || System.nanoTime() > deadline) {
-                    process.destroyForcibly();
-                    fail("expected output not seen; so far:\n" + String.join("\n", lines) + "\nstderr:\n" + read(stderr));
-                }
-                Thread.sleep(20);
-            }
         }
 
         /** The file's text so far; a character cut in half at its end reads as a replacement. */
@@ -200,7 +174,8 @@ public final class ChildJvm {
 
         /** The agent's levelled lines, each reduced to its level word and message. */
         public List<String> agentMessages() {
-            return stderr.lines().map(LogLine::parse).filter(Objects::nonNull).map(l -> l.level + " " + l.message).toList();
+            return stderr.lines().map(LOG_LINE::matcher).filter(Matcher::matches)
+                    .map(m -> m.group(1).trim() + " " + m.group(3)).toList();
         }
 
         /** Asserts a normal end with no JNI misuse reported. */

@@ -2,11 +2,8 @@ package com.brantide.kelvane.plugin.jvmti.testing;
 
 import java.io.IOException;
 import java.io.InputStream;
-import java.net.URL;
-import java.net.URLClassLoader;
 import java.nio.file.Files;
 import java.nio.file.Path;
-import javax.tools.JavaCompiler;
 import javax.tools.ToolProvider;
 import org.objectweb.asm.ClassReader;
 import org.objectweb.asm.ClassVisitor;
@@ -25,7 +22,7 @@ public final class ClassFiles {
     }
 
     /** The class defined again in a loader of its own, carrying the given source debug extension. */
-    public static Class<?> withSourceDebugExtension(Class<?> clazz, String extension) throws IOException {
+    public static Class<?> withSourceDebugExtension(Class<?> clazz, String extension) throws Exception {
         ClassWriter writer = new ClassWriter(0);
         new ClassReader(bytesOf(clazz)).accept(new ClassVisitor(Opcodes.ASM9, writer) {
             @Override
@@ -41,21 +38,18 @@ public final class ClassFiles {
         Path dir = Files.createTempDirectory("nodebug");
         Path file = dir.resolve(className.substring(className.lastIndexOf('.') + 1) + ".java");
         Files.writeString(file, source);
-        JavaCompiler javac = ToolProvider.getSystemJavaCompiler();
-        int status = javac.run(null, null, null, "-g:none", "-d", dir.toString(), file.toString());
-        if (status != 0) {
-            throw new IllegalStateException("javac failed: " + status);
+        if (ToolProvider.getSystemJavaCompiler().run(null, null, null, "-g:none", "-d", dir.toString(), file.toString()) != 0) {
+            throw new IllegalStateException("javac failed on " + className);
         }
-        URLClassLoader loader = new URLClassLoader(new URL[] {dir.toUri().toURL()}, ClassFiles.class.getClassLoader());
-        return Class.forName(className, true, loader);
+        return define(className, Files.readAllBytes(dir.resolve(className.replace('.', '/') + ".class")));
     }
 
-    private static Class<?> define(String name, byte[] bytes) {
+    /** Defines the class in a loader of its own, even where the parent has one of that name. */
+    private static Class<?> define(String name, byte[] bytes) throws ClassNotFoundException {
         return new ClassLoader(ClassFiles.class.getClassLoader()) {
-            Class<?> defineIt() {
-                Class<?> defined = defineClass(name, bytes, 0, bytes.length);
-                resolveClass(defined);
-                return defined;
+            Class<?> defineIt() throws ClassNotFoundException {
+                defineClass(name, bytes, 0, bytes.length);
+                return Class.forName(name, true, this);  // initialized, and so prepared for the VM's lookups
             }
         }.defineIt();
     }

@@ -9,26 +9,23 @@ import com.brantide.kelvane.plugin.jvmti.api.JvmtiApi;
 import com.brantide.kelvane.plugin.jvmti.api.ThreadCallback;
 import com.brantide.kelvane.plugin.jvmti.api.VariableCallback;
 import com.brantide.kelvane.plugin.jvmti.fixtures.Target;
-import java.io.BufferedReader;
-import java.io.InputStreamReader;
-import java.io.Writer;
 import java.util.ArrayList;
+import java.util.Collections;
 import java.util.List;
-import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.locks.LockSupport;
+import java.util.stream.IntStream;
 
 /**
  * A child JVM's program for start-up and the data dump. Without arguments it prints the agent's
  * switches; "plain", started without the agent, loads the library as a plain one and calls natives
  * that need the agent; "inspect" inspects and tries to debug in inspection-only mode (with
- * "attached": once a line on standard input says the agent was attached); "dump" prints READY,
- * and after a line on standard input sets up hooks, events, breakpoints and watches and prints BUSY,
- * then waits until its standard input closes.
+ * "attach": after attaching the agent to its own VM with jcmd, twice); "dump" sets up hooks, events,
+ * breakpoints and watches and asks its own VM for a data dump with jcmd.
  */
 public final class StartupMain {
     /** Kept, for the GC-root search of the inspection run to find. */
     private static final List<Object> KEPT = new ArrayList<>();
-    private static final BufferedReader IN = new BufferedReader(new InputStreamReader(System.in));
+    private static final long SELF = ProcessHandle.current().pid();
 
     private StartupMain() {
     }
@@ -38,7 +35,7 @@ public final class StartupMain {
         switch (args.length > 0 ? args[0] : "") {
             case "plain" -> callWithoutTheAgent(api);
             case "inspect" -> inspect(api, args.length > 1);
-            case "dump" -> dumps(api);
+            case "dump" -> dump(api);
             default -> switches(api);
         }
     }
@@ -49,6 +46,8 @@ public final class StartupMain {
         api.registerClasses();
         System.out.println("fastStepping=" + api.isFastSteppingEnabled() + " exceptions=" + api.isExceptionsEnabled()
                 + " active=" + api.isActive());
+        // Only the basic set is held until the agent is switched on.
+        System.out.println(locals(api));
     }
 
     private static void callWithoutTheAgent(JvmtiApi api) {
@@ -67,54 +66,35 @@ public final class StartupMain {
     /** Inspection only: what needs no debugging capability works, what needs one is refused. */
     private static void inspect(JvmtiApi api, boolean attached) throws Exception {
         if (attached) {
-            System.out.println("READY");
-            IN.readLine();
+            ChildJvm.jcmd(SELF, "JVMTI.agent_load", System.getProperty("kv.test.library"));
+            ChildJvm.jcmd(SELF, "JVMTI.agent_load", System.getProperty("kv.test.library"));  // refused: loaded already
         }
         api.registerClasses();
         System.out.println("active=" + api.setActive(true));
-        for (int i = 0; i < 3; i++) {
-            KEPT.add(new Kept());
-        }
+        Collections.addAll(KEPT, new Kept(), new Kept(), new Kept());
         long[] kept = {0};
-        api.heapHistogram((HistogramCallback) (names, counts, sizes) -> {
-            for (int i = 0; i < names.length; i++) {
-                kept[0] += names[i].equals(Kept.class.getName()) ? counts[i] : 0;
-            }
-        }, 0);
+        api.heapHistogram((HistogramCallback) (names, counts, sizes) -> IntStream.range(0, names.length)
+                .filter(i -> names[i].equals(Kept.class.getName())).forEach(i -> kept[0] += counts[i]), 0);
         int[] rooted = {0};
         api.gcRoots((GCRootsCallback) root -> rooted[0] = root.getCount(), Kept.class.descriptorString(), 0, 3);
-        Thread sleeper = new Thread(() -> LockSupport.parkNanos(2_000_000_000L), "sleeper");
-        sleeper.start();
-        while (sleeper.getState() != Thread.State.TIMED_WAITING) {
-            Thread.onSpinWait();
-        }
+        Thread sleeper = parked(new Thread(StartupMain::parkForever, "sleeper"));
         api.suspendThread(sleeper, null);
         int depth = api.getStackDepth(sleeper);
         api.resumeThread(sleeper, 2);
-        sleeper.interrupt();
         System.out.println("histogram=" + kept[0] + " gcRoots=" + rooted[0] + " suspendedDepth>0=" + (depth > 0)
                 + " source=" + api.getSourceFileName(StartupMain.class));
-        Thread self = Thread.currentThread();
         BreakpointLocation here = BreakpointLocation.forMethod(StartupMain.class.getDeclaredMethod("inspect",
                 JvmtiApi.class, boolean.class), 0);
         System.out.println("breakpoint=" + outcome(() -> api.setBreakpoint(here)));
-        System.out.println("locals=" + outcome(() -> api.listVariables(self, 1, 1, (VariableCallback) (n, v, t) -> true)));
-        System.out.println("switch=" + api.setEventNotificationMode(self, JvmtiEvent.BREAKPOINT, true));
+        System.out.println(locals(api));
+        System.out.println("switch=" + api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, true));
     }
 
-    private static void dumps(JvmtiApi api) throws Exception {
+    private static void dump(JvmtiApi api) throws Exception {
+        outcome(() -> api.getStackDepth(new Thread()));  // an error before registration, for the log
         api.registerClasses();
-        CountDownLatch running = new CountDownLatch(1);
-        CountDownLatch release = new CountDownLatch(1);
-        Thread worker = ThreadKind.unstarted("dump-worker", () -> {
-            running.countDown();
-            awaitQuietly(release);
-        });
-        worker.start();
-        running.await();
+        Thread worker = parked(ThreadKind.unstarted("dump-worker", StartupMain::parkForever));
         new Target(1); // prepared, so that its members can carry breakpoints and watches
-        System.out.println("READY");
-        IN.readLine();
         api.setActive(true);
         api.registerThreadHook(new Object());
         api.registerBreakpointHook(new Object());
@@ -132,10 +112,12 @@ public final class StartupMain {
         api.setFieldModificationWatch(Target.class, Target.class.getField("value"));
         api.setFieldModificationWatch(Target.class, Target.class.getField("created"));
         System.out.println("worker=" + worker.getId() + " main=" + Thread.currentThread().getId());
-        System.out.println("BUSY");
-        IN.transferTo(Writer.nullWriter());
-        release.countDown();
-        worker.join();
+        ChildJvm.jcmd(SELF, "JVMTI.data_dump");
+    }
+
+    /** Listing the caller's locals needs a debugging capability. */
+    private static String locals(JvmtiApi api) {
+        return "locals=" + outcome(() -> api.listVariables(Thread.currentThread(), 1, 1, (VariableCallback) (n, v, t) -> true));
     }
 
     /** "none", or the exception the call raised: its class and message. */
@@ -148,11 +130,19 @@ public final class StartupMain {
         }
     }
 
-    private static void awaitQuietly(CountDownLatch latch) {
-        try {
-            latch.await();
-        } catch (InterruptedException e) {
-            Thread.currentThread().interrupt();
+    /** Starts the thread, a daemon, and returns it once it parks. */
+    private static Thread parked(Thread thread) {
+        thread.setDaemon(true);
+        thread.start();
+        while (thread.getState() != Thread.State.WAITING) {
+            Thread.onSpinWait();
+        }
+        return thread;
+    }
+
+    private static void parkForever() {
+        while (true) {
+            LockSupport.park();
         }
     }
 
