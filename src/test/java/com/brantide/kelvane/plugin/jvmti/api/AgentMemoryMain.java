@@ -10,8 +10,6 @@ import com.brantide.kelvane.plugin.jvmti.testing.Workload;
 import java.lang.reflect.Field;
 import java.nio.file.Files;
 import java.nio.file.Path;
-import java.util.ArrayList;
-import java.util.List;
 import java.util.concurrent.TimeoutException;
 import java.util.concurrent.atomic.AtomicInteger;
 
@@ -22,7 +20,8 @@ import java.util.concurrent.atomic.AtomicInteger;
  * starting and ending, heap walks of every kind, class and line lookups, refused calls and data
  * dumps. After the warm-up rounds and after each batch of rounds it prints the agent's heap,
  * "heap STAGE BYTES BLOCKS ALLOCATIONS", or, in the sanitized build, runs LeakSanitizer and prints
- * "leaks STAGE RESULT". Then the figures of what the rounds did, and "OK" or "FAILED ...".
+ * "leaks STAGE RESULT". Then the figures of what the rounds did, and "OK" when every kind of work
+ * reached the agent's hooks and callbacks and nothing went wrong, or "FAILED ...".
  *
  * <p>Arguments: warm-up rounds, rounds per batch, batches, path prefix for leak reports.
  */
@@ -36,7 +35,6 @@ public final class AgentMemoryMain {
     private static final Workload WORK = Workload.activated();
     private static final JvmtiApi API = WORK.api;
     private static final AtomicInteger SCRIPT_INDEX = new AtomicInteger();
-    private static volatile Thread spinner;
 
     private AgentMemoryMain() {
     }
@@ -56,7 +54,8 @@ public final class AgentMemoryMain {
             }
             measure(stage == 0 ? "warm" : "batch" + stage, reports);
         }
-        WORK.report("rounds=" + round + " threadEvents=" + (WORK.started.size() + WORK.ended.size()));
+        WORK.add("threadEvents", WORK.started.size() + WORK.ended.size());
+        System.out.println(WORK.verdict("stops", "spinnerStops", "listed", "fieldEvents", "exceptionEvents", "threadEvents"));
         API.setActive(false);
     }
 
@@ -92,12 +91,8 @@ public final class AgentMemoryMain {
         WORK.clearHooks();
     }
 
-    /** The stopped worker looked at and answered from the script; the spinner's step stops just counted. */
+    /** The stopped worker looked at and answered from the script. */
     private static int stopped(BreakpointLocation location, ThreadContext context) {
-        if (context.getThread() == spinner) {
-            WORK.count("spinnerStops");
-            return StepType.CONTINUE;
-        }
         WORK.count("stops");
         WORK.lookAt(context.getThread(), context.getFrameCount());
         return SCRIPT[SCRIPT_INDEX.getAndIncrement() % SCRIPT.length];
@@ -120,31 +115,17 @@ public final class AgentMemoryMain {
 
     /** A thread suspended from outside, looked at, let go, and let go again with a step. */
     private static void suspendAndLook(int round) throws InterruptedException {
-        StormTarget.spinning = true;
-        long turns = StormTarget.workTurns;
-        Thread thread = new Thread(() -> StormTarget.spin(new Object()), "memory-spinner-" + round);
-        spinner = thread;
-        thread.start();
-        // Suspended only once it runs its loop: a thread suspended before its first frame stays
-        // suspended although the call fails (see SuspendRaceTest).
-        while (StormTarget.workTurns == turns) {
-            Thread.onSpinWait();
-        }
-        WORK.suspendAndLook(thread, at -> StepType.CONTINUE);
-        long stops = WORK.figure("spinnerStops");
-        WORK.suspendAndLook(thread, at -> StepType.STEP_OVER);
-        for (int waited = 0; WORK.figure("spinnerStops") == stops && waited < 10_000; waited++) {
-            Thread.sleep(1);
-        }
-        StormTarget.spinning = false;
-        thread.join();
+        WORK.startSpinner("memory-spinner-" + round);
+        WORK.suspendAndLook(StepType.CONTINUE);
+        WORK.suspendAndLook(StepType.STEP_OVER);
+        WORK.stopSpinner();
     }
 
     /** Beside the exact counts: a walk cut short by its time limit, one to a file, a failing callback, no such class. */
     private static void walkTheHeapEveryWay() throws Exception {
         WORK.checkHeap(StormTarget.Marker.class, KEPT, 0);
         try {
-            API.heapHistogram((HistogramCallback) (names, counts, sizes) -> WORK.count("heapWalks"), 1);
+            API.heapHistogram((HistogramCallback) (names, counts, sizes) -> { }, 1);
         } catch (Exception e) {
             // The native raises the checked TimeoutException when the limit cut the walk short.
             if (!(e instanceof TimeoutException)) {
@@ -158,20 +139,18 @@ public final class AgentMemoryMain {
             API.gcRoots((GCRootsCallback) root -> {
                 throw new IllegalStateException("callback failure");
             }, StormTarget.Marker.class.descriptorString(), 0, 2);
-        } catch (IllegalStateException e) {
-            WORK.count("heapWalks");
+        } catch (IllegalStateException expected) {
+            // The callback's exception comes back to the caller, the walk given up.
         }
-        API.gcRoots((GCRootsCallback) root -> WORK.count("heapWalks"), "Lno/such/Clazz;", 0, 5);
+        API.gcRoots((GCRootsCallback) root -> { }, "Lno/such/Clazz;", 0, 5);
     }
 
     private static void lookUpAndBeRefused() throws InterruptedException {
-        List<Object> seen = new ArrayList<>();
-        API.listThreads((ThreadCallback) seen::add);
-        API.listClasses((ClassCallback) seen::add);
-        API.getLineNumbersV2(StormTarget.class, "inner(I)I", (LineNumberCallback) (location, line) -> seen.add(line));
-        seen.add(API.getSourceFileName(StormTarget.class));
-        seen.add(API.getSourceDebugExtension(StormTarget.class));
-        WORK.add("listed", seen.size());
+        API.listThreads((ThreadCallback) thread -> WORK.count("listed"));
+        API.listClasses((ClassCallback) clazz -> WORK.count("listed"));
+        API.getLineNumbersV2(StormTarget.class, "inner(I)I", (LineNumberCallback) (location, line) -> WORK.count("listed"));
+        API.getSourceFileName(StormTarget.class);
+        API.getSourceDebugExtension(StormTarget.class);
         Thread ended = new Thread(() -> { }, "memory-ended");
         ended.start();
         ended.join();
@@ -186,8 +165,8 @@ public final class AgentMemoryMain {
             try {
                 call.run();
                 WORK.fail("not refused");
-            } catch (IllegalArgumentException | JVMTIException e) {
-                WORK.count("refused");
+            } catch (IllegalArgumentException | JVMTIException expected) {
+                // What a refused call raises; its arguments are given back like any others.
             }
         }
         if (API.setEventNotificationMode(ended, JvmtiEvent.BREAKPOINT, true)) {

@@ -6,24 +6,23 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 import com.brantide.kelvane.plugin.jvmti.testing.ChildJvm;
 import com.brantide.kelvane.plugin.jvmti.testing.StormMain;
 import com.brantide.kelvane.plugin.jvmti.testing.ThreadKind;
-import com.brantide.kelvane.plugin.jvmti.testing.Workload;
 import java.util.List;
-import java.util.Map;
+import java.util.regex.Matcher;
+import java.util.regex.Pattern;
 import org.junit.jupiter.api.Test;
 
 /**
  * Everything at once for a fixed time (StormMain), while this test asks the child for data dumps
  * with jcmd again and again. The VM must live through it and end normally, with no JNI warning;
- * the child's own accounts must hold (hits, thread starts and ends, heap counts), every kind of
- * work must have been done, and every dump, the child's and jcmd's, must have been written whole.
+ * the child's own accounts must hold (hits, thread starts and ends, heap counts, every kind of
+ * work done), and every dump, the child's and jcmd's, must have been written whole.
  *
  * <p>The storm lasts kv.test.storm.seconds (or $KV_STORM_SECONDS) seconds, 15 by default; the
  * full run is tools/storm.sh. With kv.test.storm.compiled the child steps at compiled speed; with
  * kv.test.thread.kind=virtual its short-lived threads are virtual.
  */
 class StormTest {
-    private static final List<String> WORK_DONE = List.of("hits", "steps", "workerStops", "threads", "suspends",
-            "listed", "heapWalks", "registrations", "switches", "exceptionEvents", "fieldEvents", "dumps");
+    private static final Pattern DUMPS = Pattern.compile("dumps=(\\d+)");
 
     @Test
     void theAgentLivesThroughEverythingAtOnce() throws Exception {
@@ -50,12 +49,9 @@ class StormTest {
         String figures = lines.stream().filter(l -> l.contains("hits=")).findFirst().orElse("no figures");
         System.out.println("storm " + seconds + " s: " + figures + " jcmdDumps=" + jcmdDumps);
         assertTrue(lines.contains("OK"), result.stdout);
-
-        Map<String, Long> done = Workload.figures(figures);
-        for (String work : WORK_DONE) {
-            assertTrue(done.getOrDefault(work, 0L) > 0, "nothing of " + work + ": " + figures);
-        }
+        Matcher dumps = DUMPS.matcher(figures);
+        assertTrue(dumps.find(), figures);
         long written = result.stderrLines().stream().filter(l -> l.equals("Thread Events")).count();
-        assertEquals(jcmdDumps + done.get("dumps"), written, "dumps written whole");
+        assertEquals(jcmdDumps + Long.parseLong(dumps.group(1)), written, "dumps written whole");
     }
 }

@@ -4,17 +4,20 @@ import com.brantide.kelvane.plugin.jvmti.soak.webapp.SoakControl;
 import com.brantide.kelvane.plugin.jvmti.testing.Workload;
 import java.io.IOException;
 import java.io.InputStream;
-import java.net.HttpURLConnection;
-import java.net.URL;
-import java.nio.charset.StandardCharsets;
+import java.net.URI;
+import java.net.http.HttpClient;
+import java.net.http.HttpRequest;
+import java.net.http.HttpResponse;
 import java.nio.file.Files;
 import java.nio.file.Path;
-import java.util.ArrayList;
+import java.time.Duration;
 import java.util.Collections;
 import java.util.List;
-import java.util.Map;
+import java.util.Queue;
+import java.util.concurrent.ConcurrentLinkedQueue;
+import java.util.concurrent.ExecutorService;
+import java.util.concurrent.Executors;
 import java.util.concurrent.TimeUnit;
-import java.util.concurrent.atomic.AtomicInteger;
 import java.util.jar.JarEntry;
 import java.util.jar.JarFile;
 import org.apache.catalina.Context;
@@ -30,7 +33,9 @@ import org.apache.tomcat.util.scan.StandardJarScanner;
  * which debugs that page with the managed layer of its own WEB-INF/lib (JspDebugger, on the shared
  * Workload). Then drives local load through four phases: no breakpoint; the breakpoint's events
  * switched on per request thread; switched on VM-wide; switched off again. Each phase checks the
- * heap and asks for a data dump halfway. Prints the figures and exits with 1 when any is off.
+ * heap and asks for a data dump halfway; the web application keeps the phase's accounts, and the
+ * driver checks every answer of the page. Prints each phase's figures and exits with 1 when
+ * anything went wrong.
  *
  * <p>Settings, as system properties (the build writes the paths into the java argument file
  * soak.args): kv.soak.api-jar, kv.soak.work (a directory for the run); kv.soak.requests per phase
@@ -53,7 +58,9 @@ public final class SoakMain {
 
     private final int requests = Integer.getInteger("kv.soak.requests", 10000);
     private final long phaseNanos = TimeUnit.SECONDS.toNanos(Long.getLong("kv.soak.seconds", 120));
-    private final List<String> problems = new ArrayList<>();
+    private final Queue<String> problems = new ConcurrentLinkedQueue<>();
+    private final HttpClient http =
+            HttpClient.newBuilder().version(HttpClient.Version.HTTP_1_1).connectTimeout(Duration.ofSeconds(30)).build();
     private int port;
 
     public static void main(String[] args) throws Exception {
@@ -76,20 +83,24 @@ public final class SoakMain {
         long start = System.nanoTime();
         try {
             get("/loop.jsp?tag=first&n=1"); // the page is compiled now, and can be found
-            System.out.println("soak   " + control("arm"));
-            load(requests / 4);
-            System.out.println("soak   phase       requests   hits  latency ms median / p99   the server's figures");
+            control("arm");
             for (String mode : PHASES) {
-                phase(mode);
+                control("mode&mode=" + mode);
+                load();
+                String verdict = control("verdict");
+                System.out.println("soak   " + mode + " " + verdict.replace('\n', ' '));
+                if (!verdict.endsWith("\nOK")) {
+                    problems.add(mode + ": " + verdict);
+                }
             }
         } catch (IOException | RuntimeException e) {
-            expect(false, "driving the server: " + e);
+            problems.add("driving the server: " + e);
         } finally {
             tomcat.stop();
             tomcat.destroy();
         }
         System.out.printf("soak   %.0f s of load; result: %s%n", (System.nanoTime() - start) / 1e9,
-                problems.isEmpty() ? "passed" : "FAILED: " + String.join("; ", problems));
+                problems.isEmpty() ? "passed" : "FAILED: " + String.join("; ", problems.stream().limit(20).toList()));
         return problems.isEmpty();
     }
 
@@ -112,89 +123,48 @@ public final class SoakMain {
         return webapp;
     }
 
-    /** A phase's load, then its figures: a hit per request while switched on, none otherwise, nothing gone wrong. */
-    private void phase(String mode) throws IOException, InterruptedException {
-        control("mode&mode=" + mode);
-        List<Long> latencies = load(requests);
-        String[] answer = control("figures").split("\n", 2);
-        Map<String, Long> figures = Workload.figures(answer[0]);
-        long hits = figures.getOrDefault("hits", 0L);
-        System.out.printf("soak   %-10s %9d %6d  %10s / %-10s  %s%n", mode, latencies.size(), hits, millis(latencies, 0.5),
-                millis(latencies, 0.99), answer[0]);
-        boolean switchedOn = mode.equals("PER_THREAD") || mode.equals("VM_WIDE");
-        expect(!latencies.isEmpty() && hits == (switchedOn ? latencies.size() : 0),
-                mode + ": " + hits + " hits for " + latencies.size() + " requests");
-        expect(figures.getOrDefault("stepped", 0L).equals(figures.getOrDefault("steppedAsExpected", 0L)),
-                mode + ": not every stepped hit stopped where it should");
-        expect(answer.length < 2 || answer[1].isBlank(), mode + ": " + (answer.length < 2 ? "" : answer[1].replace("\n", "; ")));
-    }
-
-    /** Requests from three clients until `count` are answered or the phase's time is up; a heap check halfway. */
-    private List<Long> load(int count) throws InterruptedException {
-        List<Long> latencies = Collections.synchronizedList(new ArrayList<>());
-        AtomicInteger next = new AtomicInteger();
+    /** Requests from three clients until the phase's are answered or its time is up. */
+    private void load() throws InterruptedException {
         long deadline = System.nanoTime() + phaseNanos;
-        List<Thread> clients = new ArrayList<>();
-        for (int c = 0; c < 3; c++) {
-            clients.add(new Thread(() -> {
-                for (int n = next.getAndIncrement(); n < count && System.nanoTime() < deadline; n = next.getAndIncrement()) {
-                    request(latencies, n == count / 2 ? "/control?op=heap" : null, "r" + n, 1 + n % 5);
-                }
-            }, "soak-client-" + c));
+        ExecutorService clients = Executors.newFixedThreadPool(3);
+        for (int n = 0; n < requests; n++) {
+            int request = n;
+            clients.execute(() -> request(request, deadline));
         }
-        clients.forEach(Thread::start);
-        for (Thread client : clients) {
-            client.join();
-        }
-        return latencies;
+        clients.shutdown();
+        clients.awaitTermination(1, TimeUnit.DAYS);
     }
 
-    /** A request of the page, after the other request given; the page must answer the sum of its loop. */
-    private void request(List<Long> latencies, String before, String tag, int n) {
+    /** A request of the page, the halfway one after a heap check; the page must answer the sum of its loop. */
+    private void request(int n, long deadline) {
+        int count = 1 + n % 5;
         try {
-            if (before != null) {
-                get(before);
+            if (System.nanoTime() > deadline) {
+                return;
             }
-            long start = System.nanoTime();
-            String answer = get("/loop.jsp?tag=" + tag + "&n=" + n).trim();
-            latencies.add(System.nanoTime() - start);
-            expect(answer.equals(tag + "=" + n * (n + 1)), "wrong answer " + answer + " to tag=" + tag + " n=" + n);
-        } catch (IOException e) {
-            expect(false, e.toString());
+            if (n == requests / 2) {
+                control("heap");
+            }
+            String answer = get("/loop.jsp?tag=r" + n + "&n=" + count).trim();
+            if (!answer.equals("r" + n + "=" + count * (count + 1))) {
+                problems.add("wrong answer " + answer + " to tag=r" + n + " n=" + count);
+            }
+        } catch (IOException | InterruptedException e) {
+            problems.add(e.toString());
         }
     }
 
-    private String control(String op) throws IOException {
+    private String control(String op) throws IOException, InterruptedException {
         return get("/control?op=" + op).trim();
     }
 
     /** The body of a GET to the server on the loopback address; anything but 200 raises. */
-    private String get(String pathAndQuery) throws IOException {
-        HttpURLConnection connection = (HttpURLConnection) new URL("http", "127.0.0.1", port, pathAndQuery).openConnection();
-        connection.setConnectTimeout(30_000);
-        connection.setReadTimeout(120_000);
-        int status = connection.getResponseCode();
-        try (InputStream in = status < 400 ? connection.getInputStream() : connection.getErrorStream()) {
-            String body = in == null ? "" : new String(in.readAllBytes(), StandardCharsets.UTF_8);
-            if (status != 200) {
-                throw new IOException("HTTP " + status + " for " + pathAndQuery + ": " + body.trim());
-            }
-            return body;
+    private String get(String pathAndQuery) throws IOException, InterruptedException {
+        HttpResponse<String> response = http.send(HttpRequest.newBuilder(URI.create("http://127.0.0.1:" + port + pathAndQuery))
+                .timeout(Duration.ofSeconds(120)).build(), HttpResponse.BodyHandlers.ofString());
+        if (response.statusCode() != 200) {
+            throw new IOException("HTTP " + response.statusCode() + " for " + pathAndQuery + ": " + response.body().trim());
         }
-    }
-
-    private static String millis(List<Long> latencies, double quantile) {
-        List<Long> sorted = new ArrayList<>(latencies);
-        Collections.sort(sorted);
-        return sorted.isEmpty() ? "-" : String.format("%.2f", sorted.get((int) (quantile * (sorted.size() - 1))) / 1e6);
-    }
-
-    /** Keeps the first twenty problems: past those, more say nothing new. */
-    private void expect(boolean holds, String problem) {
-        synchronized (problems) {
-            if (!holds && problems.size() < 20) {
-                problems.add(problem);
-            }
-        }
+        return response.body();
     }
 }

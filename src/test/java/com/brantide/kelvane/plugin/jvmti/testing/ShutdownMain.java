@@ -14,10 +14,11 @@ import java.util.concurrent.ConcurrentHashMap;
 import java.util.concurrent.locks.LockSupport;
 
 /**
- * A child JVM's program that calls System.exit(3) in the middle of everything: one thread sleeps
+ * A child JVM's program that calls System.exit(0) in the middle of everything: one thread sleeps
  * inside the breakpoint hook, another inside the thread-start hook, three step without end, two
  * hit the breakpoint and go on, one is suspended and never resumed, and heap walks run one after
- * the other over a large heap. The VM must end with status 3, promptly, and without a crash.
+ * the other over a large heap. The VM must end with status 0, promptly, and without a crash: its
+ * threads never end, so no other way out of the program ends with 0.
  *
  * <p>Argument: milliseconds to wait, once every thread is in place, before the exit.
  */
@@ -78,12 +79,11 @@ public final class ShutdownMain {
         System.out.println("IN PLACE");
         System.out.flush();
         Thread.sleep(delay);
-        System.exit(3);
+        System.exit(0);
     }
 
     private static Thread start(String name, Runnable body) {
         Thread thread = new Thread(body, name);
-        thread.setDaemon(name.equals("suspended"));
         thread.start();
         return thread;
     }

@@ -13,8 +13,6 @@ import java.util.List;
 import java.util.Map;
 import java.util.Set;
 import java.util.concurrent.ConcurrentHashMap;
-import java.util.concurrent.ConcurrentLinkedDeque;
-import java.util.concurrent.atomic.AtomicBoolean;
 import java.util.concurrent.atomic.AtomicLong;
 import java.util.concurrent.locks.LockSupport;
 
@@ -23,13 +21,14 @@ import java.util.concurrent.locks.LockSupport;
  * Eight threads hit a breakpoint and step (the hook answers with every command in turn); another
  * registers every hook anew over and over; short-lived threads (virtual ones with
  * kv.test.thread.kind=virtual) start and end, half of them hitting the breakpoint too; a switcher
- * turns events of other threads on and off; a worker is suspended, looked at and resumed, now and
- * then with a step; histograms, GC-root searches and data dumps run (and the test adds its own
+ * turns events of other threads on and off; a spinning thread is suspended, looked at and resumed,
+ * now and then with a step; histograms, GC-root searches and data dumps run (and the test adds its own
  * dumps with jcmd).
  *
  * <p>Prints "STARTED" once everything runs, then, after the storm, a line of figures and "OK" when
- * every thread's hits equal its calls, every thread start and end reached the thread hook and
- * every heap walk counted the kept objects exactly; otherwise "FAILED" with the reasons.
+ * every thread's hits equal its calls, every thread start and end reached the thread hook, every
+ * heap walk counted the kept objects exactly and every kind of work reached the agent's hooks and
+ * callbacks; otherwise "FAILED" with the reasons.
  */
 public final class StormMain {
     private static final int HITTERS = 8;
@@ -38,21 +37,20 @@ public final class StormMain {
         StepType.STEP_OUT, StepType.NOOP, StepType.STEP_OVER};
     private static final int[] STEP_ANSWERS = {StepType.STEP_OVER, StepType.STEP_IN, StepType.STEP_OUT};
     private static final int[] RESUME_ANSWERS = {StepType.STEP_OVER, StepType.CONTINUE, StepType.NOOP};
-    private static final int[] SWITCHED_ON_HITTERS = {JvmtiEvent.FIELD_ACCESS, JvmtiEvent.FIELD_MODIFICATION,
+    /** Never breakpoints, which every hit needs. */
+    private static final int[] SWITCHED = {JvmtiEvent.FIELD_ACCESS, JvmtiEvent.FIELD_MODIFICATION,
         JvmtiEvent.EXCEPTION, JvmtiEvent.EXCEPTION_CATCH};
-    private static final int[] SWITCHED_ON_OTHERS = {JvmtiEvent.BREAKPOINT, JvmtiEvent.FIELD_ACCESS,
-        JvmtiEvent.EXCEPTION, JvmtiEvent.FIELD_MODIFICATION};
 
     private final Workload work = Workload.activated();
     private final JvmtiApi api = work.api;
-    private final AtomicBoolean stop = new AtomicBoolean();
+    private volatile boolean stop;
     /** Calls of the breakpointed method less the hits that reached the hook, by thread: all 0 in the end. */
     private final Map<Thread, AtomicLong> unmatchedCalls = new ConcurrentHashMap<>();
     private final Set<Thread> created = ConcurrentHashMap.newKeySet();
-    private final ConcurrentLinkedDeque<Thread> idle = new ConcurrentLinkedDeque<>();
+    /** The short-lived thread started last, maybe ended already. */
+    private volatile Thread newest;
     private final List<Thread> hitters = new ArrayList<>();
     private final ThreadLocal<int[]> stepsInSequence = ThreadLocal.withInitial(() -> new int[1]);
-    private volatile Thread worker;
 
     private StormMain() {
     }
@@ -77,19 +75,19 @@ public final class StormMain {
             hitters.add(new Thread(this::hitLoop, "storm-hitter-" + i));
         }
         List<Thread> drivers = new ArrayList<>(hitters);
-        Object workerLock = new Object();
-        worker = new Thread(() -> StormTarget.work(stop, workerLock), "storm-worker");
-        drivers.add(worker);
         drivers.add(new Thread(this::registerLoop, "storm-registerer"));
         drivers.add(new Thread(this::spawnLoop, "storm-spawner"));
         drivers.add(new Thread(this::switchLoop, "storm-switcher"));
         drivers.add(new Thread(this::suspendLoop, "storm-suspender"));
         drivers.add(new Thread(this::inspectLoop, "storm-inspector"));
+        Thread spinner = work.startSpinner("storm-spinner");
         drivers.forEach(Thread::start);
+        drivers.add(spinner);
         System.out.println("STARTED");
         System.in.readAllBytes();
 
-        stop.set(true);
+        stop = true;
+        StormTarget.spinning = false;
         drivers.addAll(created);
         for (Thread thread : drivers) {
             joinOrHalt(thread);
@@ -118,7 +116,8 @@ public final class StormMain {
         if (missedStarts + missedEnds > 0) {
             work.fail("thread hook missed " + missedStarts + " starts and " + missedEnds + " ends");
         }
-        work.report("threads=" + created.size());
+        System.out.println(work.verdict("hits", "steps", "spinnerStops", "listed", "switches", "exceptionEvents",
+                "fieldEvents", "dumps"));
     }
 
     /** Joins the thread; one still running after 30 s is stuck, and ends the program. */
@@ -133,10 +132,6 @@ public final class StormMain {
         Thread thread = Thread.currentThread();
         if (context.getThread() != thread) {
             work.fail("hook called on " + thread.getName() + " for " + context.getThread());
-        }
-        if (thread == worker) {
-            work.count("workerStops");
-            return StepType.CONTINUE;
         }
         int[] sequence = stepsInSequence.get();
         if (location.getMemberClass() == StormTarget.class && location.getLocation() == 0
@@ -160,7 +155,7 @@ public final class StormMain {
             return;
         }
         AtomicLong mine = unmatchedCalls.computeIfAbsent(self, t -> new AtomicLong());
-        for (int i = 0; i < times && !stop.get(); i++) {
+        for (int i = 0; i < times && !stop; i++) {
             mine.incrementAndGet();
             StormTarget.hit(i);
             if (i % 16 == 0) {
@@ -174,7 +169,7 @@ public final class StormMain {
     }
 
     private void registerLoop() {
-        for (int i = 1; !stop.get(); i++) {
+        for (int i = 1; !stop; i++) {
             work.registerHooks(this::breakpointHit);
             // Thousands of registrations a second, while leaving the other threads their share of
             // the processors.
@@ -186,18 +181,12 @@ public final class StormMain {
 
     /** Short-lived threads: half hit the breakpoint once, half idle for the switcher to play with. */
     private void spawnLoop() {
-        for (int n = 0; !stop.get(); n++) {
-            boolean hitting = n % 2 == 0;
+        for (int n = 0; !stop; n++) {
             Thread thread = ThreadKind.unstarted("storm-short-" + n,
-                    hitting ? () -> hit(1) : () -> LockSupport.parkNanos(300_000));
+                    n % 2 == 0 ? () -> hit(1) : () -> LockSupport.parkNanos(300_000));
             created.add(thread);
             thread.start();
-            if (!hitting) {
-                idle.addLast(thread);
-                while (idle.size() > 32) {
-                    idle.pollFirst();
-                }
-            }
+            newest = thread;
             if (n % 8 == 0) {
                 LockSupport.parkNanos(1_000_000);
             }
@@ -205,61 +194,31 @@ public final class StormMain {
     }
 
     /**
-     * Events of other threads switched on and off: the hitters' field and exception events (never
-     * their breakpoints, which every hit needs), and anything of the idle short-lived threads. The
-     * worker's events are left to its own steps: it is suspended while inside them now and then,
-     * and what that may do is SuspendRaceTest's subject.
+     * Field and exception events of other threads switched on and off: of the hitters, and of the
+     * newest short-lived thread, which may be ending. The spinner's events are left to its own
+     * steps: it is suspended while inside them now and then, and what that may do is
+     * SuspendRaceTest's subject.
      */
     private void switchLoop() {
-        for (int i = 0; !stop.get(); i++) {
-            boolean hitter = i % 2 == 0;
-            Thread target = hitter ? hitters.get(i / 2 % hitters.size()) : idle.peekLast();
-            int[] events = hitter ? SWITCHED_ON_HITTERS : SWITCHED_ON_OTHERS;
-            if (target != null && api.setEventNotificationMode(target, events[i / 16 % events.length], (i / 8 & 1) == 0)) {
+        for (int i = 0; !stop; i++) {
+            Thread target = i % 2 == 0 ? hitters.get(i / 2 % hitters.size()) : newest;
+            if (target != null && api.setEventNotificationMode(target, SWITCHED[i / 16 % SWITCHED.length], (i / 8 & 1) == 0)) {
                 work.count("switches");
             }
         }
     }
 
-    /**
-     * The worker suspended, looked at and resumed, a third of the times with a step (where it stands
-     * in its own code). After a step the next suspension waits until the step has stopped and the
-     * worker runs its loop again: a thread suspended while inside the agent's own event code and
-     * then resumed with a command is SuspendRaceTest's subject.
-     */
+    /** The spinner suspended, looked at and resumed, a third of the times with a step. */
     private void suspendLoop() {
-        // A thread suspended before it has a frame stays suspended although the call fails (see
-        // SuspendRaceTest): start once the worker runs its loop.
-        while (StormTarget.workTurns == 0) {
-            LockSupport.parkNanos(100_000);
-        }
-        for (int i = 0; !stop.get(); i++) {
-            int answer = RESUME_ANSWERS[i % RESUME_ANSWERS.length];
-            long stopsBefore = work.figure("workerStops");
-            int resumed = work.suspendAndLook(worker, at ->
-                    answer != StepType.STEP_OVER || at.getMemberClass() == StormTarget.class ? answer : StepType.CONTINUE);
-            if (resumed == StepType.STEP_OVER) {
-                awaitWorker(stopsBefore);
-            }
+        for (int i = 0; !stop; i++) {
+            work.suspendAndLook(RESUME_ANSWERS[i % RESUME_ANSWERS.length]);
             LockSupport.parkNanos(500_000);
-        }
-    }
-
-    /** Until the worker's step has stopped and its loop has turned twice since, or five seconds. */
-    private void awaitWorker(long stopsBefore) {
-        long deadline = System.nanoTime() + 5_000_000_000L;
-        while (work.figure("workerStops") == stopsBefore && System.nanoTime() < deadline && !stop.get()) {
-            LockSupport.parkNanos(100_000);
-        }
-        long turns = StormTarget.workTurns;
-        while (StormTarget.workTurns < turns + 2 && System.nanoTime() < deadline && !stop.get()) {
-            LockSupport.parkNanos(100_000);
         }
     }
 
     /** Heap walks that must count the kept markers exactly, a data dump every other turn, now and then a GC. */
     private void inspectLoop() {
-        for (int i = 0; !stop.get(); i++) {
+        for (int i = 0; !stop; i++) {
             work.checkHeap(StormTarget.Marker.class, KEPT, 0);
             if (i % 2 == 0) {
                 work.requestDump();

@@ -2,7 +2,6 @@ package com.brantide.kelvane.plugin.jvmti.testing;
 
 import java.util.ArrayList;
 import java.util.List;
-import java.util.concurrent.atomic.AtomicBoolean;
 
 /**
  * Code the storm and shutdown programs stop in. The breakpoint stands at the first bytecode of
@@ -16,8 +15,10 @@ public final class StormTarget {
     public static final List<Marker> KEPT = new ArrayList<>();
     /** Read and written by every hit, for field watches. */
     public static int watched;
-    /** Turns of the worker's loop, so that others can tell that it runs its own code again. */
+    /** Turns of {@link #spin}'s loop, so that others can tell that it runs its own code again. */
     public static volatile long workTurns;
+    /** While true, {@link #spin} loops. */
+    public static volatile boolean spinning;
 
     private StormTarget() {
     }
@@ -39,22 +40,6 @@ public final class StormTarget {
         int z = y * 3;
         return z + 1;
     }
-
-    /** The suspended worker's loop: holds a monitor, keeps locals, calls down one level. */
-    public static long work(AtomicBoolean stop, Object lock) {
-        long turns = 0;
-        synchronized (lock) {
-            int local = 7;
-            while (!stop.get()) {
-                turns += inner(local);
-                workTurns++;
-            }
-        }
-        return turns;
-    }
-
-    /** While true, {@link #spin} loops. */
-    public static volatile boolean spinning;
 
     /**
      * A loop that holds a monitor and keeps a local but calls nothing: a suspension always finds it

@@ -24,14 +24,11 @@ import java.util.ArrayList;
 import java.util.List;
 import java.util.Map;
 import java.util.Set;
-import java.util.TreeMap;
 import java.util.concurrent.ConcurrentHashMap;
 import java.util.concurrent.ConcurrentSkipListMap;
 import java.util.concurrent.TimeoutException;
 import java.util.concurrent.atomic.AtomicLong;
-import java.util.function.ToIntFunction;
-import java.util.regex.Matcher;
-import java.util.regex.Pattern;
+import java.util.concurrent.locks.LockSupport;
 import javax.management.JMException;
 import javax.management.ObjectName;
 
@@ -39,17 +36,18 @@ import javax.management.ObjectName;
  * What the reliability programs (the storm, the agent-memory rounds, shutdown under load, the soak's
  * web application) do with the agent, written once: hooks that count every event, a thread
  * suspended and looked at, heap walks that must count exactly what the program keeps alive, data
- * dumps. Figures print as "name=value ..."; what went wrong is kept as failures. The soak copies
- * this class into its web application, so it uses nothing but the managed layer and the JDK.
+ * dumps. What went wrong is kept as failures, and the verdict gives the figures ("{name=value, ...}")
+ * with "OK" or "FAILED". The soak copies this class into its web application, so it uses nothing but
+ * the managed layer and the JDK.
  */
 public final class Workload {
-    private static final Pattern FIGURE = Pattern.compile("(\\w+)=(-?\\d+)");
-
     public final JvmtiApi api;
     public final Set<Thread> started = ConcurrentHashMap.newKeySet();
     public final Set<Thread> ended = ConcurrentHashMap.newKeySet();
     private final Map<String, AtomicLong> figures = new ConcurrentSkipListMap<>();
     private final List<String> failures = new ArrayList<>();
+    /** The thread in StormTarget.spin that {@link #suspendAndLook} suspends: its stops count as spinnerStops. */
+    private volatile Thread spinner;
 
     public Workload(JvmtiApi api) {
         this.api = api;
@@ -98,24 +96,19 @@ public final class Workload {
         return figures.getOrDefault(name, new AtomicLong()).get();
     }
 
-    public String figures() {
-        return figures.toString();
-    }
-
-    /** Prints the figures, with more of the program's own, then "OK" or "FAILED" and the failures. */
-    public void report(String more) {
-        System.out.println(figures() + " " + more);
-        List<String> all = failures();
-        System.out.println(all.isEmpty() ? "OK" : "FAILED " + all);
-    }
-
-    /** The figures of a line that {@link #figures()} printed. */
-    public static Map<String, Long> figures(String line) {
-        Map<String, Long> parsed = new TreeMap<>();
-        for (Matcher figure = FIGURE.matcher(line); figure.find(); ) {
-            parsed.put(figure.group(1), Long.parseLong(figure.group(2)));
+    /**
+     * The figures on one line, then "OK", or "FAILED" with what went wrong; a `required` figure
+     * still 0 went wrong too: the work it counts never reached the agent's hooks or callbacks.
+     */
+    public String verdict(String... required) {
+        for (String name : required) {
+            if (figure(name) == 0) {
+                fail("nothing of " + name);
+            }
         }
-        return parsed;
+        synchronized (failures) {
+            return figures + "\n" + (failures.isEmpty() ? "OK" : "FAILED " + failures);
+        }
     }
 
     /** Keeps the first twenty failures: past those, more say nothing new. */
@@ -124,12 +117,6 @@ public final class Workload {
             if (failures.size() < 20) {
                 failures.add(failure);
             }
-        }
-    }
-
-    public List<String> failures() {
-        synchronized (failures) {
-            return new ArrayList<>(failures);
         }
     }
 
@@ -148,7 +135,6 @@ public final class Workload {
         // class and come back in.
         api.registerClassPrepareHook((ClassPrepareHook) (thread, clazz) -> { });
         api.registerFileLoadHook((FileLoadHook) clazz -> { });
-        add("registrations", 7);
     }
 
     public void clearHooks() {
@@ -169,23 +155,59 @@ public final class Workload {
     }
 
     /**
-     * Suspends the thread, looks at it, and resumes it with the command chosen for where the
-     * suspension found it (CONTINUE when it had no frame to report); returns that command.
+     * Starts the spinner and returns it once it runs its loop: a thread suspended before it has a
+     * frame stays suspended although the call fails (see SuspendRaceTest).
      */
-    public int suspendAndLook(Thread target, ToIntFunction<BreakpointLocation> command) {
-        BreakpointLocation[] at = {null};
+    public Thread startSpinner(String name) {
+        StormTarget.spinning = true;
+        long turns = StormTarget.workTurns;
+        spinner = new Thread(() -> StormTarget.spin(new Object()), name);
+        spinner.start();
+        while (StormTarget.workTurns == turns) {
+            Thread.onSpinWait();
+        }
+        return spinner;
+    }
+
+    public void stopSpinner() throws InterruptedException {
+        StormTarget.spinning = false;
+        spinner.join();
+    }
+
+    /**
+     * Suspends the spinner, looks at it, and resumes it with the command (CONTINUE when the
+     * suspension found no frame to step from). After a step it waits until the step has stopped
+     * and the loop turns again: a thread suspended while inside the agent's own event code and then
+     * resumed with a command is SuspendRaceTest's subject.
+     */
+    public void suspendAndLook(int command) {
+        Thread target = spinner;
+        boolean[] framed = {false};
         api.suspendThread(target, (SuspendCallback) (location, context) -> {
-            at[0] = location;
+            framed[0] = location != null;
             if (context.getThread() != target) {
                 fail("suspend callback for " + context.getThread() + ", not " + target);
             }
         });
-        count("suspends");
         lookAt(target, api.getStackDepth(target));
         api.listContendedMonitor(target, (MonitorCallback) (monitor, depth) -> count("listed"));
-        int answer = at[0] == null ? StepType.CONTINUE : command.applyAsInt(at[0]);
-        api.resumeThread(target, answer);
-        return answer;
+        long stops = figure("spinnerStops");
+        api.resumeThread(target, framed[0] ? command : StepType.CONTINUE);
+        if (framed[0] && command != StepType.CONTINUE && command != StepType.NOOP) {
+            awaitSpinner(stops);
+        }
+    }
+
+    /** Until the spinner's step has stopped and its loop has turned twice since, or five seconds. */
+    private void awaitSpinner(long stopsBefore) {
+        long deadline = System.nanoTime() + 5_000_000_000L;
+        while (figure("spinnerStops") == stopsBefore && StormTarget.spinning && System.nanoTime() < deadline) {
+            LockSupport.parkNanos(100_000);
+        }
+        long turns = StormTarget.workTurns;
+        while (StormTarget.workTurns < turns + 2 && StormTarget.spinning && System.nanoTime() < deadline) {
+            LockSupport.parkNanos(100_000);
+        }
     }
 
     /** A histogram and a GC-root search, each of which must count exactly `expected` instances of the class. */
@@ -197,7 +219,6 @@ public final class Workload {
         }, timeLimitMillis);
         GCPathEntry[] root = {null};
         api.gcRoots((GCRootsCallback) entry -> root[0] = entry, kept.descriptorString(), timeLimitMillis, 3);
-        add("heapWalks", 2);
         long found = root[0] == null ? 0 : root[0].getCount();
         if (counted[0] != expected || found != expected) {
             fail("heap walks counted " + counted[0] + " and " + found + " of " + kept.getSimpleName() + ", not " + expected);
@@ -230,6 +251,9 @@ public final class Workload {
 
         @Override
         public int breakpointHit(BreakpointLocation location, ThreadContext context) {
+            if (context.getThread() == spinner) {
+                return counted("spinnerStops");
+            }
             return breakpoints.breakpointHit(location, context);
         }
 

@@ -21,10 +21,10 @@ import java.util.regex.Pattern;
 /**
  * The debugger the web application runs on its own page: a breakpoint on the page's HIT line, found
  * through the compiled page's source map and line table. At every hit the page's locals are
- * checked against what the request sent; every STEP_EVERY-th hit is stepped over STEPS times and
- * each stop checked against the page line it should be at. How breakpoint events are switched is
- * the phase's Mode; each phase counts into a workload of its own, with hooks for every other event
- * registered anew.
+ * checked against what the request sent; every STEP_EVERY-th hit is stepped over and each stop
+ * checked against the page line it should be at. How breakpoint events are switched is the phase's
+ * Mode; each phase counts into a workload of its own, with hooks for every other event registered
+ * anew.
  */
 final class JspDebugger implements BreakpointHook {
     /** NONE: no breakpoint set; OFF: set, its events switched off. */
@@ -36,14 +36,13 @@ final class JspDebugger implements BreakpointHook {
     /** An entry of a source map's line section: page line[#file][,repeat]:Java line[,increment]. */
     private static final Pattern SMAP_ENTRY =
             Pattern.compile("^(\\d+)(?:#\\d+)?(?:,(\\d+))?:(\\d+)(?:,(\\d+))?$", Pattern.MULTILINE);
-    private static final int STEPS = 4;
     private static final int STEP_EVERY = 8;
 
     /** What one request sent; the page lines of its stops once its hit steps. */
-    private record Request(String tag, int count, boolean switchedOn, List<Integer> stops) {
+    private record Request(String tag, int count, List<Integer> stops) {
     }
 
-    private final JvmtiApi api;
+    final JvmtiApi api;
     private final Class<?> page;
     private final TreeMap<Long, Integer> javaLineAt = new TreeMap<>();
     private final Map<Integer, Integer> pageLineOf = new HashMap<>();
@@ -86,11 +85,6 @@ final class JspDebugger implements BreakpointHook {
         }
     }
 
-    String where() {
-        return "page line " + SoakControl.HIT_LINE + " -> Java line " + javaLineAt.get(breakpoint.getLocation())
-                + ", bytecode " + breakpoint.getLocation();
-    }
-
     /** Starts a phase: sets or clears the breakpoint and switches its events VM-wide as the mode asks. */
     synchronized void switchTo(Mode next) {
         work = new Workload(api);
@@ -109,17 +103,35 @@ final class JspDebugger implements BreakpointHook {
         mode = next;
     }
 
+    /**
+     * The phase's verdict: a hit for every request of the page while its events are switched on,
+     * none otherwise, and every stepped hit stopped where it should, the last step included.
+     */
+    String verdict() {
+        long requests = work.figure("requests");
+        long hits = work.figure("hits");
+        if (requests == 0 || hits != (mode == Mode.PER_THREAD || mode == Mode.VM_WIDE ? requests : 0)) {
+            work.fail(hits + " hits for " + requests + " requests");
+        }
+        if (work.figure("stepped") != work.figure("steppedAsExpected")) {
+            work.fail("not every stepped hit stopped where it should");
+        }
+        return work.verdict();
+    }
+
     // ---- around each request of the page (the web application's filter calls these)
 
     void begin(String tag, int count) {
-        current.set(new Request(tag, count, mode == Mode.PER_THREAD, new ArrayList<>()));
-        if (current.get().switchedOn) {
+        work.count("requests");
+        current.set(new Request(tag, count, new ArrayList<>()));
+        if (mode == Mode.PER_THREAD) {
             switchEvents(Thread.currentThread(), true);
         }
     }
 
+    /** The phase does not change while requests run: the driver starts the next one after the last answer. */
     void end() {
-        if (current.get().switchedOn) {
+        if (mode == Mode.PER_THREAD) {
             switchEvents(Thread.currentThread(), false);
         }
         current.remove();
@@ -136,17 +148,12 @@ final class JspDebugger implements BreakpointHook {
     @Override
     public int breakpointHit(BreakpointLocation location, ThreadContext context) {
         Request request = current.get();
-        try {
-            if (request == null) {
-                work.fail("a stop outside the requests of the page, on " + Thread.currentThread().getName());
-                return StepType.CONTINUE;
-            }
-            boolean atBreakpoint = location.getMemberClass() == page && location.getLocation() == breakpoint.getLocation();
-            return atBreakpoint ? hit(request, context) : stepStop(request, location);
-        } catch (RuntimeException e) {
-            work.fail("hook: " + e);
+        if (request == null) {
+            work.fail("a stop outside the requests of the page, on " + Thread.currentThread().getName());
             return StepType.CONTINUE;
         }
+        boolean atBreakpoint = location.getMemberClass() == page && location.getLocation() == breakpoint.getLocation();
+        return atBreakpoint ? hit(request, context) : stepStop(request, location);
     }
 
     private int hit(Request request, ThreadContext context) {
@@ -163,23 +170,23 @@ final class JspDebugger implements BreakpointHook {
         return StepType.STEP_OVER;
     }
 
-    /** From the hit on, step-overs stop at the loop's head, then body and head again for each turn, then the line after. */
+    /**
+     * From the hit on, step-overs stop at the loop's head, its body, the head again, and then the
+     * body once more or, after a single turn, the line after the loop.
+     */
     private int stepStop(Request request, BreakpointLocation location) {
         Map.Entry<Long, Integer> line = javaLineAt.floorEntry(location.getLocation());
         boolean inPage = location.getMemberClass() == page && SERVICE.equals(location.getMemberSignature());
         request.stops.add(inPage && line != null ? pageLineOf.getOrDefault(line.getValue(), -1) : -1);
-        if (request.stops.size() < STEPS) {
+        List<Integer> expected = List.of(SoakControl.LOOP_LINE, SoakControl.BODY_LINE, SoakControl.LOOP_LINE,
+                request.count > 1 ? SoakControl.BODY_LINE : SoakControl.AFTER_LINE);
+        if (request.stops.size() < expected.size()) {
             return StepType.STEP_OVER;
         }
-        List<Integer> expected = new ArrayList<>(List.of(SoakControl.LOOP_LINE));
-        for (int i = 0; i < request.count; i++) {
-            expected.addAll(List.of(SoakControl.BODY_LINE, SoakControl.LOOP_LINE));
-        }
-        expected.add(SoakControl.AFTER_LINE);
-        if (expected.subList(0, STEPS).equals(request.stops)) {
+        if (expected.equals(request.stops)) {
             work.count("steppedAsExpected");
         } else {
-            work.fail("step-overs stopped at page lines " + request.stops + ", expected " + expected.subList(0, STEPS));
+            work.fail("step-overs stopped at page lines " + request.stops + ", expected " + expected);
         }
         return StepType.CONTINUE;
     }

@@ -1,6 +1,7 @@
 package com.brantide.kelvane.plugin.jvmti.soak.webapp;
 
 import com.brantide.kelvane.plugin.jvmti.api.JvmtiApi;
+import com.brantide.kelvane.plugin.jvmti.testing.Workload;
 import java.io.IOException;
 import java.util.ArrayList;
 import java.util.List;
@@ -16,8 +17,8 @@ import javax.servlet.http.HttpServletResponse;
 /**
  * The web application's control servlet, which the soak's driver talks to: op=arm switches the
  * agent on through the managed layer of the web application's own WEB-INF/lib and finds the page
- * (requested once before); op=mode&amp;mode=... starts a phase; op=figures reports it, the figures
- * on the first line and what went wrong after; op=heap takes a histogram and a GC-root tree, each
+ * (requested once before); op=mode&amp;mode=... starts a phase; op=verdict gives the phase's
+ * figures on one line, then "OK" or "FAILED" with what went wrong; op=heap takes a histogram and a GC-root tree, each
  * of which must count the KEPT objects exactly, and a data dump. Stopping the web application
  * clears everything and switches the agent off.
  */
@@ -53,8 +54,6 @@ public final class SoakControl extends HttpServlet {
         }
     }
 
-    private final transient JvmtiApi api = new JvmtiApi();
-
     @Override
     protected void doGet(HttpServletRequest request, HttpServletResponse response) throws IOException {
         String answer;
@@ -68,10 +67,11 @@ public final class SoakControl extends HttpServlet {
         response.getWriter().print(answer);
     }
 
-    private String answer(String op, String mode) {
+    private static String answer(String op, String mode) {
         switch (op) {
             case "arm":
-                return arm();
+                arm();
+                return "armed";
             case "mode":
                 debugger.switchTo(JspDebugger.Mode.valueOf(mode));
                 return mode;
@@ -80,20 +80,15 @@ public final class SoakControl extends HttpServlet {
                 debugger.work.requestDump();
                 return "";
             default:
-                return debugger.work.figures() + "\n" + String.join("\n", debugger.work.failures());
+                return debugger.verdict();
         }
     }
 
-    private synchronized String arm() {
+    private static synchronized void arm() {
         if (JvmtiApi.class.getClassLoader() != SoakControl.class.getClassLoader()) {
             throw new IllegalStateException("the managed layer is not the web application's own");
         }
-        api.registerClasses();
-        if (!api.setActive(true)) {
-            throw new IllegalStateException("the agent did not switch on");
-        }
-        debugger = new JspDebugger(api);
-        return "armed " + debugger.where();
+        debugger = new JspDebugger(Workload.activated().api);
     }
 
     @Override
@@ -103,7 +98,7 @@ public final class SoakControl extends HttpServlet {
         if (armed != null) {
             armed.switchTo(JspDebugger.Mode.NONE);
             armed.work.clearHooks();
-            api.setActive(false);
+            armed.api.setActive(false);
         }
     }
 
@@ -113,15 +108,15 @@ public final class SoakControl extends HttpServlet {
         public void doFilter(ServletRequest request, ServletResponse response, FilterChain chain)
                 throws IOException, ServletException {
             JspDebugger armed = debugger;
-            if (armed == null) {
-                chain.doFilter(request, response);
-                return;
+            if (armed != null) {
+                armed.begin(request.getParameter("tag"), Integer.parseInt(request.getParameter("n")));
             }
-            armed.begin(request.getParameter("tag"), Integer.parseInt(request.getParameter("n")));
             try {
                 chain.doFilter(request, response);
             } finally {
-                armed.end();
+                if (armed != null) {
+                    armed.end();
+                }
             }
         }
     }
