@@ -1,4 +1,4 @@
-// Logging and timing: one formatted line per call on standard error.
+// Logging: one formatted line per call on standard error, the level tested before anything is formatted.
 #pragma once
 
 // Read once at load from the system property of the same name, then only read.
