@@ -51,7 +51,6 @@ public final class StormMain {
         StormTarget.keep(KEPT);
         StormTarget.hit(0);
         StormTarget.throwAndCatch(0);
-        work.checkHeap(StormTarget.Marker.class, KEPT, 0);
         BreakpointLocation breakpoint = BreakpointLocation.forMethod(StormTarget.class.getMethod("hit", int.class), 0);
         api.setBreakpoint(breakpoint);
         Field watched = StormTarget.class.getField("watched");
