@@ -10,8 +10,8 @@ import com.brantide.kelvane.plugin.jvmti.testing.Workload;
 import java.lang.reflect.Field;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.util.List;
 import java.util.concurrent.TimeoutException;
-import java.util.concurrent.atomic.AtomicInteger;
 
 /**
  * A child JVM's program for the agent's own memory (probe agent). It runs every feature of the
@@ -26,15 +26,10 @@ import java.util.concurrent.atomic.AtomicInteger;
  * <p>Arguments: warm-up rounds, rounds per batch, batches, path prefix for leak reports.
  */
 public final class AgentMemoryMain {
-    private static final int[] SCRIPT = {StepType.STEP_OVER, StepType.STEP_IN, StepType.STEP_OUT, StepType.STEP_OVER,
-        StepType.CONTINUE};
-    private static final int[] WORKER_EVENTS = {JvmtiEvent.BREAKPOINT, JvmtiEvent.EXCEPTION, JvmtiEvent.EXCEPTION_CATCH,
-        JvmtiEvent.FIELD_ACCESS, JvmtiEvent.FIELD_MODIFICATION};
     private static final int KEPT = 100;
 
     private static final Workload WORK = Workload.activated();
     private static final JvmtiApi API = WORK.api;
-    private static final AtomicInteger SCRIPT_INDEX = new AtomicInteger();
 
     private AgentMemoryMain() {
     }
@@ -54,8 +49,7 @@ public final class AgentMemoryMain {
             }
             measure(stage == 0 ? "warm" : "batch" + stage, reports);
         }
-        WORK.add("threadEvents", WORK.started.size() + WORK.ended.size());
-        System.out.println(WORK.verdict("stops", "spinnerStops", "listed", "fieldEvents", "exceptionEvents", "threadEvents"));
+        System.out.println(WORK.verdict("hits", "steps", "spinnerStops", "listed", "fieldEvents", "exceptionEvents"));
         API.setActive(false);
     }
 
@@ -77,9 +71,11 @@ public final class AgentMemoryMain {
         API.setBreakpoint(inner);
         API.setFieldAccessWatch(StormTarget.class, watched);
         API.setFieldModificationWatch(StormTarget.class, watched);
-        Thread worker = new Thread(AgentMemoryMain::work, "memory-worker-" + round);
+        // Breakpoints, steps, watched fields and exceptions thrown and caught.
+        Thread worker = new Thread(() -> WORK.hit(6, () -> false), "memory-worker-" + round);
         worker.start();
         worker.join();
+        WORK.checkAccounts(List.of(worker));
         suspendAndLook(round);
         API.clearBreakpoint(hit);
         API.clearBreakpoint(inner);
@@ -91,26 +87,10 @@ public final class AgentMemoryMain {
         WORK.clearHooks();
     }
 
-    /** The stopped worker looked at and answered from the script. */
+    /** The stopped worker looked at. */
     private static int stopped(BreakpointLocation location, ThreadContext context) {
-        WORK.count("stops");
         WORK.lookAt(context.getThread(), context.getFrameCount());
-        return SCRIPT[SCRIPT_INDEX.getAndIncrement() % SCRIPT.length];
-    }
-
-    /** The stepping worker: breakpoints, steps, watched fields and exceptions thrown and caught. */
-    private static void work() {
-        Thread self = Thread.currentThread();
-        for (int event : WORKER_EVENTS) {
-            if (!API.setEventNotificationMode(self, event, true)) {
-                WORK.fail("event " + event + " not switched on");
-            }
-        }
-        for (int k = 0; k < 6; k++) {
-            StormTarget.hit(k);
-            StormTarget.throwAndCatch(k);
-        }
-        API.setEventNotificationMode(self, JvmtiEvent.FIELD_ACCESS, false);
+        return WORK.answer(location, context);
     }
 
     /** A thread suspended from outside, looked at, let go, and let go again with a step. */

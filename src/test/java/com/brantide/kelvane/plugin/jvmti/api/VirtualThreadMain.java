@@ -8,9 +8,7 @@ import com.brantide.kelvane.plugin.jvmti.testing.StormTarget;
 import com.brantide.kelvane.plugin.jvmti.testing.ThreadKind;
 import com.brantide.kelvane.plugin.jvmti.testing.Workload;
 import java.util.Map;
-import java.util.TreeMap;
-import java.util.concurrent.ConcurrentHashMap;
-import java.util.concurrent.atomic.AtomicInteger;
+import java.util.concurrent.ConcurrentSkipListMap;
 
 /**
  * A child JVM's program (probe agent, JDK 21 or later, kv.test.thread.kind=virtual, one carrier) that prints
@@ -21,9 +19,8 @@ import java.util.concurrent.atomic.AtomicInteger;
  */
 public final class VirtualThreadMain {
     private static final JvmtiApi API = Workload.activated().api;
-    private static final Map<String, AtomicInteger> STOPS = new ConcurrentHashMap<>();
-    private static final Map<String, Object> FOUND = new TreeMap<>();
-    private static volatile boolean contextIsSelf = true;
+    /** What was found, sorted; a stop adds to "NAME.stops", and one reported for another thread adds "wrongContext". */
+    private static final Map<String, Object> FOUND = new ConcurrentSkipListMap<>();
 
     private VirtualThreadMain() {
     }
@@ -42,16 +39,15 @@ public final class VirtualThreadMain {
                 .filter(t -> t.getName().startsWith("ForkJoinPool-1-worker-")).findFirst().orElseThrow();
         FOUND.put("carrier.switched", API.setEventNotificationMode(carrier, JvmtiEvent.BREAKPOINT, true));
         runVirtual("mounted", () -> StormTarget.hit(2));
-        FOUND.put("own.stops", STOPS.getOrDefault("own", new AtomicInteger()).get());
-        FOUND.put("mounted.stops", STOPS.getOrDefault("mounted", new AtomicInteger()).get());
-        FOUND.put("contextIsSelf", contextIsSelf);
         System.out.println(FOUND);
     }
 
     private static int stopped(BreakpointLocation location, ThreadContext context) {
         Thread self = Thread.currentThread();
-        contextIsSelf &= context.getThread() == self;
-        STOPS.computeIfAbsent(self.getName(), name -> new AtomicInteger()).incrementAndGet();
+        if (context.getThread() != self) {
+            FOUND.put("wrongContext", context.getThread());
+        }
+        FOUND.merge(self.getName() + ".stops", 1, (stops, one) -> (Integer) stops + 1);
         // One step, from the breakpoint: where it stops shows as a second stop.
         return location.getLocation() == 0 ? StepType.STEP_OVER : StepType.CONTINUE;
     }

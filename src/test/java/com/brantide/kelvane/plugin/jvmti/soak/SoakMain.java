@@ -1,9 +1,7 @@
 package com.brantide.kelvane.plugin.jvmti.soak;
 
 import com.brantide.kelvane.plugin.jvmti.soak.webapp.SoakControl;
-import com.brantide.kelvane.plugin.jvmti.testing.Workload;
 import java.io.IOException;
-import java.io.InputStream;
 import java.net.URI;
 import java.net.http.HttpClient;
 import java.net.http.HttpRequest;
@@ -11,15 +9,12 @@ import java.net.http.HttpResponse;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.time.Duration;
-import java.util.Collections;
 import java.util.List;
 import java.util.Queue;
 import java.util.concurrent.ConcurrentLinkedQueue;
 import java.util.concurrent.ExecutorService;
 import java.util.concurrent.Executors;
 import java.util.concurrent.TimeUnit;
-import java.util.jar.JarEntry;
-import java.util.jar.JarFile;
 import org.apache.catalina.Context;
 import org.apache.catalina.connector.Connector;
 import org.apache.catalina.startup.Tomcat;
@@ -30,8 +25,7 @@ import org.apache.tomcat.util.scan.StandardJarScanner;
  * 127.0.0.1 in this JVM (which tools/soak.sh starts with the agent, plainly and under -Xcheck:jni,
  * and whose error output it checks) and deploys a web application built here: a page with a loop
  * and a few locals, compiled by the server's JSP compiler on its first request, and SoakControl,
- * which debugs that page with the managed layer of its own WEB-INF/lib (JspDebugger, on the shared
- * Workload). Then drives local load through four phases: no breakpoint; the breakpoint's events
+ * which debugs that page with the managed layer of its own WEB-INF/lib, on the shared Workload. Then drives local load through four phases: no breakpoint; the breakpoint's events
  * switched on per request thread; switched on VM-wide; switched off again. Each phase checks the
  * heap and asks for a data dump halfway; the web application keeps the phase's accounts, and the
  * driver checks every answer of the page. Prints each phase's figures and exits with 1 when
@@ -43,9 +37,6 @@ import org.apache.tomcat.util.scan.StandardJarScanner;
  */
 public final class SoakMain {
     private static final String WEBAPP_PACKAGE = SoakMain.class.getPackageName() + ".webapp";
-    /** The classes the web application's own class loader must load, with the managed layer they use. */
-    private static final List<String> WEBAPP_CLASSES =
-            List.of(WEBAPP_PACKAGE.replace('.', '/') + "/", Workload.class.getName().replace('.', '/'));
     private static final List<String> PHASES = List.of("NONE", "PER_THREAD", "VM_WIDE", "OFF");
     private static final String WEB_XML = """
             <web-app xmlns="http://xmlns.jcp.org/xml/ns/javaee" version="4.0" metadata-complete="true">
@@ -80,10 +71,8 @@ public final class SoakMain {
         ((StandardJarScanner) context.getJarScanner()).setScanClassPath(false);
         tomcat.start();
         port = connector.getLocalPort();
-        long start = System.nanoTime();
         try {
             get("/loop.jsp?tag=first&n=1"); // the page is compiled now, and can be found
-            control("arm");
             for (String mode : PHASES) {
                 control("mode&mode=" + mode);
                 load();
@@ -99,8 +88,7 @@ public final class SoakMain {
             tomcat.stop();
             tomcat.destroy();
         }
-        System.out.printf("soak   %.0f s of load; result: %s%n", (System.nanoTime() - start) / 1e9,
-                problems.isEmpty() ? "passed" : "FAILED: " + String.join("; ", problems.stream().limit(20).toList()));
+        System.out.println("soak   result: " + (problems.isEmpty() ? "passed" : "FAILED: " + problems.stream().limit(20).toList()));
         return problems.isEmpty();
     }
 
@@ -109,17 +97,9 @@ public final class SoakMain {
         Files.writeString(webapp.resolve("loop.jsp"), SoakControl.PAGE);
         Files.writeString(webapp.resolve("WEB-INF/web.xml"), WEB_XML);
         Files.copy(Path.of(System.getProperty("kv.soak.api-jar")), webapp.resolve("WEB-INF/lib/kvjvmti-api.jar"));
-        try (JarFile jar = new JarFile(System.getProperty("java.class.path").split(":")[0])) {
-            for (JarEntry entry : Collections.list(jar.entries())) {
-                if (WEBAPP_CLASSES.stream().anyMatch(entry.getName()::startsWith) && entry.getName().endsWith(".class")) {
-                    Path target = webapp.resolve("WEB-INF/classes/" + entry.getName());
-                    Files.createDirectories(target.getParent());
-                    try (InputStream in = jar.getInputStream(entry)) {
-                        Files.copy(in, target);
-                    }
-                }
-            }
-        }
+        // This jar too: the web application's own class loader looks in its WEB-INF/lib first, so
+        // that its classes use the managed layer beside them.
+        Files.copy(Path.of(System.getProperty("java.class.path").split(":")[0]), webapp.resolve("WEB-INF/lib/tests.jar"));
         return webapp;
     }
 

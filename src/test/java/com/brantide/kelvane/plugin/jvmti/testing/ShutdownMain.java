@@ -1,7 +1,6 @@
 package com.brantide.kelvane.plugin.jvmti.testing;
 
 import com.brantide.kelvane.plugin.jvmti.BreakpointLocation;
-import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
 import com.brantide.kelvane.plugin.jvmti.StepType;
 import com.brantide.kelvane.plugin.jvmti.ThreadContext;
 import com.brantide.kelvane.plugin.jvmti.api.BreakpointHook;
@@ -56,23 +55,18 @@ public final class ShutdownMain {
             }
         });
         for (String name : List.of("sleeper", "stepper-0", "stepper-1", "stepper-2", "hitter-0", "hitter-1")) {
-            start(name, ShutdownMain::hitForever);
+            new Thread(() -> WORK.hit(Integer.MAX_VALUE, () -> false), name).start();
         }
-        start("slow-start", () -> { });
-        Thread suspended = start("suspended", () -> {
-            IN_PLACE.add("suspended");
-            while (true) {
-                StormTarget.inner(1);
-            }
-        });
-        start("walker", () -> {
+        new Thread(() -> { }, "slow-start").start();
+        new Thread(() -> {
             while (true) {
                 IN_PLACE.add("walker");
                 WORK.checkHeap(StormTarget.Marker.class, 1000, 0);
             }
-        });
-        // The sleeper, the slow start, three steppers, the walker and the thread to suspend.
-        while (IN_PLACE.size() < 7) {
+        }, "walker").start();
+        Thread suspended = WORK.startSpinner("suspended");
+        // The sleeper, the slow start, three steppers and the walker.
+        while (IN_PLACE.size() < 6) {
             Thread.sleep(1);
         }
         api.suspendThread(suspended, null);
@@ -82,22 +76,9 @@ public final class ShutdownMain {
         System.exit(0);
     }
 
-    private static Thread start(String name, Runnable body) {
-        Thread thread = new Thread(body, name);
-        thread.start();
-        return thread;
-    }
-
     private static void sleepInPlace(String name) {
         IN_PLACE.add(name);
         LockSupport.parkNanos(60_000_000_000L);
-    }
-
-    private static void hitForever() {
-        WORK.api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, true);
-        for (int i = 0; ; i++) {
-            StormTarget.hit(i);
-        }
     }
 
     private static int stopped(BreakpointLocation location, ThreadContext context) {

@@ -1,7 +1,6 @@
 package com.brantide.kelvane.plugin.jvmti.testing;
 
 import com.brantide.kelvane.plugin.jvmti.BreakpointLocation;
-import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
 import com.brantide.kelvane.plugin.jvmti.StepType;
 import com.brantide.kelvane.plugin.jvmti.ThreadContext;
 import com.brantide.kelvane.plugin.jvmti.api.FrameCallback;
@@ -10,10 +9,8 @@ import java.lang.reflect.Field;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
-import java.util.Map;
 import java.util.Set;
 import java.util.concurrent.ConcurrentHashMap;
-import java.util.concurrent.atomic.AtomicLong;
 import java.util.concurrent.locks.LockSupport;
 
 /**
@@ -33,24 +30,15 @@ import java.util.concurrent.locks.LockSupport;
 public final class StormMain {
     private static final int HITTERS = 8;
     private static final int KEPT = 4321;
-    private static final int[] HIT_ANSWERS = {StepType.STEP_OVER, StepType.STEP_IN, StepType.CONTINUE,
-        StepType.STEP_OUT, StepType.NOOP, StepType.STEP_OVER};
-    private static final int[] STEP_ANSWERS = {StepType.STEP_OVER, StepType.STEP_IN, StepType.STEP_OUT};
     private static final int[] RESUME_ANSWERS = {StepType.STEP_OVER, StepType.CONTINUE, StepType.NOOP};
-    /** Never breakpoints, which every hit needs. */
-    private static final int[] SWITCHED = {JvmtiEvent.FIELD_ACCESS, JvmtiEvent.FIELD_MODIFICATION,
-        JvmtiEvent.EXCEPTION, JvmtiEvent.EXCEPTION_CATCH};
 
     private final Workload work = Workload.activated();
     private final JvmtiApi api = work.api;
     private volatile boolean stop;
-    /** Calls of the breakpointed method less the hits that reached the hook, by thread: all 0 in the end. */
-    private final Map<Thread, AtomicLong> unmatchedCalls = new ConcurrentHashMap<>();
     private final Set<Thread> created = ConcurrentHashMap.newKeySet();
     /** The short-lived thread started last, maybe ended already. */
     private volatile Thread newest;
     private final List<Thread> hitters = new ArrayList<>();
-    private final ThreadLocal<int[]> stepsInSequence = ThreadLocal.withInitial(() -> new int[1]);
 
     private StormMain() {
     }
@@ -63,7 +51,6 @@ public final class StormMain {
         StormTarget.keep(KEPT);
         StormTarget.hit(0);
         StormTarget.throwAndCatch(0);
-        work.checkHeap(StormTarget.Marker.class, KEPT, 0);
         BreakpointLocation breakpoint = BreakpointLocation.forMethod(StormTarget.class.getMethod("hit", int.class), 0);
         api.setBreakpoint(breakpoint);
         Field watched = StormTarget.class.getField("watched");
@@ -72,7 +59,7 @@ public final class StormMain {
         work.registerHooks(this::breakpointHit);
 
         for (int i = 0; i < HITTERS; i++) {
-            hitters.add(new Thread(this::hitLoop, "storm-hitter-" + i));
+            hitters.add(new Thread(() -> work.hit(Integer.MAX_VALUE, () -> stop), "storm-hitter-" + i));
         }
         List<Thread> drivers = new ArrayList<>(hitters);
         drivers.add(new Thread(this::registerLoop, "storm-registerer"));
@@ -90,82 +77,33 @@ public final class StormMain {
         StormTarget.spinning = false;
         drivers.addAll(created);
         for (Thread thread : drivers) {
-            joinOrHalt(thread);
+            // One still running after 30 s is stuck: runOrHalt ends the program.
+            thread.join(30_000);
+            if (thread.isAlive()) {
+                throw new IllegalStateException("STUCK " + thread.getName() + " at " + Arrays.toString(thread.getStackTrace()));
+            }
         }
         api.clearBreakpoint(breakpoint);
         api.clearFieldAccessWatch(StormTarget.class, watched);
         api.clearFieldModificationWatch(StormTarget.class, watched);
-        checkTheAccounts();
-        work.clearHooks();
-        api.setActive(false);
-    }
-
-    private void checkTheAccounts() {
-        // No class events into hooks during the last heap walks: on JDK 17, checked JNI misreads the
+        // No class events into hooks during the last heap walk: on JDK 17, checked JNI misreads the
         // local references of a native that holds many while a class-prepare event runs on its thread.
         api.registerClassPrepareHook(null);
         api.registerFileLoadHook(null);
         work.checkHeap(StormTarget.Marker.class, KEPT, 0);
-        unmatchedCalls.forEach((thread, calls) -> {
-            if (calls.get() != 0) {
-                work.fail(thread.getName() + ": " + calls + " calls more than hits");
-            }
-        });
-        long missedStarts = created.stream().filter(t -> !work.started.contains(t)).count();
-        long missedEnds = created.stream().filter(t -> !work.ended.contains(t)).count();
-        if (missedStarts + missedEnds > 0) {
-            work.fail("thread hook missed " + missedStarts + " starts and " + missedEnds + " ends");
-        }
+        work.checkAccounts(created);
         System.out.println(work.verdict("hits", "steps", "spinnerStops", "listed", "switches", "exceptionEvents",
                 "fieldEvents", "dumps"));
-    }
-
-    /** Joins the thread; one still running after 30 s is stuck, and ends the program. */
-    private static void joinOrHalt(Thread thread) throws InterruptedException {
-        thread.join(30_000);
-        if (thread.isAlive()) {
-            throw new IllegalStateException("STUCK " + thread.getName() + " at " + Arrays.toString(thread.getStackTrace()));
-        }
+        work.clearHooks();
+        api.setActive(false);
     }
 
     private int breakpointHit(BreakpointLocation location, ThreadContext context) {
-        Thread thread = Thread.currentThread();
-        if (context.getThread() != thread) {
-            work.fail("hook called on " + thread.getName() + " for " + context.getThread());
-        }
-        int[] sequence = stepsInSequence.get();
-        if (location.getMemberClass() == StormTarget.class && location.getLocation() == 0
-                && "hit".equals(location.getMethodName())) {
-            unmatchedCalls.computeIfAbsent(thread, t -> new AtomicLong()).decrementAndGet();
-            sequence[0] = 0;
-            return HIT_ANSWERS[(int) (work.count("hits") % HIT_ANSWERS.length)];
-        }
         // Only the stack here: locals and monitors wait for the VM, which the switcher keeps busy.
-        if (work.count("steps") % 16 == 0) {
-            api.listStack(thread, context.getFrameCount(), (FrameCallback) frame -> work.count("listed"));
+        if (work.figure("steps") % 16 == 0) {
+            api.listStack(context.getThread(), context.getFrameCount(), (FrameCallback) frame -> work.count("listed"));
         }
-        return ++sequence[0] >= 3 ? StepType.CONTINUE : STEP_ANSWERS[sequence[0] % STEP_ANSWERS.length];
-    }
-
-    /** Switches breakpoints on for the calling thread and calls the breakpointed method `times` times. */
-    private void hit(int times) {
-        Thread self = Thread.currentThread();
-        if (!api.setEventNotificationMode(self, JvmtiEvent.BREAKPOINT, true)) {
-            work.fail("breakpoints not switched on for " + self.getName());
-            return;
-        }
-        AtomicLong mine = unmatchedCalls.computeIfAbsent(self, t -> new AtomicLong());
-        for (int i = 0; i < times && !stop; i++) {
-            mine.incrementAndGet();
-            StormTarget.hit(i);
-            if (i % 16 == 0) {
-                StormTarget.throwAndCatch(i);
-            }
-        }
-    }
-
-    private void hitLoop() {
-        hit(Integer.MAX_VALUE);
+        return work.answer(location, context);
     }
 
     private void registerLoop() {
@@ -183,7 +121,7 @@ public final class StormMain {
     private void spawnLoop() {
         for (int n = 0; !stop; n++) {
             Thread thread = ThreadKind.unstarted("storm-short-" + n,
-                    n % 2 == 0 ? () -> hit(1) : () -> LockSupport.parkNanos(300_000));
+                    n % 2 == 0 ? () -> work.hit(1, () -> stop) : () -> LockSupport.parkNanos(300_000));
             created.add(thread);
             thread.start();
             newest = thread;
@@ -200,14 +138,14 @@ public final class StormMain {
      * SuspendRaceTest's subject.
      */
     private void switchLoop() {
+        int[] events = Workload.WATCHED_EVENTS;
         for (int i = 0; !stop; i++) {
             Thread target = i % 2 == 0 ? hitters.get(i / 2 % hitters.size()) : newest;
-            if (target != null && api.setEventNotificationMode(target, SWITCHED[i / 16 % SWITCHED.length], (i / 8 & 1) == 0)) {
+            if (target != null && api.setEventNotificationMode(target, events[i / 16 % events.length], (i / 8 & 1) == 0)) {
                 work.count("switches");
             }
         }
     }
-
     /** The spinner suspended, looked at and resumed, a third of the times with a step. */
     private void suspendLoop() {
         for (int i = 0; !stop; i++) {

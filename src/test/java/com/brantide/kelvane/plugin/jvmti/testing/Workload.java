@@ -2,6 +2,7 @@ package com.brantide.kelvane.plugin.jvmti.testing;
 
 import com.brantide.kelvane.plugin.jvmti.BreakpointLocation;
 import com.brantide.kelvane.plugin.jvmti.GCPathEntry;
+import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
 import com.brantide.kelvane.plugin.jvmti.StepType;
 import com.brantide.kelvane.plugin.jvmti.ThreadContext;
 import com.brantide.kelvane.plugin.jvmti.api.BreakpointHook;
@@ -21,6 +22,7 @@ import com.brantide.kelvane.plugin.jvmti.api.VariableCallback;
 import java.lang.management.ManagementFactory;
 import java.lang.reflect.Field;
 import java.util.ArrayList;
+import java.util.Collection;
 import java.util.List;
 import java.util.Map;
 import java.util.Set;
@@ -28,6 +30,7 @@ import java.util.concurrent.ConcurrentHashMap;
 import java.util.concurrent.ConcurrentSkipListMap;
 import java.util.concurrent.TimeoutException;
 import java.util.concurrent.atomic.AtomicLong;
+import java.util.function.BooleanSupplier;
 import java.util.concurrent.locks.LockSupport;
 import javax.management.JMException;
 import javax.management.ObjectName;
@@ -41,11 +44,23 @@ import javax.management.ObjectName;
  * the managed layer and the JDK.
  */
 public final class Workload {
+    /** The events, besides breakpoints, that every hitting thread switches on for itself. */
+    public static final int[] WATCHED_EVENTS = {JvmtiEvent.FIELD_ACCESS, JvmtiEvent.FIELD_MODIFICATION,
+        JvmtiEvent.EXCEPTION, JvmtiEvent.EXCEPTION_CATCH};
+    /** Hits are answered with these in turn, and the steps after a hit with these until the third. */
+    private static final int[] HIT_ANSWERS = {StepType.STEP_OVER, StepType.STEP_IN, StepType.CONTINUE,
+        StepType.STEP_OUT, StepType.NOOP, StepType.STEP_OVER};
+    private static final int[] STEP_ANSWERS = {StepType.STEP_OVER, StepType.STEP_IN, StepType.STEP_OUT};
+
     public final JvmtiApi api;
     public final Set<Thread> started = ConcurrentHashMap.newKeySet();
     public final Set<Thread> ended = ConcurrentHashMap.newKeySet();
     private final Map<String, AtomicLong> figures = new ConcurrentSkipListMap<>();
     private final List<String> failures = new ArrayList<>();
+    /** Calls of StormTarget.hit less the hits that reached the hook, by thread: all 0 in the end. */
+    private final Map<Thread, AtomicLong> unmatchedCalls = new ConcurrentHashMap<>();
+    private final ThreadLocal<int[]> stepsInSequence = ThreadLocal.withInitial(() -> new int[1]);
+    private volatile BreakpointHook breakpoints;
     /** The thread in StormTarget.spin that {@link #suspendAndLook} suspends: its stops count as spinnerStops. */
     private volatile Thread spinner;
 
@@ -125,7 +140,8 @@ public final class Workload {
      * really replaces the agent's references; breakpoints and steps go to the given hook.
      */
     public void registerHooks(BreakpointHook breakpoints) {
-        Hooks hooks = new Hooks(breakpoints);
+        this.breakpoints = breakpoints;
+        Hooks hooks = new Hooks();
         api.registerBreakpointHook(hooks);
         api.registerThreadHook(hooks);
         api.registerExceptionHook(hooks);
@@ -236,6 +252,60 @@ public final class Workload {
         }
     }
 
+    /**
+     * Switches breakpoint and watched events on for the calling thread and calls StormTarget.hit
+     * `times` times or until `stop`, throwing and catching at every 16th call.
+     */
+    public void hit(int times, BooleanSupplier stop) {
+        Thread self = Thread.currentThread();
+        if (!api.setEventNotificationMode(self, JvmtiEvent.BREAKPOINT, true)) {
+            fail("breakpoints not switched on for " + self.getName());
+            return;
+        }
+        for (int event : WATCHED_EVENTS) {
+            api.setEventNotificationMode(self, event, true);
+        }
+        AtomicLong mine = unmatchedCalls.computeIfAbsent(self, t -> new AtomicLong());
+        for (int i = 0; i < times && !stop.getAsBoolean(); i++) {
+            mine.incrementAndGet();
+            StormTarget.hit(i);
+            if (i % 16 == 0) {
+                StormTarget.throwAndCatch(i);
+            }
+        }
+    }
+
+    /** The answer to a stop of a hitting thread, which must be told its own thread: see HIT_ANSWERS. */
+    public int answer(BreakpointLocation location, ThreadContext context) {
+        Thread thread = Thread.currentThread();
+        if (context.getThread() != thread) {
+            fail("hook called on " + thread.getName() + " for " + context.getThread());
+        }
+        int[] sequence = stepsInSequence.get();
+        if (location.getMemberClass() == StormTarget.class && location.getLocation() == 0
+                && "hit".equals(location.getMethodName())) {
+            unmatchedCalls.computeIfAbsent(thread, t -> new AtomicLong()).decrementAndGet();
+            sequence[0] = 0;
+            return HIT_ANSWERS[(int) (count("hits") % HIT_ANSWERS.length)];
+        }
+        count("steps");
+        return ++sequence[0] >= 3 ? StepType.CONTINUE : STEP_ANSWERS[sequence[0] % STEP_ANSWERS.length];
+    }
+
+    /** Every hitting thread's hits equal its calls; each thread of `created` reached the thread hook at its start and end. */
+    public void checkAccounts(Collection<Thread> created) {
+        unmatchedCalls.forEach((thread, calls) -> {
+            if (calls.get() != 0) {
+                fail(thread.getName() + ": " + calls + " calls more than hits");
+            }
+        });
+        long missedStarts = created.stream().filter(t -> !started.contains(t)).count();
+        long missedEnds = created.stream().filter(t -> !ended.contains(t)).count();
+        if (missedStarts + missedEnds > 0) {
+            fail("thread hook missed " + missedStarts + " starts and " + missedEnds + " ends");
+        }
+    }
+
     private int counted(String figure) {
         count(figure);
         return StepType.CONTINUE;
@@ -243,12 +313,6 @@ public final class Workload {
 
     /** One object for the hooks that count: the agent finds each hook's methods by name. */
     private final class Hooks implements BreakpointHook, ThreadHook, ExceptionHook, FieldHook {
-        private final BreakpointHook breakpoints;
-
-        Hooks(BreakpointHook breakpoints) {
-            this.breakpoints = breakpoints;
-        }
-
         @Override
         public int breakpointHit(BreakpointLocation location, ThreadContext context) {
             if (context.getThread() == spinner) {

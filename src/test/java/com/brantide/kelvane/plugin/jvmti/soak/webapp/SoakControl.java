@@ -1,10 +1,24 @@
 package com.brantide.kelvane.plugin.jvmti.soak.webapp;
 
+import com.brantide.kelvane.plugin.jvmti.BreakpointLocation;
+import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
+import com.brantide.kelvane.plugin.jvmti.StepType;
+import com.brantide.kelvane.plugin.jvmti.ThreadContext;
+import com.brantide.kelvane.plugin.jvmti.api.BreakpointHook;
+import com.brantide.kelvane.plugin.jvmti.api.ClassCallback;
 import com.brantide.kelvane.plugin.jvmti.api.JvmtiApi;
+import com.brantide.kelvane.plugin.jvmti.api.LineNumberCallback;
+import com.brantide.kelvane.plugin.jvmti.api.VariableCallback;
 import com.brantide.kelvane.plugin.jvmti.testing.Workload;
 import java.io.IOException;
 import java.util.ArrayList;
+import java.util.HashMap;
 import java.util.List;
+import java.util.Map;
+import java.util.TreeMap;
+import java.util.regex.Matcher;
+import java.util.regex.Pattern;
+import java.util.stream.Stream;
 import javax.servlet.Filter;
 import javax.servlet.FilterChain;
 import javax.servlet.ServletException;
@@ -15,15 +29,21 @@ import javax.servlet.http.HttpServletRequest;
 import javax.servlet.http.HttpServletResponse;
 
 /**
- * The web application's control servlet, which the soak's driver talks to: op=arm switches the
- * agent on through the managed layer of the web application's own WEB-INF/lib and finds the page
- * (requested once before); op=mode&amp;mode=... starts a phase; op=verdict gives the phase's
- * figures on one line, then "OK" or "FAILED" with what went wrong; op=heap takes a histogram and a GC-root tree, each
- * of which must count the KEPT objects exactly, and a data dump. Stopping the web application
- * clears everything and switches the agent off.
+ * The web application's debugger of its own page, driven by the soak through this servlet:
+ * op=mode&amp;mode=... starts a phase (the first one switches the agent on through the managed layer
+ * of the web application's own WEB-INF/lib and finds the page, requested once before); op=heap takes
+ * a histogram and a GC-root tree, each of which must count the KEPT objects exactly, and a data dump;
+ * op=verdict gives the phase's figures on one line, then "OK" or "FAILED" with what went wrong.
+ *
+ * <p>The breakpoint stands on the page's HIT line, found through the compiled page's source map and
+ * line table. At every hit the page's locals are checked against what the request sent (the filter
+ * around each request tells); every STEP_EVERY-th hit is stepped over and each stop checked against
+ * the page line it should be at. Each phase counts into a workload of its own, with hooks for every
+ * other event registered anew. Stopping the web application clears everything and switches the
+ * agent off. A web application has one servlet instance: the debugger's state is static.
  */
 public final class SoakControl extends HttpServlet {
-    /** The page under the debugger (the driver deploys it), and the page lines the debugger knows. */
+    /** The page under the debugger (the driver deploys it). */
     public static final String PAGE = """
             <%@ page contentType="text/plain; charset=UTF-8" session="false" %>
             <%
@@ -36,87 +56,210 @@ public final class SoakControl extends HttpServlet {
                 String reply = tag + "=" + sum;
             %><%= reply %>
             """;
-    static final int HIT_LINE = 5;
-    static final int LOOP_LINE = 6;
-    static final int BODY_LINE = 7;
-    static final int AFTER_LINE = 9;
+    private static final int HIT_LINE = 5;
+    private static final int LOOP_LINE = 6;
+    private static final int BODY_LINE = 7;
+    private static final int AFTER_LINE = 9;
+    private static final String PAGE_CLASS = "org.apache.jsp.loop_jsp";
+    private static final String SERVICE =
+            "_jspService(Ljavax/servlet/http/HttpServletRequest;Ljavax/servlet/http/HttpServletResponse;)V";
+    /** An entry of a source map's line section: page line[#file][,repeat]:Java line[,increment]. */
+    private static final Pattern SMAP_ENTRY =
+            Pattern.compile("^(\\d+)(?:#\\d+)?(?:,(\\d+))?:(\\d+)(?:,(\\d+))?$", Pattern.MULTILINE);
+    private static final int STEP_EVERY = 8;
     private static final long serialVersionUID = 1L;
-    private static final List<Kept> KEPT = new ArrayList<>();
-    private static volatile JspDebugger debugger;
+
+    /** NONE: no breakpoint set; OFF: set, its events switched off. */
+    private enum Mode { NONE, PER_THREAD, VM_WIDE, OFF }
+
+    /** What one request sent; the page lines of its stops once its hit steps. */
+    private record Request(String tag, int count, List<Integer> stops) {
+    }
 
     /** Objects that only the heap walks look for. */
     public static final class Kept {
     }
 
-    static {
-        for (int i = 0; i < 321; i++) {
-            KEPT.add(new Kept());
-        }
-    }
+    private static final List<Kept> KEPT = Stream.generate(Kept::new).limit(321).toList();
+    private static final ThreadLocal<Request> CURRENT = new ThreadLocal<>();
+    private static final TreeMap<Long, Integer> JAVA_LINE_AT = new TreeMap<>();
+    private static final Map<Integer, Integer> PAGE_LINE_OF = new HashMap<>();
+    private static volatile JvmtiApi api;
+    private static Class<?> page;
+    private static BreakpointLocation breakpoint;
+    private static volatile Mode mode = Mode.NONE;
+    private static volatile Workload work;
 
     @Override
     protected void doGet(HttpServletRequest request, HttpServletResponse response) throws IOException {
-        String answer;
-        try {
-            answer = answer(request.getParameter("op"), request.getParameter("mode"));
-        } catch (RuntimeException e) {
-            response.setStatus(HttpServletResponse.SC_INTERNAL_SERVER_ERROR);
-            answer = e.toString();
-        }
+        String answer = switch (request.getParameter("op")) {
+            case "mode" -> switchTo(Mode.valueOf(request.getParameter("mode")));
+            case "heap" -> {
+                work.checkHeap(Kept.class, KEPT.size(), 60_000);
+                work.requestDump();
+                yield "";
+            }
+            default -> verdict();
+        };
         response.setContentType("text/plain; charset=UTF-8");
         response.getWriter().print(answer);
     }
 
-    private static String answer(String op, String mode) {
-        switch (op) {
-            case "arm":
-                arm();
-                return "armed";
-            case "mode":
-                debugger.switchTo(JspDebugger.Mode.valueOf(mode));
-                return mode;
-            case "heap":
-                debugger.work.checkHeap(Kept.class, KEPT.size(), 60_000);
-                debugger.work.requestDump();
-                return "";
-            default:
-                return debugger.verdict();
+    /** Starts a phase: sets or clears the breakpoint and switches its events VM-wide as the mode asks. */
+    private static synchronized String switchTo(Mode next) {
+        if (api == null) {
+            arm();
         }
+        work = new Workload(api);
+        work.registerHooks((BreakpointHook) SoakControl::breakpointHit);
+        if (mode == Mode.VM_WIDE) {
+            switchEvents(null, false);
+        }
+        if (mode == Mode.NONE && next != Mode.NONE) {
+            api.setBreakpoint(breakpoint);
+        } else if (mode != Mode.NONE && next == Mode.NONE) {
+            api.clearBreakpoint(breakpoint);
+        }
+        if (next == Mode.VM_WIDE) {
+            switchEvents(null, true);
+        }
+        mode = next;
+        return next.name();
     }
 
-    private static synchronized void arm() {
+    /** Switches the agent on and finds the compiled page (a first request loaded it) and the breakpoint's place in it. */
+    private static void arm() {
         if (JvmtiApi.class.getClassLoader() != SoakControl.class.getClassLoader()) {
             throw new IllegalStateException("the managed layer is not the web application's own");
         }
-        debugger = new JspDebugger(Workload.activated().api);
+        api = Workload.activated().api;
+        api.listClasses((ClassCallback) clazz -> page = clazz.getName().equals(PAGE_CLASS) ? clazz : page);
+        readSourceMap(api.getSourceDebugExtension(page));
+        api.getLineNumbersV2(page, SERVICE, (LineNumberCallback) (location, line) -> JAVA_LINE_AT.put(location, line));
+        long hit = JAVA_LINE_AT.entrySet().stream().filter(e -> Integer.valueOf(HIT_LINE).equals(PAGE_LINE_OF.get(e.getValue())))
+                .mapToLong(Map.Entry::getKey).min().orElseThrow(() -> new IllegalStateException("no code for the hit line"));
+        breakpoint = new BreakpointLocation(page, SERVICE, hit);
+    }
+
+    /**
+     * The page line of each Java line the source map covers, read here rather than by the agent so
+     * that its stepping is checked against a second opinion. The page includes no other file, so
+     * every entry is the page's. With increment 0 the page lines share their first Java line, which
+     * then belongs to the first of them.
+     */
+    private static void readSourceMap(String smap) {
+        Matcher entry = SMAP_ENTRY.matcher(smap.substring(smap.indexOf("\n*L\n")));
+        while (entry.find()) {
+            int from = Integer.parseInt(entry.group(1));
+            int repeat = entry.group(2) == null ? 1 : Integer.parseInt(entry.group(2));
+            int javaStart = Integer.parseInt(entry.group(3));
+            int increment = entry.group(4) == null ? 1 : Integer.parseInt(entry.group(4));
+            int step = Math.max(1, increment);
+            for (int k = 0; k < repeat * step; k++) {
+                PAGE_LINE_OF.putIfAbsent(javaStart + k / step * increment + k % step, from + k / step);
+            }
+        }
+    }
+
+    /**
+     * The phase's verdict: a hit for every request of the page while its events are switched on,
+     * none otherwise, and every stepped hit stopped where it should, the last step included.
+     */
+    private static String verdict() {
+        long requests = work.figure("requests");
+        long hits = work.figure("hits");
+        if (requests == 0 || hits != (mode == Mode.PER_THREAD || mode == Mode.VM_WIDE ? requests : 0)) {
+            work.fail(hits + " hits for " + requests + " requests");
+        }
+        if (work.figure("stepped") != work.figure("steppedAsExpected")) {
+            work.fail("not every stepped hit stopped where it should");
+        }
+        return work.verdict();
+    }
+
+    private static void switchEvents(Thread thread, boolean on) {
+        if (!api.setEventNotificationMode(thread, JvmtiEvent.BREAKPOINT, on)) {
+            work.fail("breakpoint events not switched " + (on ? "on" : "off") + " for " + thread);
+        }
     }
 
     @Override
     public void destroy() {
-        JspDebugger armed = debugger;
-        debugger = null;
-        if (armed != null) {
-            armed.switchTo(JspDebugger.Mode.NONE);
-            armed.work.clearHooks();
-            armed.api.setActive(false);
+        if (api != null) {
+            switchTo(Mode.NONE);
+            work.clearHooks();
+            api.setActive(false);
         }
     }
 
-    /** Around each request of the page: tells the debugger what the request sent. */
+    private static int breakpointHit(BreakpointLocation location, ThreadContext context) {
+        Request request = CURRENT.get();
+        if (request == null) {
+            work.fail("a stop outside the requests of the page, on " + Thread.currentThread().getName());
+            return StepType.CONTINUE;
+        }
+        boolean atBreakpoint = location.getMemberClass() == page && location.getLocation() == breakpoint.getLocation();
+        return atBreakpoint ? hit(request, context) : stepStop(request, location);
+    }
+
+    private static int hit(Request request, ThreadContext context) {
+        Map<String, Object> locals = new HashMap<>();
+        api.listVariables(context.getThread(), context.getFrameCount(), 1,
+                (VariableCallback) (name, value, signature) -> locals.put(name, value) == null);
+        if (!request.tag.equals(locals.get("tag")) || !Integer.valueOf(request.count).equals(locals.get("count"))) {
+            work.fail("locals " + locals + " at tag=" + request.tag + " n=" + request.count);
+        }
+        if (work.count("hits") % STEP_EVERY != 0) {
+            return StepType.CONTINUE;
+        }
+        work.count("stepped");
+        return StepType.STEP_OVER;
+    }
+
+    /**
+     * From the hit on, step-overs stop at the loop's head, its body, the head again, and then the
+     * body once more or, after a single turn, the line after the loop.
+     */
+    private static int stepStop(Request request, BreakpointLocation location) {
+        Map.Entry<Long, Integer> line = JAVA_LINE_AT.floorEntry(location.getLocation());
+        boolean inPage = location.getMemberClass() == page && SERVICE.equals(location.getMemberSignature());
+        request.stops.add(inPage && line != null ? PAGE_LINE_OF.getOrDefault(line.getValue(), -1) : -1);
+        List<Integer> expected = List.of(LOOP_LINE, BODY_LINE, LOOP_LINE, request.count > 1 ? BODY_LINE : AFTER_LINE);
+        if (request.stops.size() < expected.size()) {
+            return StepType.STEP_OVER;
+        }
+        if (expected.equals(request.stops)) {
+            work.count("steppedAsExpected");
+        } else {
+            work.fail("step-overs stopped at page lines " + request.stops + ", expected " + expected);
+        }
+        return StepType.CONTINUE;
+    }
+
+    /**
+     * Around each request of the page: tells the debugger what the request sent and, in the phase
+     * that asks for it, switches breakpoint events on for the request's thread. The phase does not
+     * change while requests run: the driver starts the next one after the last answer.
+     */
     public static final class RequestFilter implements Filter {
         @Override
         public void doFilter(ServletRequest request, ServletResponse response, FilterChain chain)
                 throws IOException, ServletException {
-            JspDebugger armed = debugger;
-            if (armed != null) {
-                armed.begin(request.getParameter("tag"), Integer.parseInt(request.getParameter("n")));
+            boolean perThread = mode == Mode.PER_THREAD;
+            if (api != null) {
+                work.count("requests");
+                CURRENT.set(new Request(request.getParameter("tag"), Integer.parseInt(request.getParameter("n")), new ArrayList<>()));
+                if (perThread) {
+                    switchEvents(Thread.currentThread(), true);
+                }
             }
             try {
                 chain.doFilter(request, response);
             } finally {
-                if (armed != null) {
-                    armed.end();
+                if (perThread) {
+                    switchEvents(Thread.currentThread(), false);
                 }
+                CURRENT.remove();
             }
         }
     }
