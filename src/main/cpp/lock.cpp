@@ -27,25 +27,10 @@ void JavaLock::lock() { KV_MONITOR_CALL(RawMonitorEnter(m_monitor), "RawMonitorE
 
 void JavaLock::release() { KV_MONITOR_CALL(RawMonitorExit(m_monitor), "RawMonitorExit"); }
 
-void JavaLock::notify() { KV_MONITOR_CALL(RawMonitorNotify(m_monitor), "RawMonitorNotify"); }
-
-void JavaLock::notify_all() { KV_MONITOR_CALL(RawMonitorNotifyAll(m_monitor), "RawMonitorNotifyAll"); }
-
-void JavaLock::wait(jlong millis) {
-    if (m_monitor == nullptr) return;
-    jvmtiError error = g_jvmti->RawMonitorWait(m_monitor, millis);
-    if (error != JVMTI_ERROR_NONE) {
-        LOG_ERROR("Failed to RawMonitorWait(%d) %s %d", static_cast<int>(millis), get_error_message(error).c_str(),
-                  error);
-    }
-}
-
-void JavaLock::wait() { wait(0); }
-
 JavaLock::~JavaLock() { KV_MONITOR_CALL(DestroyRawMonitor(m_monitor), "DestroyRawMonitor"); }
 
 JavaLockGuard::JavaLockGuard(JavaLock* lock) : m_lock(lock) {
-    LOG_FINE("aquire %p", static_cast<void*>(lock));
+    LOG_FINE("acquire %p", static_cast<void*>(lock));
     if (m_lock != nullptr) m_lock->lock();
 }
 

@@ -25,10 +25,6 @@ public:
 
     void lock();
     void release();
-    void wait(jlong millis);
-    void wait();  // no time limit
-    void notify();
-    void notify_all();
 
     bool is_inert() const { return m_monitor == nullptr; }
 

@@ -27,18 +27,13 @@ FakeJvmti::FakeJvmti() : m_previous(g_jvmti) {
         *monitor = reinterpret_cast<jrawMonitorID>(++of(env).m_monitors_created);
         return of(env).record("CreateRawMonitor", name);
     };
-// The monitor entries other than wait differ only in their names.
+// The monitor entries differ only in their names.
 #define KV_FAKE_MONITOR_ENTRY(name) \
     m_table.name = [](jvmtiEnv* env, jrawMonitorID m) { return of(env).monitor_call(#name, m); }
     KV_FAKE_MONITOR_ENTRY(DestroyRawMonitor);
     KV_FAKE_MONITOR_ENTRY(RawMonitorEnter);
     KV_FAKE_MONITOR_ENTRY(RawMonitorExit);
-    KV_FAKE_MONITOR_ENTRY(RawMonitorNotify);
-    KV_FAKE_MONITOR_ENTRY(RawMonitorNotifyAll);
 #undef KV_FAKE_MONITOR_ENTRY
-    m_table.RawMonitorWait = [](jvmtiEnv* env, jrawMonitorID m, jlong millis) {
-        return of(env).monitor_call("RawMonitorWait", m, ", " + std::to_string(millis));
-    };
     functions = &m_table;
     g_jvmti = this;
 }
@@ -51,8 +46,8 @@ jvmtiError FakeJvmti::record(const char* function, const std::string& arguments)
     return found == m_failures.end() ? JVMTI_ERROR_NONE : found->second;
 }
 
-jvmtiError FakeJvmti::monitor_call(const char* function, jrawMonitorID monitor, const std::string& extra) {
-    return record(function, "#" + std::to_string(reinterpret_cast<uintptr_t>(monitor)) + extra);
+jvmtiError FakeJvmti::monitor_call(const char* function, jrawMonitorID monitor) {
+    return record(function, "#" + std::to_string(reinterpret_cast<uintptr_t>(monitor)));
 }
 
 std::string stderr_of(int level, const std::function<void()>& body) {

@@ -34,7 +34,7 @@ private:
     static FakeJvmti& of(jvmtiEnv* env) { return *static_cast<FakeJvmti*>(env); }
     // Records the call and answers with the error set for it, if any.
     jvmtiError record(const char* function, const std::string& arguments = "");
-    jvmtiError monitor_call(const char* function, jrawMonitorID monitor, const std::string& extra = "");
+    jvmtiError monitor_call(const char* function, jrawMonitorID monitor);
 
     jvmtiInterface_1_ m_table{};
     jvmtiEnv* m_previous;

@@ -16,9 +16,6 @@ namespace {
 // Every operation of a lock; returns whether the lock was inert.
 bool use_every_operation() {
     JavaLock lock("L");
-    lock.wait(250);
-    lock.notify();
-    lock.notify_all();
     JavaLockGuard guard(&lock);
     return lock.is_inert();
 }
@@ -32,14 +29,11 @@ TEST(JavaLock, GuardsHoldTheMonitorForTheirScopeInNestingOrder) {
                     JavaLockGuard a(&outer);
                     JavaLockGuard b(&inner);
                     JavaLockGuard nothing(nullptr);
-                    inner.wait(5000000000);  // beyond 32 bits: the time limit must reach the VM whole
-                    inner.wait();
                 }),
                 IsEmpty());
     EXPECT_THAT(fake.calls,
                 ElementsAre("CreateRawMonitor(Outer)", "CreateRawMonitor(Inner)", "RawMonitorEnter(#1)",
-                            "RawMonitorEnter(#2)", "RawMonitorWait(#2, 5000000000)", "RawMonitorWait(#2, 0)",
-                            "RawMonitorExit(#2)", "RawMonitorExit(#1)", "DestroyRawMonitor(#2)", "DestroyRawMonitor(#1)"));
+                            "RawMonitorEnter(#2)", "RawMonitorExit(#2)", "RawMonitorExit(#1)", "DestroyRawMonitor(#2)", "DestroyRawMonitor(#1)"));
 }
 
 // Each operation reaches its own entry, and its failure is logged with the VM's name of the error
@@ -49,9 +43,6 @@ TEST(JavaLock, FailedCallsAreLoggedAndAFailedCreationLeavesAnInertLock) {
     for (auto [function, logged] : {std::pair{"CreateRawMonitor", "CreateRawMonitor(L) name-of-51 51"},
                                     {"RawMonitorEnter", "RawMonitorEnter name-of-51 51"},
                                     {"RawMonitorExit", "RawMonitorExit name-of-51 51"},
-                                    {"RawMonitorWait", "RawMonitorWait(250) name-of-51 51"},
-                                    {"RawMonitorNotify", "RawMonitorNotify name-of-51 51"},
-                                    {"RawMonitorNotifyAll", "RawMonitorNotifyAll name-of-51 51"},
                                     {"DestroyRawMonitor", "DestroyRawMonitor name-of-51 51"}}) {
         SCOPED_TRACE(function);
         FakeJvmti fake;

@@ -48,7 +48,8 @@ KV_PROBE(void, restoreUserEvents)(JNIEnv*, jclass, jthread thread, jlong saved) 
 
 KV_PROBE(jint, smapLine)(JNIEnv* env, jclass, jstring smap, jint line) {
     StringUtfChars text(env, smap);
-    return text.get() != nullptr ? get_jsp_line_from_smap(text.get(), line) : line;
+    // The prepared map that steps judge by, not the plain text reader.
+    return text.get() != nullptr ? SourceMap(text.get()).map(line) : line;
 }
 
 KV_PROBE(jint, breakpointCount)(JNIEnv*, jclass) { return static_cast<jint>(s_breakpoint_counter.load()); }
