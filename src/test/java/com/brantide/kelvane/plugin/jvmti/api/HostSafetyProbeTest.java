@@ -10,14 +10,15 @@ import com.brantide.kelvane.plugin.jvmti.JVMTIException;
 import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
 import com.brantide.kelvane.plugin.jvmti.StepType;
 import com.brantide.kelvane.plugin.jvmti.ThreadContext;
+import com.brantide.kelvane.plugin.jvmti.fixtures.StackTarget;
 import com.brantide.kelvane.plugin.jvmti.testing.ActiveApi;
+import com.brantide.kelvane.plugin.jvmti.testing.ThreadKind;
 import java.lang.management.ManagementFactory;
 import java.lang.ref.WeakReference;
 import java.net.URL;
 import java.net.URLClassLoader;
 import java.util.ArrayList;
 import java.util.List;
-import java.util.concurrent.CopyOnWriteArrayList;
 import java.util.concurrent.CountDownLatch;
 import java.util.stream.IntStream;
 import java.util.stream.Stream;
@@ -33,13 +34,12 @@ class HostSafetyProbeTest {
     @RegisterExtension
     final ActiveApi agent = new ActiveApi();
     private final JvmtiApi api = agent.api;
-    private final List<Thread> started = new CopyOnWriteArrayList<>();  // callbacks start threads too
-    private volatile boolean running = true;
+    /** Lets the threads of a test go on; they wait for it holding StackTarget's monitors. */
+    private final CountDownLatch release = new CountDownLatch(1);
 
     @AfterEach
-    void stopThreads() {
-        running = false;
-        started.forEach(HostSafetyProbeTest::finish);
+    void releaseThreads() {
+        release.countDown();
     }
 
     @Test
@@ -64,31 +64,23 @@ class HostSafetyProbeTest {
 
     @Test
     void noLockOfTheAgentIsHeldWhileACallbackRuns() throws Exception {
-        Object monitor = new Object();
-        CountDownLatch holding = new CountDownLatch(1);
-        Thread target = start("holder", () -> {
-            synchronized (monitor) {
-                holding.countDown();
-                spin();
-            }
-        });
-        holding.await();
-        Thread other = start("other", this::spin);
+        Thread target = ThreadKind.inPlace("holder", 0, entered -> StackTarget.one(entered, release));
+        Thread other = ThreadKind.inPlace("other", 0, entered -> StackTarget.three(entered, release));
         // The callback needs the monitor that the suspended target holds. Only another thread lets it
         // go on, by suspending and resuming a third one and then the target: no lock of the agent,
         // for suspensions or for the target, may hold that thread up.
-        Thread debugger = start("debugger", () -> api.suspendThread(target, (SuspendCallback) (location, context) -> {
-            start("resumer", () -> {
+        Thread debugger = daemon(new Thread(() -> api.suspendThread(target, (SuspendCallback) (location, context) -> {
+            daemon(new Thread(() -> {
                 api.suspendThread(other, (SuspendCallback) (where, suspended) -> { });
                 api.resumeThread(other, StepType.CONTINUE);
                 api.resumeThread(target, StepType.CONTINUE);
-                running = false;
-            });
-            synchronized (monitor) {
+                release.countDown();
+            }));
+            synchronized (StackTarget.FIRST) {
                 assertEquals(target, context.getThread());
             }
-        }));
-        finish(debugger);
+        })));
+        debugger.join(20_000);
         assertFalse(debugger.isAlive(), "the callback waited for a thread that the agent held up");
     }
 
@@ -97,8 +89,8 @@ class HostSafetyProbeTest {
         // A thread whose getId() claims to be the caller: the agent must tell the two apart.
         Thread caller = Thread.currentThread();
         long callerEvents = AgentProbe.userEvents(caller);
-        CountDownLatch spinning = new CountDownLatch(1);
-        Thread liar = start(new Thread("liar") {
+        CountDownLatch waiting = new CountDownLatch(1);
+        Thread liar = daemon(new Thread("liar") {
             @Override
             public long getId() {
                 return caller.getId();
@@ -106,11 +98,10 @@ class HostSafetyProbeTest {
 
             @Override
             public void run() {
-                spinning.countDown();
-                spin();
+                StackTarget.three(waiting, release);
             }
         });
-        spinning.await();
+        waiting.await();
         List<ThreadContext> seen = new ArrayList<>();
         api.suspendThread(liar, (SuspendCallback) (location, context) -> seen.add(context));
         api.resumeThread(liar, StepType.CONTINUE);
@@ -209,28 +200,8 @@ class HostSafetyProbeTest {
         }
     }
 
-    private void spin() {
-        while (running) {
-            Thread.onSpinWait();
-        }
-    }
-
-    /** Waits for the thread, a while at most: a thread still alive afterwards is stuck. */
-    private static void finish(Thread thread) {
-        try {
-            thread.join(20_000);
-        } catch (InterruptedException e) {
-            Thread.currentThread().interrupt();
-        }
-    }
-
-    private Thread start(String name, Runnable body) {
-        return start(new Thread(body, name));
-    }
-
-    private Thread start(Thread thread) {
+    private static Thread daemon(Thread thread) {
         thread.setDaemon(true);
-        started.add(thread);
         thread.start();
         return thread;
     }
