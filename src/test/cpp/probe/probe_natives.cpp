@@ -22,7 +22,7 @@
 #define KV_PROBE(returns, name) \
     extern "C" JNIEXPORT returns JNICALL Java_com_brantide_kelvane_plugin_jvmti_api_AgentProbe_##name
 
-// Per-thread records and masks, read and switched as the agent's own paths do; -1 without a record.
+// Per-thread records and the user mask, read and switched as the agent's own paths do; -1 without a record.
 namespace {
 jlong read_mask(jthread thread, std::atomic<jlong> ThreadData::*mask) {
     ThreadDataAccess access(thread);
@@ -34,16 +34,9 @@ KV_PROBE(jboolean, hasThreadData)(JNIEnv*, jclass, jthread thread) {
     return read_mask(thread, &ThreadData::user_events) != -1 ? JNI_TRUE : JNI_FALSE;
 }
 KV_PROBE(jlong, userEvents)(JNIEnv*, jclass, jthread thread) { return read_mask(thread, &ThreadData::user_events); }
-KV_PROBE(jlong, activeEvents)(JNIEnv*, jclass, jthread thread) { return read_mask(thread, &ThreadData::active_events); }
 
 KV_PROBE(jboolean, setEvent)(JNIEnv*, jclass, jboolean enable, jint event, jthread thread, jboolean user) {
     return set_event(enable ? JVMTI_ENABLE : JVMTI_DISABLE, event, thread, user) ? JNI_TRUE : JNI_FALSE;
-}
-
-KV_PROBE(jlong, clearActiveEvents)(JNIEnv*, jclass, jthread thread) { return clear_active_events(thread); }
-
-KV_PROBE(void, restoreUserEvents)(JNIEnv*, jclass, jthread thread, jlong saved) {
-    restore_user_events(thread, saved);
 }
 
 KV_PROBE(jint, smapLine)(JNIEnv* env, jclass, jstring smap, jint line) {

@@ -10,15 +10,8 @@ public final class AgentProbe {
     /** The thread's user mask, or -1 without a record. */
     static native long userEvents(Thread thread);
 
-    /** The thread's active mask, or -1 without a record. */
-    static native long activeEvents(Thread thread);
-
     /** Switches an event as the agent's internal paths do (user false) or as the managed side does. */
     public static native boolean setEvent(boolean enable, int event, Thread thread, boolean user);
-
-    static native long clearActiveEvents(Thread thread);
-
-    static native void restoreUserEvents(Thread thread, long saved);
 
     /** The template line the agent's SMAP reader gives for a Java line. */
     static native int smapLine(String smap, int line);

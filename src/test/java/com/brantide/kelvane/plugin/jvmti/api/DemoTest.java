@@ -15,10 +15,7 @@ class DemoTest {
     @Test
     void theTranscriptShowsTheWholeSession() throws Exception {
         Path out = Files.createTempDirectory(ChildJvm.workDirectory(), "demo");
-        ChildJvm.Result result;
-        try (ChildJvm.Running demo = ChildJvm.main("com.brantide.kelvane.demo.Demo", out.toString()).start()) {
-            result = demo.await(120).assertClean();
-        }
+        ChildJvm.Result result = ChildJvm.main("com.brantide.kelvane.demo.Demo", out.toString()).run().assertClean();
         String transcript = result.stdout + result.stderr;
         assertTrue(result.agentMessages().stream().noneMatch(m -> m.startsWith("ERROR")), transcript);
 

@@ -73,14 +73,8 @@ class HeapProbeTest {
 
     /** [count, size] of the class in the VM's own histogram. */
     private static List<Long> jcmdHistogram(String className) throws Exception {
-        // Into a file, not a pipe: newer VMs stream the histogram to jcmd while they hold this VM at
-        // a safepoint, so a pipe that this VM must drain would never empty.
-        Path output = ChildJvm.workDirectory().resolve("jcmd-histogram.txt");
-        assertEquals(0, new ProcessBuilder(Path.of(System.getProperty("java.home"), "bin", "jcmd").toString(),
-                Long.toString(ProcessHandle.current().pid()), "GC.class_histogram", "-all")
-                .redirectOutput(output.toFile()).start().waitFor());
-        return Files.readAllLines(output).stream().map(JCMD_LINE::matcher)
-                .filter(m -> m.find() && m.group(3).equals(className))
+        return ChildJvm.jcmd(ProcessHandle.current().pid(), "GC.class_histogram", "-all").lines()
+                .map(JCMD_LINE::matcher).filter(m -> m.find() && m.group(3).equals(className))
                 .map(m -> List.of(Long.parseLong(m.group(1)), Long.parseLong(m.group(2)))).findFirst().orElseThrow();
     }
 

@@ -10,16 +10,15 @@ import com.brantide.kelvane.plugin.jvmti.JVMTIException;
 import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
 import com.brantide.kelvane.plugin.jvmti.StepType;
 import com.brantide.kelvane.plugin.jvmti.ThreadContext;
-import com.brantide.kelvane.plugin.jvmti.fixtures.StepTarget;
+import com.brantide.kelvane.plugin.jvmti.fixtures.StackTarget;
 import com.brantide.kelvane.plugin.jvmti.testing.ActiveApi;
-import com.brantide.kelvane.plugin.jvmti.testing.Stops;
+import com.brantide.kelvane.plugin.jvmti.testing.ThreadKind;
 import java.lang.management.ManagementFactory;
 import java.lang.ref.WeakReference;
 import java.net.URL;
 import java.net.URLClassLoader;
 import java.util.ArrayList;
 import java.util.List;
-import java.util.concurrent.CopyOnWriteArrayList;
 import java.util.concurrent.CountDownLatch;
 import java.util.stream.IntStream;
 import java.util.stream.Stream;
@@ -29,20 +28,18 @@ import org.junit.jupiter.api.extension.RegisterExtension;
 
 /**
  * What the agent must never do to its host: leave a thread suspended that nobody will resume, hold
- * a lock of its own while managed code runs, run application code by accident, pin a class loader,
- * or lose a breakpoint hit to its own bookkeeping.
+ * a lock of its own while managed code runs, run application code by accident, or pin a class loader.
  */
 class HostSafetyProbeTest {
     @RegisterExtension
     final ActiveApi agent = new ActiveApi();
     private final JvmtiApi api = agent.api;
-    private final List<Thread> started = new CopyOnWriteArrayList<>();  // callbacks start threads too
-    private volatile boolean running = true;
+    /** Lets the threads of a test go on; they wait for it holding StackTarget's monitors. */
+    private final CountDownLatch release = new CountDownLatch(1);
 
     @AfterEach
-    void stopThreads() {
-        running = false;
-        started.forEach(HostSafetyProbeTest::finish);
+    void releaseThreads() {
+        release.countDown();
     }
 
     @Test
@@ -67,58 +64,24 @@ class HostSafetyProbeTest {
 
     @Test
     void noLockOfTheAgentIsHeldWhileACallbackRuns() throws Exception {
-        Object monitor = new Object();
-        CountDownLatch holding = new CountDownLatch(1);
-        Thread target = start("holder", () -> {
-            synchronized (monitor) {
-                holding.countDown();
-                spin();
-            }
-        });
-        holding.await();
-        Thread other = start("other", this::spin);
+        Thread target = ThreadKind.inPlace("holder", 0, entered -> StackTarget.one(entered, release));
+        Thread other = ThreadKind.inPlace("other", 0, entered -> StackTarget.three(entered, release));
         // The callback needs the monitor that the suspended target holds. Only another thread lets it
         // go on, by suspending and resuming a third one and then the target: no lock of the agent,
         // for suspensions or for the target, may hold that thread up.
-        Thread debugger = start("debugger", () -> api.suspendThread(target, (SuspendCallback) (location, context) -> {
-            start("resumer", () -> {
+        Thread debugger = daemon(new Thread(() -> api.suspendThread(target, (SuspendCallback) (location, context) -> {
+            daemon(new Thread(() -> {
                 api.suspendThread(other, (SuspendCallback) (where, suspended) -> { });
                 api.resumeThread(other, StepType.CONTINUE);
                 api.resumeThread(target, StepType.CONTINUE);
-                running = false;
-            });
-            synchronized (monitor) {
+                release.countDown();
+            }));
+            synchronized (StackTarget.FIRST) {
                 assertEquals(target, context.getThread());
             }
-        }));
-        finish(debugger);
+        })));
+        debugger.join(20_000);
         assertFalse(debugger.isAlive(), "the callback waited for a thread that the agent held up");
-    }
-
-    @Test
-    void aStepStopThatSwitchesBreakpointsOffLosesNoLaterHit() throws Exception {
-        BreakpointLocation first = Stops.breakpointAt(api, StepTarget.class, "caller-a");
-        api.setBreakpoint(first);  // cleared by the run
-        agent.setBreakpoint(Stops.breakpointAt(api, StepTarget.class, "caller-after"));
-        // The step stops where a breakpoint stands, and its hook switches breakpoints off there.
-        Stops stops = new Stops() {
-            @Override
-            public int breakpointHit(BreakpointLocation location, ThreadContext context) {
-                int answer = super.breakpointHit(location, context);
-                if (stops().size() == 3) {
-                    api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, false);
-                }
-                return answer;
-            }
-        }.answer(StepType.STEP_OVER, StepType.STEP_OVER, StepType.CONTINUE);
-        api.registerBreakpointHook(stops);
-        stops.run(api, () -> {
-            StepTarget.caller(1);
-            api.clearBreakpoint(first);
-            api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, true);
-            return StepTarget.caller(2);
-        });
-        assertEquals(Stops.at(StepTarget.class, "caller-a", "caller-call", "caller-after", "caller-after"), stops.stops());
     }
 
     @Test
@@ -126,8 +89,8 @@ class HostSafetyProbeTest {
         // A thread whose getId() claims to be the caller: the agent must tell the two apart.
         Thread caller = Thread.currentThread();
         long callerEvents = AgentProbe.userEvents(caller);
-        CountDownLatch spinning = new CountDownLatch(1);
-        Thread liar = start(new Thread("liar") {
+        CountDownLatch waiting = new CountDownLatch(1);
+        Thread liar = daemon(new Thread("liar") {
             @Override
             public long getId() {
                 return caller.getId();
@@ -135,11 +98,10 @@ class HostSafetyProbeTest {
 
             @Override
             public void run() {
-                spinning.countDown();
-                spin();
+                StackTarget.three(waiting, release);
             }
         });
-        spinning.await();
+        waiting.await();
         List<ThreadContext> seen = new ArrayList<>();
         api.suspendThread(liar, (SuspendCallback) (location, context) -> seen.add(context));
         api.resumeThread(liar, StepType.CONTINUE);
@@ -238,28 +200,8 @@ class HostSafetyProbeTest {
         }
     }
 
-    private void spin() {
-        while (running) {
-            Thread.onSpinWait();
-        }
-    }
-
-    /** Waits for the thread, a while at most: a thread still alive afterwards is stuck. */
-    private static void finish(Thread thread) {
-        try {
-            thread.join(20_000);
-        } catch (InterruptedException e) {
-            Thread.currentThread().interrupt();
-        }
-    }
-
-    private Thread start(String name, Runnable body) {
-        return start(new Thread(body, name));
-    }
-
-    private Thread start(Thread thread) {
+    private static Thread daemon(Thread thread) {
         thread.setDaemon(true);
-        started.add(thread);
         thread.start();
         return thread;
     }

@@ -40,8 +40,14 @@ class SteppingTest {
     private static final int TIGHT = 1;
     /** An answer that drops the breakpoint hook, then steps over: the step goes on unheard. */
     private static final int LEAVE = -1;
+    /**
+     * An answer that switches the thread's breakpoints off and tries to switch its single steps off
+     * (which is refused), then steps over: the step goes on by the agent's own switches.
+     */
+    private static final int OFF = -2;
     private static final Map<String, Integer> ANSWERS = Map.of("in", StepType.STEP_IN, "over", STEP_OVER, "out",
-            StepType.STEP_OUT, "noop", StepType.NOOP, "continue", StepType.CONTINUE, "leave", LEAVE, "garbage", 99);
+            StepType.STEP_OUT, "noop", StepType.NOOP, "continue", StepType.CONTINUE, "leave", LEAVE, "off", OFF,
+            "garbage", 99);
 
     @RegisterExtension
     final ActiveApi agent = new ActiveApi();
@@ -59,10 +65,7 @@ class SteppingTest {
                 + (line + 3) + ",2\n3:" + (line + 5) + ",2\n*E\n";
         mapped = (LongUnaryOperator) ClassFiles.withSourceDebugExtension(SmapTarget.class, smap).getConstructor()
                 .newInstance();
-        noLines = (LongUnaryOperator) ClassFiles.compiledWithoutDebugInformation("nolines.Loop",
-                "package nolines; public class Loop implements java.util.function.LongUnaryOperator {"
-                        + " public long applyAsLong(long n) { long s = 0; for (long i = 0; i < n; i++) s += i ^ s; return s; } }")
-                .getConstructor().newInstance();
+        noLines = (LongUnaryOperator) ClassFiles.withoutDebugInformation().getConstructor().newInstance();
         sources = List.of(StepTarget.class, mapped.getClass(), page, Class.forName("cfcomp2ecfc200$funcWORK"));
     }
 
@@ -111,6 +114,12 @@ class SteppingTest {
                         () -> StepTarget.caller(1), "caller-a"),
                 new Scenario(TIGHT, "a hook that leaves mid-step: the step ends unheard, not at the time limit",
                         "caller-a", "leave", () -> StepTarget.caller(1) + StepTarget.busy(1500), "caller-a"),
+                new Scenario(USUAL, "breakpoints switched off at a step stop on one: the step goes on, and once they are"
+                        + " on again no hit is lost", "caller-a caller-after", "over over off", () -> {
+                            StepTarget.caller(1);
+                            agent.api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, true);
+                            return StepTarget.caller(1);
+                        }, "caller-a caller-call caller-after caller-return caller-a caller-after"),
                 new Scenario(USUAL, "CFML: over the Java and component calls, and silently out of the last CFML frame",
                         "_factor0-a", "over over over over over", () -> runPage(1),
                         "_factor0-a _factor0-call _factor0-after _factor0-return runPage-call"),
@@ -131,8 +140,11 @@ class SteppingTest {
                 int answer = super.breakpointHit(location, context);
                 if (answer == LEAVE) {
                     agent.api.registerBreakpointHook(null);
+                } else if (answer == OFF) {
+                    agent.api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.BREAKPOINT, false);
+                    agent.api.setEventNotificationMode(Thread.currentThread(), JvmtiEvent.SINGLE_STEP, false);
                 }
-                return answer == LEAVE ? STEP_OVER : answer;
+                return answer < 0 ? STEP_OVER : answer;
             }
         }.answer(words(scenario.answers).mapToInt(ANSWERS::get).toArray());
         agent.api.registerBreakpointHook(stops);

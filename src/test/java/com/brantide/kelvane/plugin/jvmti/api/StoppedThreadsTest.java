@@ -36,10 +36,6 @@ import org.junit.jupiter.api.extension.RegisterExtension;
  * stacks and monitors, and each command that lets them go.
  */
 class StoppedThreadsTest {
-    private static final String NO_DEBUG_SOURCE = "package nodebug; public class Args {"
-            + " public String mixed(String s, long j, double d, int i) { return s + j + d + i; }"
-            + " public static int both(int[] a, int b) { return a.length + b; } }";
-
     @RegisterExtension
     final ActiveApi agent = new ActiveApi();
     private final JvmtiApi api = agent.api;
@@ -203,7 +199,7 @@ class StoppedThreadsTest {
 
     @Test
     void argumentsWithoutDebugInformationAndLoopVariablesAreWrittenAtTheirTrueSlots() throws Exception {
-        Class<?> args = ClassFiles.compiledWithoutDebugInformation("nodebug.Args", NO_DEBUG_SOURCE);
+        Class<?> args = ClassFiles.withoutDebugInformation();
         Object instance = args.getConstructor().newInstance();
         Method mixed = args.getMethod("mixed", String.class, long.class, double.class, int.class);
         Method both = args.getMethod("both", int[].class, int.class);

@@ -75,10 +75,10 @@ public final class ChildJvm {
         return new Running(process, stdout, stderr);
     }
 
-    /** Runs the JVM to its end (at most a minute) and returns what it wrote. */
+    /** Runs the JVM to its end (at most two minutes) and returns what it wrote. */
     public Result run() throws Exception {
         try (Running running = start()) {
-            return running.await(60);
+            return running.await(120);
         }
     }
 
@@ -90,13 +90,21 @@ public final class ChildJvm {
         return Objects.requireNonNull(System.getProperty(property), property + " is not set; run the tests through ctest");
     }
 
-    /** Runs jcmd against the VM of the process, a child's own too; the VM has carried the command out when it returns. */
+    /**
+     * Runs jcmd against the VM of the process, this one or a child's own; the VM has carried the
+     * command out when it returns. Its output goes into a file, not a pipe: newer VMs stream a
+     * histogram to jcmd while they hold the VM at a safepoint, so a pipe that the same VM must
+     * drain would never empty.
+     */
     public static String jcmd(long pid, String... command) throws Exception {
         List<String> line = new ArrayList<>(List.of(Path.of(System.getProperty("java.home"), "bin", "jcmd").toString(), Long.toString(pid)));
         line.addAll(List.of(command));
-        Process jcmd = new ProcessBuilder(line).redirectErrorStream(true).start();
-        String output = new String(jcmd.getInputStream().readAllBytes(), UTF_8);
-        if (!jcmd.waitFor(60, TimeUnit.SECONDS) || jcmd.exitValue() != 0) {
+        Path file = Files.createTempFile(workDirectory(), "jcmd-", ".out");
+        Process jcmd = new ProcessBuilder(line).redirectErrorStream(true).redirectOutput(file.toFile()).start();
+        boolean ended = jcmd.waitFor(60, TimeUnit.SECONDS);
+        String output = Files.readString(file);
+        Files.delete(file);
+        if (!ended || jcmd.exitValue() != 0) {
             throw new IllegalStateException("jcmd failed: " + output);
         }
         return output;

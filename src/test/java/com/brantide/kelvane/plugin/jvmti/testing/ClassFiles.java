@@ -33,15 +33,21 @@ public final class ClassFiles {
         return define(clazz.getName(), writer.toByteArray());
     }
 
-    /** Compiles a one-class source without any debug information and loads it. */
-    public static Class<?> compiledWithoutDebugInformation(String className, String source) throws Exception {
+    /**
+     * A class compiled without any debug information and loaded: no source file, no line table, no
+     * names of locals. Its methods take arguments of every width, and one loops.
+     */
+    public static Class<?> withoutDebugInformation() throws Exception {
         Path dir = Files.createTempDirectory("nodebug");
-        Path file = dir.resolve(className.substring(className.lastIndexOf('.') + 1) + ".java");
-        Files.writeString(file, source);
+        Path file = dir.resolve("Args.java");
+        Files.writeString(file, "package nodebug; public class Args implements java.util.function.LongUnaryOperator {"
+                + " public String mixed(String s, long j, double d, int i) { return s + j + d + i; }"
+                + " public static int both(int[] a, int b) { return a.length + b; }"
+                + " public long applyAsLong(long n) { long s = 0; for (long i = 0; i < n; i++) s += i ^ s; return s; } }");
         if (ToolProvider.getSystemJavaCompiler().run(null, null, null, "-g:none", "-d", dir.toString(), file.toString()) != 0) {
-            throw new IllegalStateException("javac failed on " + className);
+            throw new IllegalStateException("javac failed");
         }
-        return define(className, Files.readAllBytes(dir.resolve(className.replace('.', '/') + ".class")));
+        return define("nodebug.Args", Files.readAllBytes(dir.resolve("nodebug/Args.class")));
     }
 
     /** Defines the class in a loader of its own, even where the parent has one of that name. */

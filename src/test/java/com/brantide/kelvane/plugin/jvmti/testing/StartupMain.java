@@ -12,6 +12,7 @@ import com.brantide.kelvane.plugin.jvmti.fixtures.Target;
 import java.util.ArrayList;
 import java.util.Collections;
 import java.util.List;
+import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.locks.LockSupport;
 import java.util.stream.IntStream;
 
@@ -77,7 +78,7 @@ public final class StartupMain {
                 .filter(i -> names[i].equals(Kept.class.getName())).forEach(i -> kept[0] += counts[i]), 0);
         int[] rooted = {0};
         api.gcRoots((GCRootsCallback) root -> rooted[0] = root.getCount(), Kept.class.descriptorString(), 0, 3);
-        Thread sleeper = parked(new Thread(StartupMain::parkForever, "sleeper"));
+        Thread sleeper = ThreadKind.inPlace("sleeper", 0, StartupMain::parkForever);
         api.suspendThread(sleeper, null);
         int depth = api.getStackDepth(sleeper);
         api.resumeThread(sleeper, 2);
@@ -93,7 +94,7 @@ public final class StartupMain {
     private static void dump(JvmtiApi api) throws Exception {
         outcome(() -> api.getStackDepth(new Thread()));  // an error before registration, for the log
         api.registerClasses();
-        Thread worker = parked(ThreadKind.unstarted("dump-worker", StartupMain::parkForever));
+        Thread worker = ThreadKind.inPlace("dump-worker", 0, StartupMain::parkForever);
         new Target(1); // prepared, so that its members can carry breakpoints and watches
         api.setActive(true);
         api.registerThreadHook(new Object());
@@ -130,17 +131,8 @@ public final class StartupMain {
         }
     }
 
-    /** Starts the thread, a daemon, and returns it once it parks. */
-    private static Thread parked(Thread thread) {
-        thread.setDaemon(true);
-        thread.start();
-        while (thread.getState() != Thread.State.WAITING) {
-            Thread.onSpinWait();
-        }
-        return thread;
-    }
-
-    private static void parkForever() {
+    private static void parkForever(CountDownLatch parking) {
+        parking.countDown();
         while (true) {
             LockSupport.park();
         }

@@ -14,15 +14,19 @@ import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.HashMap;
+import java.util.List;
 import java.util.Map;
+import java.util.Set;
 import java.util.concurrent.TimeUnit;
+import java.util.function.IntSupplier;
 import org.junit.jupiter.api.Test;
 
 /**
- * The agent's SMAP reader against the JDK's own debugger, on a servlet that the JSP compiler really
- * generated: for every line of its line tables the agent must name the JSP line that JDI names.
+ * Code compiled from other languages, through the probe agent: the SMAP reader against the JDK's
+ * own debugger on a servlet that the JSP compiler really generated, and CFML depth and parent on
+ * classes shaped like compiled CFML (page, hidden chunk, Java, component).
  */
-class JspSmapProbeTest {
+class CfmlAndJspProbeTest {
     private static final String PAGE_CLASS = "org.apache.jsp.page_jsp";
     private static final String JSP_CLASSPATH = System.getProperty("kv.test.jsp-classpath");
 
@@ -83,5 +87,36 @@ class JspSmapProbeTest {
         arguments.get("options").setValue("-cp \"" + classpath + "\"");
         arguments.get("main").setValue(LoadPage.class.getName() + " " + PAGE_CLASS);
         return connector.launch(arguments);
+    }
+
+    @Test
+    void depthLeavesHiddenFramesOutAndTheParentIsTheCfmlCaller() throws Exception {
+        int[] seen = new int[6];
+        IntSupplier probe = () -> {
+            seen[0] = AgentProbe.frameCount();
+            seen[1] = AgentProbe.cfDepth();
+            seen[2] = indexOf("work");
+            seen[3] = AgentProbe.cfParent(seen[0] - seen[2]);
+            seen[4] = AgentProbe.cfParent(seen[0]);
+            seen[5] = indexOf("_factor0");
+            return 0;
+        };
+        Class.forName("cfcomp2ecfc200$funcWORK").getField("probe").set(null, probe);
+        Class.forName("cfstep2ecfm100").getMethod("runPage", int.class).invoke(null, 1);
+        assertEquals(seen[0] - 1, seen[1], "_factor0 is not counted");
+        assertEquals(seen[5], seen[3],
+                "the component's CFML caller is the first CFML frame below it, across Java, hidden or not");
+        assertEquals(seen[2], seen[4], "from the Java native on top (a Java lambda below it), the first CFML frame");
+        assertEquals(-1, AgentProbe.cfParent(AgentProbe.frameCount() + 1));
+    }
+
+    /**
+     * The index, counted as the agent counts from a native called where this is called, of the
+     * nearest frame running the named method. Hidden frames (the lambda's own class) count too.
+     */
+    private static int indexOf(String method) {
+        List<String> names = StackWalker.getInstance(Set.of(StackWalker.Option.SHOW_HIDDEN_FRAMES,
+                StackWalker.Option.SHOW_REFLECT_FRAMES)).walk(s -> s.map(StackWalker.StackFrame::getMethodName).toList());
+        return names.indexOf(method);
     }
 }
