@@ -34,11 +34,10 @@ public final class AgentMemoryMain {
     private AgentMemoryMain() {
     }
 
-    public static void main(String[] args) {
-        Workload.runOrHalt(() -> run(Integer.parseInt(args[0]), Integer.parseInt(args[1]), Integer.parseInt(args[2]), args[3]));
-    }
-
-    private static void run(int warmUp, int perBatch, int batches, String reports) throws Exception {
+    public static void main(String[] args) throws Exception {
+        int warmUp = Integer.parseInt(args[0]);
+        int perBatch = Integer.parseInt(args[1]);
+        int batches = Integer.parseInt(args[2]);
         StormTarget.keep(KEPT);
         StormTarget.hit(0);
         StormTarget.throwAndCatch(0);
@@ -47,7 +46,7 @@ public final class AgentMemoryMain {
             for (int i = 0; i < (stage == 0 ? warmUp : perBatch); i++) {
                 round(round++);
             }
-            measure(stage == 0 ? "warm" : "batch" + stage, reports);
+            measure(stage == 0 ? "warm" : "batch" + stage, args[3]);
         }
         System.out.println(WORK.verdict("hits", "steps", "spinnerStops", "listed", "fieldEvents", "exceptionEvents"));
         API.setActive(false);

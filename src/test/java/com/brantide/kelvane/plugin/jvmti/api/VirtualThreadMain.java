@@ -52,7 +52,7 @@ public final class VirtualThreadMain {
         return location.getLocation() == 0 ? StepType.STEP_OVER : StepType.CONTINUE;
     }
 
-    /** Runs the body on a virtual thread; what it raises, its uncaught-exception handler prints. */
+    /** Runs the body on a virtual thread; what it raises ends the VM with status 1. */
     private static void runVirtual(String name, Runnable body) throws InterruptedException {
         Thread thread = ThreadKind.unstarted(name, body);
         thread.start();

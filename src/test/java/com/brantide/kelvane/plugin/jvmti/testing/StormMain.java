@@ -26,6 +26,8 @@ import java.util.concurrent.locks.LockSupport;
  * every thread's hits equal its calls, every thread start and end reached the thread hook, every
  * heap walk counted the kept objects exactly and every kind of work reached the agent's hooks and
  * callbacks; otherwise "FAILED" with the reasons.
+ *
+ * <p>With an argument, it exits mid-storm instead: see {@link #exitMidStorm}.
  */
 public final class StormMain {
     private static final int HITTERS = 8;
@@ -39,16 +41,25 @@ public final class StormMain {
     /** The short-lived thread started last, maybe ended already. */
     private volatile Thread newest;
     private final List<Thread> hitters = new ArrayList<>();
+    private Thread spinner;
+    /** Milliseconds from everything in place to System.exit(0), or -1 for a storm until standard input closes. */
+    private final long exitDelay;
+    /** Objects that make the heap walks long, so that the exit finds one under way. */
+    private final List<int[]> ballast = new ArrayList<>();
 
-    private StormMain() {
+    private StormMain(long exitDelay) {
+        this.exitDelay = exitDelay;
     }
 
-    public static void main(String[] args) {
-        Workload.runOrHalt(() -> new StormMain().run());
+    public static void main(String[] args) throws Exception {
+        new StormMain(args.length == 0 ? -1 : Long.parseLong(args[0])).run();
     }
 
     private void run() throws Exception {
         StormTarget.keep(KEPT);
+        for (int i = 0; exitDelay >= 0 && i < 1_000_000; i++) {
+            ballast.add(new int[1]);
+        }
         StormTarget.hit(0);
         StormTarget.throwAndCatch(0);
         BreakpointLocation breakpoint = BreakpointLocation.forMethod(StormTarget.class.getMethod("hit", int.class), 0);
@@ -67,17 +78,20 @@ public final class StormMain {
         drivers.add(new Thread(this::switchLoop, "storm-switcher"));
         drivers.add(new Thread(this::suspendLoop, "storm-suspender"));
         drivers.add(new Thread(this::inspectLoop, "storm-inspector"));
-        Thread spinner = work.startSpinner("storm-spinner");
+        spinner = work.startSpinner("storm-spinner");
         drivers.forEach(Thread::start);
         drivers.add(spinner);
         System.out.println("STARTED");
+        if (exitDelay >= 0) {
+            exitMidStorm();
+        }
         System.in.readAllBytes();
 
         stop = true;
         StormTarget.spinning = false;
         drivers.addAll(created);
         for (Thread thread : drivers) {
-            // One still running after 30 s is stuck: runOrHalt ends the program.
+            // One still running after 30 s is stuck: the failure ends the program.
             thread.join(30_000);
             if (thread.isAlive()) {
                 throw new IllegalStateException("STUCK " + thread.getName() + " at " + Arrays.toString(thread.getStackTrace()));
@@ -96,6 +110,24 @@ public final class StormMain {
                 "fieldEvents", "dumps"));
         work.clearHooks();
         api.setActive(false);
+    }
+
+    /**
+     * Calls System.exit(0) in the middle of everything, once one thread sleeps inside the
+     * breakpoint hook and another inside the thread-start hook, the hitters have stepped, a heap
+     * walk has run and the spinner is suspended for good. The drivers never end by themselves, so
+     * no other way out of the program ends with status 0.
+     */
+    private void exitMidStorm() throws InterruptedException {
+        new Thread(() -> work.hit(Integer.MAX_VALUE, () -> false), "parked-in-breakpointHit").start();
+        new Thread(() -> { }, "parked-in-threadStart").start();
+        while (work.figure("parked") < 2 || work.figure("steps") == 0 || work.figure("dumps") == 0
+                || work.figure("suspendedForGood") == 0) {
+            Thread.sleep(1);
+        }
+        System.out.println("IN PLACE");
+        Thread.sleep(exitDelay);
+        System.exit(0);
     }
 
     private int breakpointHit(BreakpointLocation location, ThreadContext context) {
@@ -146,9 +178,14 @@ public final class StormMain {
             }
         }
     }
-    /** The spinner suspended, looked at and resumed, a third of the times with a step. */
+    /** The spinner suspended, looked at and resumed, a third of the times with a step; before an exit, at last suspended for good. */
     private void suspendLoop() {
         for (int i = 0; !stop; i++) {
+            if (exitDelay >= 0 && i == 3) {
+                api.suspendThread(spinner, null);
+                work.count("suspendedForGood");
+                return;
+            }
             work.suspendAndLook(RESUME_ANSWERS[i % RESUME_ANSWERS.length]);
             LockSupport.parkNanos(500_000);
         }
