@@ -24,6 +24,8 @@ import javax.servlet.FilterChain;
 import javax.servlet.ServletException;
 import javax.servlet.ServletRequest;
 import javax.servlet.ServletResponse;
+import javax.servlet.annotation.WebFilter;
+import javax.servlet.annotation.WebServlet;
 import javax.servlet.http.HttpServlet;
 import javax.servlet.http.HttpServletRequest;
 import javax.servlet.http.HttpServletResponse;
@@ -42,6 +44,7 @@ import javax.servlet.http.HttpServletResponse;
  * other event registered anew. Stopping the web application clears everything and switches the
  * agent off. A web application has one servlet instance: the debugger's state is static.
  */
+@WebServlet("/control")
 public final class SoakControl extends HttpServlet {
     /** The page under the debugger (the driver deploys it). */
     public static final String PAGE = """
@@ -63,9 +66,8 @@ public final class SoakControl extends HttpServlet {
     private static final String PAGE_CLASS = "org.apache.jsp.loop_jsp";
     private static final String SERVICE =
             "_jspService(Ljavax/servlet/http/HttpServletRequest;Ljavax/servlet/http/HttpServletResponse;)V";
-    /** An entry of a source map's line section: page line[#file][,repeat]:Java line[,increment]. */
-    private static final Pattern SMAP_ENTRY =
-            Pattern.compile("^(\\d+)(?:#\\d+)?(?:,(\\d+))?:(\\d+)(?:,(\\d+))?$", Pattern.MULTILINE);
+    /** The start of an entry of a source map's line section: page line[,repeat]:Java line. */
+    private static final Pattern SMAP_ENTRY = Pattern.compile("^(\\d+)(?:,(\\d+))?:(\\d+)", Pattern.MULTILINE);
     private static final int STEP_EVERY = 8;
     private static final long serialVersionUID = 1L;
 
@@ -144,19 +146,15 @@ public final class SoakControl extends HttpServlet {
     /**
      * The page line of each Java line the source map covers, read here rather than by the agent so
      * that its stepping is checked against a second opinion. The page includes no other file, so
-     * every entry is the page's. With increment 0 the page lines share their first Java line, which
-     * then belongs to the first of them.
+     * every entry is the page's. The compiler writes the page's code line for line; only template
+     * text takes more Java lines per page line, and those are no places to stop at.
      */
     private static void readSourceMap(String smap) {
         Matcher entry = SMAP_ENTRY.matcher(smap.substring(smap.indexOf("\n*L\n")));
         while (entry.find()) {
-            int from = Integer.parseInt(entry.group(1));
             int repeat = entry.group(2) == null ? 1 : Integer.parseInt(entry.group(2));
-            int javaStart = Integer.parseInt(entry.group(3));
-            int increment = entry.group(4) == null ? 1 : Integer.parseInt(entry.group(4));
-            int step = Math.max(1, increment);
-            for (int k = 0; k < repeat * step; k++) {
-                PAGE_LINE_OF.putIfAbsent(javaStart + k / step * increment + k % step, from + k / step);
+            for (int k = 0; k < repeat; k++) {
+                PAGE_LINE_OF.put(Integer.parseInt(entry.group(3)) + k, Integer.parseInt(entry.group(1)) + k);
             }
         }
     }
@@ -241,6 +239,7 @@ public final class SoakControl extends HttpServlet {
      * that asks for it, switches breakpoint events on for the request's thread. The phase does not
      * change while requests run: the driver starts the next one after the last answer.
      */
+    @WebFilter("/loop.jsp")
     public static final class RequestFilter implements Filter {
         @Override
         public void doFilter(ServletRequest request, ServletResponse response, FilterChain chain)
