@@ -9,32 +9,39 @@ import com.brantide.kelvane.plugin.jvmti.testing.ThreadKind;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
 import org.junit.jupiter.api.Test;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.ValueSource;
 
 /**
- * Everything at once for a fixed time (StormMain), while this test asks the child for data dumps
- * with jcmd again and again. The VM must live through it and end normally, with no JNI warning;
- * the child's own accounts must hold (hits, thread starts and ends, heap counts, every kind of
- * work done), and every dump, the child's and jcmd's, must have been written whole.
- *
- * <p>The storm lasts kv.test.storm.seconds (or $KV_STORM_SECONDS) seconds, 15 by default; the
- * full run is tools/storm.sh. With kv.test.storm.compiled the child steps at compiled speed; with
- * kv.test.thread.kind=virtual its short-lived threads are virtual.
+ * Everything at once (StormMain), in a child JVM that must report no JNI misuse. With
+ * kv.test.storm.compiled the child steps at compiled speed; with kv.test.thread.kind=virtual its
+ * short-lived threads are virtual.
  */
 class StormTest {
     private static final Pattern DUMPS = Pattern.compile("dumps=(\\d+)");
 
+    private static ChildJvm storm(String... args) {
+        ChildJvm storm = ChildJvm.main(StormMain.class, args);
+        if (Boolean.getBoolean("kv.test.storm.compiled")) {
+            storm.property("kv.jvmti.enable.compiled.stepping", "true");
+        }
+        return storm.property("kv.test.thread.kind", ThreadKind.VIRTUAL ? "virtual" : "platform");
+    }
+
+    /**
+     * A storm of a fixed time, while this test asks the child for data dumps with jcmd again and
+     * again. The VM must live through it and end normally; the child's own accounts must hold (hits,
+     * thread starts and ends, heap counts, every kind of work done), and every dump, the child's
+     * and jcmd's, must have been written whole. The storm lasts kv.test.storm.seconds (or
+     * $KV_STORM_SECONDS) seconds, 15 by default; the full run is tools/storm.sh.
+     */
     @Test
     void theAgentLivesThroughEverythingAtOnce() throws Exception {
         long seconds = Long.parseLong(System.getProperty("kv.test.storm.seconds",
                 System.getenv().getOrDefault("KV_STORM_SECONDS", "15")));
-        ChildJvm storm = ChildJvm.main(StormMain.class);
-        if (Boolean.getBoolean("kv.test.storm.compiled")) {
-            storm.property("kv.jvmti.enable.compiled.stepping", "true");
-        }
-        storm.property("kv.test.thread.kind", ThreadKind.VIRTUAL ? "virtual" : "platform");
         int jcmdDumps = 0;
         ChildJvm.Result result;
-        try (ChildJvm.Running child = storm.start()) {
+        try (ChildJvm.Running child = storm().start()) {
             child.awaitStdout("STARTED", 60);
             for (long end = System.nanoTime() + seconds * 1_000_000_000L; System.nanoTime() < end; jcmdDumps++) {
                 child.jcmd("JVMTI.data_dump");
@@ -47,5 +54,21 @@ class StormTest {
         assertTrue(result.stdoutLines().contains("OK") && dumps.find(), result.stdout);
         long written = result.stderrLines().stream().filter(l -> l.equals("Thread Events")).count();
         assertEquals(jcmdDumps + Long.parseLong(dumps.group(1)), written, "dumps written whole");
+    }
+
+    /**
+     * System.exit in the middle of the storm, while threads sit in hooks, step, hit breakpoints,
+     * stay suspended and walk the heap: the VM ends with the status it was given, within the
+     * minute, never crashes (a crash ends it with another status). The exit comes at once, or a
+     * little later, when the threads are further into their work.
+     */
+    @ParameterizedTest(name = "exit {0} ms after everything is in place")
+    @ValueSource(ints = {0, 40, 400})
+    void anExitMidStormEndsWithItsStatus(int delay) throws Exception {
+        ChildJvm.Result result;
+        try (ChildJvm.Running child = storm(Integer.toString(delay)).jvmOption("-XX:-CreateCoredumpOnCrash").start()) {
+            result = child.await(60).assertClean();
+        }
+        assertTrue(result.stdoutLines().contains("IN PLACE"), result.stdout);
     }
 }

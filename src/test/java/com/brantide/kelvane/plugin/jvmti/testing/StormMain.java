@@ -12,6 +12,7 @@ import java.util.List;
 import java.util.Set;
 import java.util.concurrent.ConcurrentHashMap;
 import java.util.concurrent.locks.LockSupport;
+import java.util.stream.Stream;
 
 /**
  * A child JVM's program: everything the agent does, at once, until its standard input closes.
@@ -45,10 +46,11 @@ public final class StormMain {
     /** Milliseconds from everything in place to System.exit(0), or -1 for a storm until standard input closes. */
     private final long exitDelay;
     /** Objects that make the heap walks long, so that the exit finds one under way. */
-    private final List<int[]> ballast = new ArrayList<>();
+    private final List<int[]> ballast;
 
     private StormMain(long exitDelay) {
         this.exitDelay = exitDelay;
+        ballast = Stream.generate(() -> new int[1]).limit(exitDelay < 0 ? 0 : 1_000_000).toList();
     }
 
     public static void main(String[] args) throws Exception {
@@ -57,9 +59,6 @@ public final class StormMain {
 
     private void run() throws Exception {
         StormTarget.keep(KEPT);
-        for (int i = 0; exitDelay >= 0 && i < 1_000_000; i++) {
-            ballast.add(new int[1]);
-        }
         StormTarget.hit(0);
         StormTarget.throwAndCatch(0);
         BreakpointLocation breakpoint = BreakpointLocation.forMethod(StormTarget.class.getMethod("hit", int.class), 0);
