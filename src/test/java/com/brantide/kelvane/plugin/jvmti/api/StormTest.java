@@ -5,6 +5,7 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.brantide.kelvane.plugin.jvmti.testing.ChildJvm;
 import com.brantide.kelvane.plugin.jvmti.testing.StormMain;
+import com.brantide.kelvane.plugin.jvmti.testing.SuspendRaceMain;
 import com.brantide.kelvane.plugin.jvmti.testing.ThreadKind;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
@@ -13,15 +14,15 @@ import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.ValueSource;
 
 /**
- * Everything at once (StormMain), in a child JVM that must report no JNI misuse. With
- * kv.test.storm.compiled the child steps at compiled speed; with kv.test.thread.kind=virtual its
- * short-lived threads are virtual.
+ * Everything at once (StormMain), and the races of suspension (SuspendRaceMain), in child JVMs that
+ * must report no JNI misuse. With kv.test.storm.compiled the child steps at compiled speed; with
+ * kv.test.thread.kind=virtual the storm's short-lived threads are virtual.
  */
 class StormTest {
     private static final Pattern DUMPS = Pattern.compile("dumps=(\\d+)");
 
-    private static ChildJvm storm(String... args) {
-        ChildJvm storm = ChildJvm.main(StormMain.class, args);
+    private static ChildJvm child(Class<?> program, String... args) {
+        ChildJvm storm = ChildJvm.main(program, args);
         if (Boolean.getBoolean("kv.test.storm.compiled")) {
             storm.property("kv.jvmti.enable.compiled.stepping", "true");
         }
@@ -41,7 +42,7 @@ class StormTest {
                 System.getenv().getOrDefault("KV_STORM_SECONDS", "15")));
         int jcmdDumps = 0;
         ChildJvm.Result result;
-        try (ChildJvm.Running child = storm().start()) {
+        try (ChildJvm.Running child = child(StormMain.class).start()) {
             child.awaitStdout("STARTED", 60);
             for (long end = System.nanoTime() + seconds * 1_000_000_000L; System.nanoTime() < end; jcmdDumps++) {
                 child.jcmd("JVMTI.data_dump");
@@ -66,9 +67,25 @@ class StormTest {
     @ValueSource(ints = {0, 40, 400})
     void anExitMidStormEndsWithItsStatus(int delay) throws Exception {
         ChildJvm.Result result;
-        try (ChildJvm.Running child = storm(Integer.toString(delay)).jvmOption("-XX:-CreateCoredumpOnCrash").start()) {
+        try (ChildJvm.Running child = child(StormMain.class, Integer.toString(delay)).jvmOption("-XX:-CreateCoredumpOnCrash").start()) {
             result = child.await(60).assertClean();
         }
         assertTrue(result.stdoutLines().contains("IN PLACE"), result.stdout);
+    }
+
+    /**
+     * Suspending and resuming a thread that is busy inside the agent's own native code.
+     * Suspension takes hold only when the thread next enters the VM, so whatever the agent holds or
+     * uses on that thread at that moment stays held or in use while it is suspended: resuming must
+     * never hang, also with a step while the thread is inside its step callback.
+     */
+    @ParameterizedTest(name = "a thread busy {0}")
+    @ValueSource(strings = {"switching", "stepping"})
+    void resumingAThreadSuspendedInsideTheAgentIsSafe(String busy) throws Exception {
+        ChildJvm.Result result;
+        try (ChildJvm.Running child = child(SuspendRaceMain.class, busy, "5000").start()) {
+            result = child.await(60).assertClean();
+        }
+        assertTrue(result.stdoutLines().contains("DONE"), result.stdout);
     }
 }

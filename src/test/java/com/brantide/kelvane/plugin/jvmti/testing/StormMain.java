@@ -61,8 +61,7 @@ public final class StormMain {
         StormTarget.keep(KEPT);
         StormTarget.hit(0);
         StormTarget.throwAndCatch(0);
-        BreakpointLocation breakpoint = BreakpointLocation.forMethod(StormTarget.class.getMethod("hit", int.class), 0);
-        api.setBreakpoint(breakpoint);
+        api.setBreakpoint(BreakpointLocation.forMethod(StormTarget.class.getMethod("hit", int.class), 0));
         Field watched = StormTarget.class.getField("watched");
         api.setFieldAccessWatch(StormTarget.class, watched);
         api.setFieldModificationWatch(StormTarget.class, watched);
@@ -96,9 +95,6 @@ public final class StormMain {
                 throw new IllegalStateException("STUCK " + thread.getName() + " at " + Arrays.toString(thread.getStackTrace()));
             }
         }
-        api.clearBreakpoint(breakpoint);
-        api.clearFieldAccessWatch(StormTarget.class, watched);
-        api.clearFieldModificationWatch(StormTarget.class, watched);
         // No class events into hooks during the last heap walk: on JDK 17, checked JNI misreads the
         // local references of a native that holds many while a class-prepare event runs on its thread.
         api.registerClassPrepareHook(null);
