@@ -75,7 +75,11 @@ public final class AgentMemoryMain {
         worker.start();
         worker.join();
         WORK.checkAccounts(List.of(worker));
-        suspendAndLook(round);
+        // A thread suspended from outside, looked at, let go, and let go again with a step.
+        WORK.startSpinner("memory-spinner-" + round);
+        WORK.suspendAndLook(StepType.CONTINUE);
+        WORK.suspendAndLook(StepType.STEP_OVER);
+        WORK.stopSpinner();
         API.clearBreakpoint(hit);
         API.clearBreakpoint(inner);
         API.clearFieldAccessWatch(StormTarget.class, watched);
@@ -90,14 +94,6 @@ public final class AgentMemoryMain {
     private static int stopped(BreakpointLocation location, ThreadContext context) {
         WORK.lookAt(context.getThread(), context.getFrameCount());
         return WORK.answer(location, context);
-    }
-
-    /** A thread suspended from outside, looked at, let go, and let go again with a step. */
-    private static void suspendAndLook(int round) throws InterruptedException {
-        WORK.startSpinner("memory-spinner-" + round);
-        WORK.suspendAndLook(StepType.CONTINUE);
-        WORK.suspendAndLook(StepType.STEP_OVER);
-        WORK.stopSpinner();
     }
 
     /** Beside the exact counts: a walk cut short by its time limit, one to a file, one for no such class. */

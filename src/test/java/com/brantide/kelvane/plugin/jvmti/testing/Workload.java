@@ -26,7 +26,6 @@ import java.util.ArrayList;
 import java.util.Collection;
 import java.util.List;
 import java.util.Map;
-import java.util.Set;
 import java.util.concurrent.ConcurrentHashMap;
 import java.util.concurrent.ConcurrentSkipListMap;
 import java.util.concurrent.TimeoutException;
@@ -58,8 +57,8 @@ public final class Workload {
     private static final Class<?>[] HOOK_TYPES = {BreakpointHook.class, ThreadHook.class, ExceptionHook.class,
         FieldHook.class, SteppingAbortedHook.class, ClassPrepareHook.class, FileLoadHook.class};
 
-    private final Set<Thread> started = ConcurrentHashMap.newKeySet();
-    private final Set<Thread> ended = ConcurrentHashMap.newKeySet();
+    /** Calls of the thread hook by thread: a thread's start and end make 2. */
+    private final Map<Thread, Integer> threadHookCalls = new ConcurrentHashMap<>();
     private final Map<String, AtomicLong> figures = new ConcurrentSkipListMap<>();
     private final List<String> failures = new ArrayList<>();
     /** Calls of StormTarget.hit less the hits that reached the hook, by thread: all 0 in the end. */
@@ -247,7 +246,6 @@ public final class Workload {
         Thread self = Thread.currentThread();
         if (!api.setEventNotificationMode(self, JvmtiEvent.BREAKPOINT, true)) {
             fail("breakpoints not switched on for " + self.getName());
-            return;
         }
         for (int event : WATCHED_EVENTS) {
             api.setEventNotificationMode(self, event, true);
@@ -286,10 +284,9 @@ public final class Workload {
                 fail(thread.getName() + ": " + calls + " calls more than hits");
             }
         });
-        long missedStarts = created.stream().filter(t -> !started.contains(t)).count();
-        long missedEnds = created.stream().filter(t -> !ended.contains(t)).count();
-        if (missedStarts + missedEnds > 0) {
-            fail("thread hook missed " + missedStarts + " starts and " + missedEnds + " ends");
+        long amiss = created.stream().filter(t -> threadHookCalls.getOrDefault(t, 0) != 2).count();
+        if (amiss > 0) {
+            fail("the thread hook did not hear exactly the start and end of " + amiss + " threads");
         }
     }
 
@@ -315,8 +312,7 @@ public final class Workload {
         return switch (hook) {
             case "breakpointHit" -> ((ThreadContext) args[1]).getThread() == spinner ? counted("spinnerStops")
                     : breakpoints.breakpointHit((BreakpointLocation) args[0], (ThreadContext) args[1]);
-            case "threadStart" -> started.add((Thread) args[0]);
-            case "threadEnd" -> ended.add((Thread) args[0]);
+            case "threadStart", "threadEnd" -> threadHookCalls.merge((Thread) args[0], 1, Integer::sum);
             case "steppingAborted" -> count("stepAborts");
             case "exceptionThrown", "exceptionCatch" -> counted("exceptionEvents");
             // Every other field write asks to hear when the write is done.
