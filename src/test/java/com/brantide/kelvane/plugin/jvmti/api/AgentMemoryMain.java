@@ -54,11 +54,8 @@ public final class AgentMemoryMain {
 
     private static void measure(String stage, String reports) {
         long[] heap = MemoryProbe.agentHeap();
-        if (heap != null) {
-            System.out.println("heap " + stage + " " + heap[0] + " " + heap[1] + " " + heap[2]);
-        } else {
-            System.out.println("leaks " + stage + " " + MemoryProbe.leakCheck(reports + "-" + stage));
-        }
+        System.out.println(heap != null ? "heap " + stage + " " + heap[0] + " " + heap[1] + " " + heap[2]
+                : "leaks " + stage + " " + MemoryProbe.leakCheck(reports + "-" + stage));
     }
 
     private static void round(int round) throws Exception {

@@ -67,7 +67,8 @@ class StormTest {
     @ValueSource(ints = {0, 40, 400})
     void anExitMidStormEndsWithItsStatus(int delay) throws Exception {
         ChildJvm.Result result;
-        try (ChildJvm.Running child = child(StormMain.class, Integer.toString(delay)).jvmOption("-XX:-CreateCoredumpOnCrash").start()) {
+        try (ChildJvm.Running child = child(StormMain.class).property("kv.test.storm.exit.ms", Integer.toString(delay))
+                .jvmOption("-XX:-CreateCoredumpOnCrash").start()) {
             result = child.await(60).assertClean();
         }
         assertTrue(result.stdoutLines().contains("IN PLACE"), result.stdout);

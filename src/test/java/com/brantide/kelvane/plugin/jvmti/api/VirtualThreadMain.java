@@ -22,7 +22,6 @@ public final class VirtualThreadMain {
     public static void main(String[] args) throws Exception {
         Workload work = Workload.activated();
         StormTarget.hit(0);
-        StormTarget.throwAndCatch(0);
         work.api.setBreakpoint(BreakpointLocation.forMethod(StormTarget.class.getMethod("hit", int.class), 0));
         work.registerHooks(work::answer);
         Thread own = runVirtual("own", () -> {

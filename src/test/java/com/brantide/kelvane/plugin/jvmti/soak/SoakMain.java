@@ -65,9 +65,9 @@ public final class SoakMain {
         try {
             get("/loop.jsp?tag=first&n=1"); // the page is compiled now, and can be found
             for (String mode : PHASES) {
-                control("mode&mode=" + mode);
+                get("/control?op=mode&mode=" + mode);
                 load();
-                String verdict = control("verdict");
+                String verdict = get("/control?op=verdict");
                 System.out.println("soak   " + mode + " " + verdict.replace('\n', ' '));
                 if (!verdict.endsWith("\nOK")) {
                     problems.add(mode + ": " + verdict);
@@ -113,7 +113,7 @@ public final class SoakMain {
                 return;
             }
             if (n == requests / 2) {
-                control("heap");
+                get("/control?op=heap");
             }
             String answer = get("/loop.jsp?tag=r" + n + "&n=" + count).trim();
             if (!answer.equals("r" + n + "=" + count * (count + 1))) {
@@ -122,10 +122,6 @@ public final class SoakMain {
         } catch (IOException | InterruptedException e) {
             problems.add(e.toString());
         }
-    }
-
-    private String control(String op) throws IOException, InterruptedException {
-        return get("/control?op=" + op).trim();
     }
 
     /** The body of a GET to the server on the loopback address; anything but 200 raises. */

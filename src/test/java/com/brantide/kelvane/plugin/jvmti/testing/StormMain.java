@@ -28,7 +28,7 @@ import java.util.stream.Stream;
  * heap walk counted the kept objects exactly and every kind of work reached the agent's hooks and
  * callbacks; otherwise "FAILED" with the reasons.
  *
- * <p>With an argument, it exits mid-storm instead: see {@link #exitMidStorm}.
+ * <p>With kv.test.storm.exit.ms, it exits mid-storm instead: see {@link #exitMidStorm}.
  */
 public final class StormMain {
     private static final int HITTERS = 8;
@@ -44,17 +44,12 @@ public final class StormMain {
     private final List<Thread> hitters = new ArrayList<>();
     private Thread spinner;
     /** Milliseconds from everything in place to System.exit(0), or -1 for a storm until standard input closes. */
-    private final long exitDelay;
+    private final long exitDelay = Long.getLong("kv.test.storm.exit.ms", -1);
     /** Objects that make the heap walks long, so that the exit finds one under way. */
-    private final List<int[]> ballast;
-
-    private StormMain(long exitDelay) {
-        this.exitDelay = exitDelay;
-        ballast = Stream.generate(() -> new int[1]).limit(exitDelay < 0 ? 0 : 1_000_000).toList();
-    }
+    private final List<int[]> ballast = Stream.generate(() -> new int[1]).limit(exitDelay < 0 ? 0 : 1_000_000).toList();
 
     public static void main(String[] args) throws Exception {
-        new StormMain(args.length == 0 ? -1 : Long.parseLong(args[0])).run();
+        new StormMain().run();
     }
 
     private void run() throws Exception {

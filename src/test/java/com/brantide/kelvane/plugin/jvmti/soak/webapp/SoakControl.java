@@ -9,6 +9,7 @@ import com.brantide.kelvane.plugin.jvmti.api.ClassCallback;
 import com.brantide.kelvane.plugin.jvmti.api.JvmtiApi;
 import com.brantide.kelvane.plugin.jvmti.api.LineNumberCallback;
 import com.brantide.kelvane.plugin.jvmti.api.VariableCallback;
+import com.brantide.kelvane.plugin.jvmti.testing.StormTarget;
 import com.brantide.kelvane.plugin.jvmti.testing.Workload;
 import java.io.IOException;
 import java.util.ArrayList;
@@ -18,7 +19,6 @@ import java.util.Map;
 import java.util.TreeMap;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
-import java.util.stream.Stream;
 import javax.servlet.Filter;
 import javax.servlet.FilterChain;
 import javax.servlet.ServletException;
@@ -34,7 +34,7 @@ import javax.servlet.http.HttpServletResponse;
  * The web application's debugger of its own page, driven by the soak through this servlet:
  * op=mode&amp;mode=... starts a phase (the first one switches the agent on through the managed layer
  * of the web application's own WEB-INF/lib and finds the page, requested once before); op=heap takes
- * a histogram and a GC-root tree, each of which must count the KEPT objects exactly, and a data dump;
+ * a histogram and a GC-root tree, each of which must count the objects kept in StormTarget exactly, and a data dump;
  * op=verdict gives the phase's figures on one line, then "OK" or "FAILED" with what went wrong.
  *
  * <p>The breakpoint stands on the page's HIT line, found through the compiled page's source map and
@@ -78,11 +78,6 @@ public final class SoakControl extends HttpServlet {
     private record Request(String tag, int count, List<Integer> stops) {
     }
 
-    /** Objects that only the heap walks look for. */
-    public static final class Kept {
-    }
-
-    private static final List<Kept> KEPT = Stream.generate(Kept::new).limit(321).toList();
     private static final ThreadLocal<Request> CURRENT = new ThreadLocal<>();
     private static final TreeMap<Long, Integer> JAVA_LINE_AT = new TreeMap<>();
     private static final Map<Integer, Integer> PAGE_LINE_OF = new HashMap<>();
@@ -97,7 +92,7 @@ public final class SoakControl extends HttpServlet {
         String answer = switch (request.getParameter("op")) {
             case "mode" -> switchTo(Mode.valueOf(request.getParameter("mode")));
             case "heap" -> {
-                work.checkHeap(Kept.class, KEPT.size(), 60_000);
+                work.checkHeap(StormTarget.Marker.class, StormTarget.KEPT.size(), 60_000);
                 work.requestDump();
                 yield "";
             }
@@ -135,6 +130,7 @@ public final class SoakControl extends HttpServlet {
             throw new IllegalStateException("the managed layer is not the web application's own");
         }
         api = Workload.activated().api;
+        StormTarget.keep(321);
         api.listClasses((ClassCallback) clazz -> page = clazz.getName().equals(PAGE_CLASS) ? clazz : page);
         readSourceMap(api.getSourceDebugExtension(page));
         api.getLineNumbersV2(page, SERVICE, (LineNumberCallback) (location, line) -> JAVA_LINE_AT.put(location, line));
