@@ -157,7 +157,7 @@ public final class StormMain {
      * Field and exception events of other threads switched on and off: of the hitters, and of the
      * newest short-lived thread, which may be ending. The spinner's events are left to its own
      * steps: it is suspended while inside them now and then, and what that may do is
-     * SuspendRaceTest's subject.
+     * SuspendRaceMain's subject.
      */
     private void switchLoop() {
         int[] events = Workload.WATCHED_EVENTS;

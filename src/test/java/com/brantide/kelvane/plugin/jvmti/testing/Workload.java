@@ -158,7 +158,7 @@ public final class Workload {
 
     /**
      * Starts the spinner and returns it once it runs its loop: a thread suspended before it has a
-     * frame stays suspended although the call fails (see SuspendRaceTest).
+     * frame stays suspended although the call fails (see SuspendRaceMain).
      */
     public Thread startSpinner(String name) {
         StormTarget.spinning = true;
@@ -180,7 +180,7 @@ public final class Workload {
      * Suspends the spinner, looks at it, and resumes it with the command (CONTINUE when the
      * suspension found no frame to step from). After a step it waits until the step has stopped
      * and the loop turns again: a thread suspended while inside the agent's own event code and then
-     * resumed with a command is SuspendRaceTest's subject.
+     * resumed with a command is SuspendRaceMain's subject.
      */
     public void suspendAndLook(int command) {
         Thread target = spinner;
