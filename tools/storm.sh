@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The storm at full length: StormTest (everything the agent does, at once, in a child JVM under JNI
-# checking, with jcmd data dumps from outside) for the given number of seconds instead of the 15 of
-# the everyday suite. Builds into build-reliability/ (or $KV_RELIABILITY_BUILD).
+# checking, with jcmd data dumps from outside; then its exits mid-storm and the suspension races) for
+# the given number of seconds instead of the 15 of the everyday suite. Builds into
+# build-reliability/ (or $KV_RELIABILITY_BUILD).
 # Usage: storm.sh [seconds, default 60, at most 480]  (both stepping modes and, where a JDK 21 or
 # later is present, short-lived virtual threads, one after the other)
 set -eu

@@ -62,16 +62,12 @@ void* required_allocation(std::size_t size) {
 }
 }  // namespace
 
+// The array and nothrow forms of the C++ runtime carried inside this library call these. Its
+// nothrow new would call the plain one and catch, which aborts here: it gets its own.
 void* operator new(std::size_t size) { return required_allocation(size); }
-void* operator new[](std::size_t size) { return required_allocation(size); }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return counted_allocation(size); }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return counted_allocation(size); }
 void operator delete(void* block) noexcept { counted_free(block); }
-void operator delete[](void* block) noexcept { counted_free(block); }
 void operator delete(void* block, std::size_t) noexcept { counted_free(block); }
-void operator delete[](void* block, std::size_t) noexcept { counted_free(block); }
-void operator delete(void* block, const std::nothrow_t&) noexcept { counted_free(block); }
-void operator delete[](void* block, const std::nothrow_t&) noexcept { counted_free(block); }
 #endif
 
 // {live bytes, live blocks, allocations so far} of the agent's C++ heap, or null when this build

@@ -34,11 +34,10 @@ public final class AgentMemoryMain {
     private AgentMemoryMain() {
     }
 
-    public static void main(String[] args) {
-        Workload.runOrHalt(() -> run(Integer.parseInt(args[0]), Integer.parseInt(args[1]), Integer.parseInt(args[2]), args[3]));
-    }
-
-    private static void run(int warmUp, int perBatch, int batches, String reports) throws Exception {
+    public static void main(String[] args) throws Exception {
+        int warmUp = Integer.parseInt(args[0]);
+        int perBatch = Integer.parseInt(args[1]);
+        int batches = Integer.parseInt(args[2]);
         StormTarget.keep(KEPT);
         StormTarget.hit(0);
         StormTarget.throwAndCatch(0);
@@ -47,7 +46,7 @@ public final class AgentMemoryMain {
             for (int i = 0; i < (stage == 0 ? warmUp : perBatch); i++) {
                 round(round++);
             }
-            measure(stage == 0 ? "warm" : "batch" + stage, reports);
+            measure(stage == 0 ? "warm" : "batch" + stage, args[3]);
         }
         System.out.println(WORK.verdict("hits", "steps", "spinnerStops", "listed", "fieldEvents", "exceptionEvents"));
         API.setActive(false);
@@ -55,11 +54,8 @@ public final class AgentMemoryMain {
 
     private static void measure(String stage, String reports) {
         long[] heap = MemoryProbe.agentHeap();
-        if (heap != null) {
-            System.out.println("heap " + stage + " " + heap[0] + " " + heap[1] + " " + heap[2]);
-        } else {
-            System.out.println("leaks " + stage + " " + MemoryProbe.leakCheck(reports + "-" + stage));
-        }
+        System.out.println(heap != null ? "heap " + stage + " " + heap[0] + " " + heap[1] + " " + heap[2]
+                : "leaks " + stage + " " + MemoryProbe.leakCheck(reports + "-" + stage));
     }
 
     private static void round(int round) throws Exception {
@@ -76,7 +72,11 @@ public final class AgentMemoryMain {
         worker.start();
         worker.join();
         WORK.checkAccounts(List.of(worker));
-        suspendAndLook(round);
+        // A thread suspended from outside, looked at, let go, and let go again with a step.
+        WORK.startSpinner("memory-spinner-" + round);
+        WORK.suspendAndLook(StepType.CONTINUE);
+        WORK.suspendAndLook(StepType.STEP_OVER);
+        WORK.stopSpinner();
         API.clearBreakpoint(hit);
         API.clearBreakpoint(inner);
         API.clearFieldAccessWatch(StormTarget.class, watched);
@@ -93,15 +93,7 @@ public final class AgentMemoryMain {
         return WORK.answer(location, context);
     }
 
-    /** A thread suspended from outside, looked at, let go, and let go again with a step. */
-    private static void suspendAndLook(int round) throws InterruptedException {
-        WORK.startSpinner("memory-spinner-" + round);
-        WORK.suspendAndLook(StepType.CONTINUE);
-        WORK.suspendAndLook(StepType.STEP_OVER);
-        WORK.stopSpinner();
-    }
-
-    /** Beside the exact counts: a walk cut short by its time limit, one to a file, a failing callback, no such class. */
+    /** Beside the exact counts: a walk cut short by its time limit, one to a file, one for no such class. */
     private static void walkTheHeapEveryWay() throws Exception {
         WORK.checkHeap(StormTarget.Marker.class, KEPT, 0);
         try {
@@ -115,16 +107,10 @@ public final class AgentMemoryMain {
         Path file = Files.createTempFile("memory-histogram", ".csv");
         API.heapHistogramToFile(file.toString(), 0);
         Files.delete(file);
-        try {
-            API.gcRoots((GCRootsCallback) root -> {
-                throw new IllegalStateException("callback failure");
-            }, StormTarget.Marker.class.descriptorString(), 0, 2);
-        } catch (IllegalStateException expected) {
-            // The callback's exception comes back to the caller, the walk given up.
-        }
         API.gcRoots((GCRootsCallback) root -> { }, "Lno/such/Clazz;", 0, 5);
     }
 
+    /** Lookups, and calls that fail: refused ones and a heap walk whose callback throws. */
     private static void lookUpAndBeRefused() throws InterruptedException {
         API.listThreads((ThreadCallback) thread -> WORK.count("listed"));
         API.listClasses((ClassCallback) clazz -> WORK.count("listed"));
@@ -134,19 +120,23 @@ public final class AgentMemoryMain {
         Thread ended = new Thread(() -> { }, "memory-ended");
         ended.start();
         ended.join();
-        Runnable[] refused = {
+        Runnable[] failing = {
             () -> API.setBreakpoint(new BreakpointLocation(StormTarget.class, "noSuchMethod()V", 0)),
             () -> API.resumeThread(Thread.currentThread(), StepType.CONTINUE),
             () -> API.listStack(null, 1, (FrameCallback) location -> { }),
             () -> API.listVariables(Thread.currentThread(), 1, 0, new Object()),
             () -> API.heapHistogram(null, 0),
+            // The callback's exception comes back to the caller, the walk given up.
+            () -> API.gcRoots((GCRootsCallback) root -> {
+                throw new IllegalStateException("callback failure");
+            }, StormTarget.Marker.class.descriptorString(), 0, 2),
         };
-        for (Runnable call : refused) {
+        for (Runnable call : failing) {
             try {
                 call.run();
-                WORK.fail("not refused");
-            } catch (IllegalArgumentException | JVMTIException expected) {
-                // What a refused call raises; its arguments are given back like any others.
+                WORK.fail("a call did not fail");
+            } catch (IllegalArgumentException | IllegalStateException | JVMTIException expected) {
+                // What a failed call raises; its arguments are given back like any others.
             }
         }
         if (API.setEventNotificationMode(ended, JvmtiEvent.BREAKPOINT, true)) {

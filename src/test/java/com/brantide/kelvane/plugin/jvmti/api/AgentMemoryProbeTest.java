@@ -31,10 +31,7 @@ class AgentMemoryProbeTest {
 
     @Test
     void roundAfterRoundTheAgentGivesBackWhatItTook() throws Exception {
-        Path reports = ChildJvm.workDirectory().resolve("agent-leaks");
-        for (Path old : reportsOf(reports, "")) {
-            Files.delete(old);
-        }
+        Path reports = Files.createTempDirectory(ChildJvm.workDirectory(), "agent-leaks").resolve("report");
         ChildJvm.Result result;
         try (ChildJvm.Running child = ChildJvm.main(AgentMemoryMain.class, "5", "15", "2", reports.toString())
                 .withProbeAgent().start()) {

@@ -36,16 +36,7 @@ import org.apache.tomcat.util.scan.StandardJarScanner;
  * (10000) and kv.soak.seconds, the most a phase may take (120).
  */
 public final class SoakMain {
-    private static final String WEBAPP_PACKAGE = SoakMain.class.getPackageName() + ".webapp";
     private static final List<String> PHASES = List.of("NONE", "PER_THREAD", "VM_WIDE", "OFF");
-    private static final String WEB_XML = """
-            <web-app xmlns="http://xmlns.jcp.org/xml/ns/javaee" version="4.0" metadata-complete="true">
-              <servlet><servlet-name>control</servlet-name><servlet-class>%1$s.SoakControl</servlet-class></servlet>
-              <servlet-mapping><servlet-name>control</servlet-name><url-pattern>/control</url-pattern></servlet-mapping>
-              <filter><filter-name>page</filter-name><filter-class>%1$s.SoakControl$RequestFilter</filter-class></filter>
-              <filter-mapping><filter-name>page</filter-name><url-pattern>/loop.jsp</url-pattern></filter-mapping>
-            </web-app>
-            """.formatted(WEBAPP_PACKAGE);
 
     private final int requests = Integer.getInteger("kv.soak.requests", 10000);
     private final long phaseNanos = TimeUnit.SECONDS.toNanos(Long.getLong("kv.soak.seconds", 120));
@@ -74,9 +65,9 @@ public final class SoakMain {
         try {
             get("/loop.jsp?tag=first&n=1"); // the page is compiled now, and can be found
             for (String mode : PHASES) {
-                control("mode&mode=" + mode);
+                get("/control?op=mode&mode=" + mode);
                 load();
-                String verdict = control("verdict");
+                String verdict = get("/control?op=verdict");
                 System.out.println("soak   " + mode + " " + verdict.replace('\n', ' '));
                 if (!verdict.endsWith("\nOK")) {
                     problems.add(mode + ": " + verdict);
@@ -95,10 +86,9 @@ public final class SoakMain {
     private static Path buildWebapp(Path webapp) throws IOException {
         Files.createDirectories(webapp.resolve("WEB-INF/lib"));
         Files.writeString(webapp.resolve("loop.jsp"), SoakControl.PAGE);
-        Files.writeString(webapp.resolve("WEB-INF/web.xml"), WEB_XML);
         Files.copy(Path.of(System.getProperty("kv.soak.api-jar")), webapp.resolve("WEB-INF/lib/kvjvmti-api.jar"));
         // This jar too: the web application's own class loader looks in its WEB-INF/lib first, so
-        // that its classes use the managed layer beside them.
+        // that its classes use the managed layer beside them; their annotations map them.
         Files.copy(Path.of(System.getProperty("java.class.path").split(":")[0]), webapp.resolve("WEB-INF/lib/tests.jar"));
         return webapp;
     }
@@ -123,7 +113,7 @@ public final class SoakMain {
                 return;
             }
             if (n == requests / 2) {
-                control("heap");
+                get("/control?op=heap");
             }
             String answer = get("/loop.jsp?tag=r" + n + "&n=" + count).trim();
             if (!answer.equals("r" + n + "=" + count * (count + 1))) {
@@ -132,10 +122,6 @@ public final class SoakMain {
         } catch (IOException | InterruptedException e) {
             problems.add(e.toString());
         }
-    }
-
-    private String control(String op) throws IOException, InterruptedException {
-        return get("/control?op=" + op).trim();
     }
 
     /** The body of a GET to the server on the loopback address; anything but 200 raises. */

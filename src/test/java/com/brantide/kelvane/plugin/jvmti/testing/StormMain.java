@@ -12,6 +12,7 @@ import java.util.List;
 import java.util.Set;
 import java.util.concurrent.ConcurrentHashMap;
 import java.util.concurrent.locks.LockSupport;
+import java.util.stream.Stream;
 
 /**
  * A child JVM's program: everything the agent does, at once, until its standard input closes.
@@ -26,6 +27,8 @@ import java.util.concurrent.locks.LockSupport;
  * every thread's hits equal its calls, every thread start and end reached the thread hook, every
  * heap walk counted the kept objects exactly and every kind of work reached the agent's hooks and
  * callbacks; otherwise "FAILED" with the reasons.
+ *
+ * <p>With kv.test.storm.exit.ms, it exits mid-storm instead: see {@link #exitMidStorm}.
  */
 public final class StormMain {
     private static final int HITTERS = 8;
@@ -39,20 +42,21 @@ public final class StormMain {
     /** The short-lived thread started last, maybe ended already. */
     private volatile Thread newest;
     private final List<Thread> hitters = new ArrayList<>();
+    private Thread spinner;
+    /** Milliseconds from everything in place to System.exit(0), or -1 for a storm until standard input closes. */
+    private final long exitDelay = Long.getLong("kv.test.storm.exit.ms", -1);
+    /** Objects that make the heap walks long, so that the exit finds one under way. */
+    private final List<int[]> ballast = Stream.generate(() -> new int[1]).limit(exitDelay < 0 ? 0 : 1_000_000).toList();
 
-    private StormMain() {
-    }
-
-    public static void main(String[] args) {
-        Workload.runOrHalt(() -> new StormMain().run());
+    public static void main(String[] args) throws Exception {
+        new StormMain().run();
     }
 
     private void run() throws Exception {
         StormTarget.keep(KEPT);
         StormTarget.hit(0);
         StormTarget.throwAndCatch(0);
-        BreakpointLocation breakpoint = BreakpointLocation.forMethod(StormTarget.class.getMethod("hit", int.class), 0);
-        api.setBreakpoint(breakpoint);
+        api.setBreakpoint(BreakpointLocation.forMethod(StormTarget.class.getMethod("hit", int.class), 0));
         Field watched = StormTarget.class.getField("watched");
         api.setFieldAccessWatch(StormTarget.class, watched);
         api.setFieldModificationWatch(StormTarget.class, watched);
@@ -67,25 +71,25 @@ public final class StormMain {
         drivers.add(new Thread(this::switchLoop, "storm-switcher"));
         drivers.add(new Thread(this::suspendLoop, "storm-suspender"));
         drivers.add(new Thread(this::inspectLoop, "storm-inspector"));
-        Thread spinner = work.startSpinner("storm-spinner");
+        spinner = work.startSpinner("storm-spinner");
         drivers.forEach(Thread::start);
         drivers.add(spinner);
         System.out.println("STARTED");
+        if (exitDelay >= 0) {
+            exitMidStorm();
+        }
         System.in.readAllBytes();
 
         stop = true;
         StormTarget.spinning = false;
         drivers.addAll(created);
         for (Thread thread : drivers) {
-            // One still running after 30 s is stuck: runOrHalt ends the program.
+            // One still running after 30 s is stuck: the failure ends the program.
             thread.join(30_000);
             if (thread.isAlive()) {
                 throw new IllegalStateException("STUCK " + thread.getName() + " at " + Arrays.toString(thread.getStackTrace()));
             }
         }
-        api.clearBreakpoint(breakpoint);
-        api.clearFieldAccessWatch(StormTarget.class, watched);
-        api.clearFieldModificationWatch(StormTarget.class, watched);
         // No class events into hooks during the last heap walk: on JDK 17, checked JNI misreads the
         // local references of a native that holds many while a class-prepare event runs on its thread.
         api.registerClassPrepareHook(null);
@@ -96,6 +100,24 @@ public final class StormMain {
                 "fieldEvents", "dumps"));
         work.clearHooks();
         api.setActive(false);
+    }
+
+    /**
+     * Calls System.exit(0) in the middle of everything, once one thread sleeps inside the
+     * breakpoint hook and another inside the thread-start hook, the hitters have stepped, a heap
+     * walk has run and the spinner is suspended for good. The drivers never end by themselves, so
+     * no other way out of the program ends with status 0.
+     */
+    private void exitMidStorm() throws InterruptedException {
+        new Thread(() -> work.hit(Integer.MAX_VALUE, () -> false), "parked-in-breakpointHit").start();
+        new Thread(() -> { }, "parked-in-threadStart").start();
+        while (work.figure("parked") < 2 || work.figure("steps") == 0 || work.figure("dumps") == 0
+                || work.figure("suspendedForGood") == 0) {
+            Thread.sleep(1);
+        }
+        System.out.println("IN PLACE");
+        Thread.sleep(exitDelay);
+        System.exit(0);
     }
 
     private int breakpointHit(BreakpointLocation location, ThreadContext context) {
@@ -135,7 +157,7 @@ public final class StormMain {
      * Field and exception events of other threads switched on and off: of the hitters, and of the
      * newest short-lived thread, which may be ending. The spinner's events are left to its own
      * steps: it is suspended while inside them now and then, and what that may do is
-     * SuspendRaceTest's subject.
+     * SuspendRaceMain's subject.
      */
     private void switchLoop() {
         int[] events = Workload.WATCHED_EVENTS;
@@ -146,9 +168,14 @@ public final class StormMain {
             }
         }
     }
-    /** The spinner suspended, looked at and resumed, a third of the times with a step. */
+    /** The spinner suspended, looked at and resumed, a third of the times with a step; before an exit, at last suspended for good. */
     private void suspendLoop() {
         for (int i = 0; !stop; i++) {
+            if (exitDelay >= 0 && i == 3) {
+                api.suspendThread(spinner, null);
+                work.count("suspendedForGood");
+                return;
+            }
             work.suspendAndLook(RESUME_ANSWERS[i % RESUME_ANSWERS.length]);
             LockSupport.parkNanos(500_000);
         }

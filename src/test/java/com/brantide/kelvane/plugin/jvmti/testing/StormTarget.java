@@ -2,6 +2,7 @@ package com.brantide.kelvane.plugin.jvmti.testing;
 
 import java.util.ArrayList;
 import java.util.List;
+import java.util.stream.Stream;
 
 /**
  * Code the storm and shutdown programs stop in. The breakpoint stands at the first bytecode of
@@ -24,9 +25,7 @@ public final class StormTarget {
     }
 
     public static void keep(int count) {
-        for (int i = 0; i < count; i++) {
-            KEPT.add(new Marker());
-        }
+        Stream.generate(Marker::new).limit(count).forEach(KEPT::add);
     }
 
     public static int hit(int x) {

@@ -27,15 +27,13 @@ public final class SuspendRaceMain {
         int rounds = Integer.parseInt(args[1]);
         JvmtiApi api = Workload.activated().api;
         api.registerBreakpointHook((BreakpointHook) (location, context) -> running ? StepType.STEP_OVER : StepType.CONTINUE);
-        Thread other = new Thread(SuspendRaceMain::spin, "race-other");
+        // The other thread is this one, which suspends and resumes the target meanwhile.
+        Thread other = Thread.currentThread();
         Thread target = new Thread(switching ? () -> {
             for (boolean on = true; running; on = !on) {
                 api.setEventNotificationMode(other, JvmtiEvent.FRAME_POP, on);
             }
         } : SuspendRaceMain::spin, "race-target");
-        if (switching) {
-            other.start();
-        }
         target.start();
         Thread.sleep(100);
         Random random = new Random(7);

@@ -20,12 +20,12 @@ import com.brantide.kelvane.plugin.jvmti.api.SuspendCallback;
 import com.brantide.kelvane.plugin.jvmti.api.ThreadHook;
 import com.brantide.kelvane.plugin.jvmti.api.VariableCallback;
 import java.lang.management.ManagementFactory;
-import java.lang.reflect.Field;
+import java.lang.reflect.Method;
+import java.lang.reflect.Proxy;
 import java.util.ArrayList;
 import java.util.Collection;
 import java.util.List;
 import java.util.Map;
-import java.util.Set;
 import java.util.concurrent.ConcurrentHashMap;
 import java.util.concurrent.ConcurrentSkipListMap;
 import java.util.concurrent.TimeoutException;
@@ -53,8 +53,12 @@ public final class Workload {
     private static final int[] STEP_ANSWERS = {StepType.STEP_OVER, StepType.STEP_IN, StepType.STEP_OUT};
 
     public final JvmtiApi api;
-    public final Set<Thread> started = ConcurrentHashMap.newKeySet();
-    public final Set<Thread> ended = ConcurrentHashMap.newKeySet();
+    /** Each hook type's method is found by name, so one object serves as all of them. */
+    private static final Class<?>[] HOOK_TYPES = {BreakpointHook.class, ThreadHook.class, ExceptionHook.class,
+        FieldHook.class, SteppingAbortedHook.class, ClassPrepareHook.class, FileLoadHook.class};
+
+    /** Calls of the thread hook by thread: a thread's start and end make 2. */
+    private final Map<Thread, Integer> threadHookCalls = new ConcurrentHashMap<>();
     private final Map<String, AtomicLong> figures = new ConcurrentSkipListMap<>();
     private final List<String> failures = new ArrayList<>();
     /** Calls of StormTarget.hit less the hits that reached the hook, by thread: all 0 in the end. */
@@ -69,11 +73,17 @@ public final class Workload {
     }
 
     /**
-     * A workload on the library, switched on, for a child JVM's program. The classes that the heap
-     * walks create inside their natives are made ready first: on JDK 17, checked JNI misreads the
-     * local references of a native that holds many while a class-prepare event runs on its thread.
+     * A workload on the library, switched on, for a child JVM's program. A failure on any thread
+     * ends the VM with status 1, as the program's other threads may never end by themselves. The
+     * classes that the heap walks create inside their natives are made ready first: on JDK 17,
+     * checked JNI misreads the local references of a native that holds many while a class-prepare
+     * event runs on its thread.
      */
     public static Workload activated() {
+        Thread.setDefaultUncaughtExceptionHandler((thread, failure) -> {
+            failure.printStackTrace();
+            Runtime.getRuntime().halt(1);
+        });
         Workload work = new Workload(new JvmtiApi());
         work.api.registerClasses();
         if (!work.api.setActive(true)) {
@@ -84,27 +94,8 @@ public final class Workload {
         return work;
     }
 
-    /** A child JVM's program. */
-    public interface Program {
-        void run() throws Exception;
-    }
-
-    /** Runs the program; a failure ends the VM, whose other threads may never end by themselves. */
-    public static void runOrHalt(Program program) {
-        try {
-            program.run();
-        } catch (Throwable t) {
-            t.printStackTrace();
-            Runtime.getRuntime().halt(1);
-        }
-    }
-
     public long count(String figure) {
-        return add(figure, 1);
-    }
-
-    public long add(String figure, long amount) {
-        return figures.computeIfAbsent(figure, name -> new AtomicLong()).addAndGet(amount);
+        return figures.computeIfAbsent(figure, name -> new AtomicLong()).incrementAndGet();
     }
 
     public long figure(String name) {
@@ -136,31 +127,26 @@ public final class Workload {
     }
 
     /**
-     * Registers counting hooks for every kind of event, a new object each time, so that each call
-     * really replaces the agent's references; breakpoints and steps go to the given hook.
+     * Registers hooks for every kind of event, a new object each time, so that each call really
+     * replaces the agent's references; breakpoints and steps go to the given hook, see {@link #onEvent}.
      */
     public void registerHooks(BreakpointHook breakpoints) {
         this.breakpoints = breakpoints;
-        Hooks hooks = new Hooks();
-        api.registerBreakpointHook(hooks);
-        api.registerThreadHook(hooks);
-        api.registerExceptionHook(hooks);
-        api.registerFieldHook(hooks);
-        api.registerSteppingAbortedHook((SteppingAbortedHook) thread -> count("stepAborts"));
-        // Class events run while a class is being prepared or loaded: counting there could load a
-        // class and come back in.
-        api.registerClassPrepareHook((ClassPrepareHook) (thread, clazz) -> { });
-        api.registerFileLoadHook((FileLoadHook) clazz -> { });
+        setHooks(Proxy.newProxyInstance(Workload.class.getClassLoader(), HOOK_TYPES, this::onEvent));
     }
 
     public void clearHooks() {
-        api.registerBreakpointHook(null);
-        api.registerSteppingAbortedHook(null);
-        api.registerThreadHook(null);
-        api.registerExceptionHook(null);
-        api.registerFieldHook(null);
-        api.registerClassPrepareHook(null);
-        api.registerFileLoadHook(null);
+        setHooks(null);
+    }
+
+    private void setHooks(Object hooks) {
+        api.registerBreakpointHook(hooks);
+        api.registerSteppingAbortedHook(hooks);
+        api.registerThreadHook(hooks);
+        api.registerExceptionHook(hooks);
+        api.registerFieldHook(hooks);
+        api.registerClassPrepareHook(hooks);
+        api.registerFileLoadHook(hooks);
     }
 
     /** The stack, the locals of every frame and the owned monitors of a thread stopped `height` frames deep. */
@@ -172,7 +158,7 @@ public final class Workload {
 
     /**
      * Starts the spinner and returns it once it runs its loop: a thread suspended before it has a
-     * frame stays suspended although the call fails (see SuspendRaceTest).
+     * frame stays suspended although the call fails (see SuspendRaceMain).
      */
     public Thread startSpinner(String name) {
         StormTarget.spinning = true;
@@ -194,7 +180,7 @@ public final class Workload {
      * Suspends the spinner, looks at it, and resumes it with the command (CONTINUE when the
      * suspension found no frame to step from). After a step it waits until the step has stopped
      * and the loop turns again: a thread suspended while inside the agent's own event code and then
-     * resumed with a command is SuspendRaceTest's subject.
+     * resumed with a command is SuspendRaceMain's subject.
      */
     public void suspendAndLook(int command) {
         Thread target = spinner;
@@ -260,7 +246,6 @@ public final class Workload {
         Thread self = Thread.currentThread();
         if (!api.setEventNotificationMode(self, JvmtiEvent.BREAKPOINT, true)) {
             fail("breakpoints not switched on for " + self.getName());
-            return;
         }
         for (int event : WATCHED_EVENTS) {
             api.setEventNotificationMode(self, event, true);
@@ -299,10 +284,9 @@ public final class Workload {
                 fail(thread.getName() + ": " + calls + " calls more than hits");
             }
         });
-        long missedStarts = created.stream().filter(t -> !started.contains(t)).count();
-        long missedEnds = created.stream().filter(t -> !ended.contains(t)).count();
-        if (missedStarts + missedEnds > 0) {
-            fail("thread hook missed " + missedStarts + " starts and " + missedEnds + " ends");
+        long amiss = created.stream().filter(t -> threadHookCalls.getOrDefault(t, 0) != 2).count();
+        if (amiss > 0) {
+            fail("the thread hook did not hear exactly the start and end of " + amiss + " threads");
         }
     }
 
@@ -311,53 +295,30 @@ public final class Workload {
         return StepType.CONTINUE;
     }
 
-    /** One object for the hooks that count: the agent finds each hook's methods by name. */
-    private final class Hooks implements BreakpointHook, ThreadHook, ExceptionHook, FieldHook {
-        @Override
-        public int breakpointHit(BreakpointLocation location, ThreadContext context) {
-            if (context.getThread() == spinner) {
-                return counted("spinnerStops");
-            }
-            return breakpoints.breakpointHit(location, context);
+    /**
+     * The hooks: they count every event but class events, which run while a class is being
+     * prepared or loaded, where counting could load a class and come back in. A thread named
+     * "parked-in-" and a hook method's name stays in that hook, for exits in the middle of one.
+     */
+    private Object onEvent(Object hooks, Method method, Object[] args) {
+        String hook = method.getName();
+        if (hook.equals("prepareClass") || hook.equals("redefinedClass")) {
+            return null;
         }
-
-        @Override
-        public void threadStart(Thread thread) {
-            started.add(thread);
+        if (Thread.currentThread().getName().equals("parked-in-" + hook)) {
+            count("parked");
+            LockSupport.parkNanos(60_000_000_000L);
         }
-
-        @Override
-        public void threadEnd(Thread thread) {
-            ended.add(thread);
-        }
-
-        @Override
-        public int exceptionThrown(BreakpointLocation location, ThreadContext context, Throwable exception,
-                BreakpointLocation catchLocation) {
-            return counted("exceptionEvents");
-        }
-
-        @Override
-        public int exceptionCatch(BreakpointLocation location, ThreadContext context, Throwable exception) {
-            return counted("exceptionEvents");
-        }
-
-        @Override
-        public int fieldAccess(BreakpointLocation location, ThreadContext context, Class<?> fieldClass, Object object,
-                Field field) {
-            return counted("fieldEvents");
-        }
-
-        /** Every other field event, when a write, asks to hear when the write is done. */
-        @Override
-        public int fieldModified(BreakpointLocation location, ThreadContext context, Class<?> fieldClass, Object object,
-                Field field, Object newValue) {
-            return count("fieldEvents") % 2 == 0 ? StepType.FIELD_MODIFICATION_COMPLETE : StepType.CONTINUE;
-        }
-
-        @Override
-        public int fieldModifiedComplete(BreakpointLocation location, ThreadContext context) {
-            return counted("fieldEvents");
-        }
+        return switch (hook) {
+            case "breakpointHit" -> ((ThreadContext) args[1]).getThread() == spinner ? counted("spinnerStops")
+                    : breakpoints.breakpointHit((BreakpointLocation) args[0], (ThreadContext) args[1]);
+            case "threadStart", "threadEnd" -> threadHookCalls.merge((Thread) args[0], 1, Integer::sum);
+            case "steppingAborted" -> count("stepAborts");
+            case "exceptionThrown", "exceptionCatch" -> counted("exceptionEvents");
+            // Every other field write asks to hear when the write is done.
+            case "fieldModified" -> count("fieldEvents") % 2 == 0 ? StepType.FIELD_MODIFICATION_COMPLETE : StepType.CONTINUE;
+            case "fieldAccess", "fieldModifiedComplete" -> counted("fieldEvents");
+            default -> throw new UnsupportedOperationException(hook);
+        };
     }
 }

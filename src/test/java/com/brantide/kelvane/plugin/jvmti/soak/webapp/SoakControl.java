@@ -9,6 +9,7 @@ import com.brantide.kelvane.plugin.jvmti.api.ClassCallback;
 import com.brantide.kelvane.plugin.jvmti.api.JvmtiApi;
 import com.brantide.kelvane.plugin.jvmti.api.LineNumberCallback;
 import com.brantide.kelvane.plugin.jvmti.api.VariableCallback;
+import com.brantide.kelvane.plugin.jvmti.testing.StormTarget;
 import com.brantide.kelvane.plugin.jvmti.testing.Workload;
 import java.io.IOException;
 import java.util.ArrayList;
@@ -18,12 +19,13 @@ import java.util.Map;
 import java.util.TreeMap;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
-import java.util.stream.Stream;
 import javax.servlet.Filter;
 import javax.servlet.FilterChain;
 import javax.servlet.ServletException;
 import javax.servlet.ServletRequest;
 import javax.servlet.ServletResponse;
+import javax.servlet.annotation.WebFilter;
+import javax.servlet.annotation.WebServlet;
 import javax.servlet.http.HttpServlet;
 import javax.servlet.http.HttpServletRequest;
 import javax.servlet.http.HttpServletResponse;
@@ -32,7 +34,7 @@ import javax.servlet.http.HttpServletResponse;
  * The web application's debugger of its own page, driven by the soak through this servlet:
  * op=mode&amp;mode=... starts a phase (the first one switches the agent on through the managed layer
  * of the web application's own WEB-INF/lib and finds the page, requested once before); op=heap takes
- * a histogram and a GC-root tree, each of which must count the KEPT objects exactly, and a data dump;
+ * a histogram and a GC-root tree, each of which must count the objects kept in StormTarget exactly, and a data dump;
  * op=verdict gives the phase's figures on one line, then "OK" or "FAILED" with what went wrong.
  *
  * <p>The breakpoint stands on the page's HIT line, found through the compiled page's source map and
@@ -42,6 +44,7 @@ import javax.servlet.http.HttpServletResponse;
  * other event registered anew. Stopping the web application clears everything and switches the
  * agent off. A web application has one servlet instance: the debugger's state is static.
  */
+@WebServlet("/control")
 public final class SoakControl extends HttpServlet {
     /** The page under the debugger (the driver deploys it). */
     public static final String PAGE = """
@@ -63,9 +66,8 @@ public final class SoakControl extends HttpServlet {
     private static final String PAGE_CLASS = "org.apache.jsp.loop_jsp";
     private static final String SERVICE =
             "_jspService(Ljavax/servlet/http/HttpServletRequest;Ljavax/servlet/http/HttpServletResponse;)V";
-    /** An entry of a source map's line section: page line[#file][,repeat]:Java line[,increment]. */
-    private static final Pattern SMAP_ENTRY =
-            Pattern.compile("^(\\d+)(?:#\\d+)?(?:,(\\d+))?:(\\d+)(?:,(\\d+))?$", Pattern.MULTILINE);
+    /** The start of an entry of a source map's line section: page line[,repeat]:Java line. */
+    private static final Pattern SMAP_ENTRY = Pattern.compile("^(\\d+)(?:,(\\d+))?:(\\d+)", Pattern.MULTILINE);
     private static final int STEP_EVERY = 8;
     private static final long serialVersionUID = 1L;
 
@@ -76,11 +78,6 @@ public final class SoakControl extends HttpServlet {
     private record Request(String tag, int count, List<Integer> stops) {
     }
 
-    /** Objects that only the heap walks look for. */
-    public static final class Kept {
-    }
-
-    private static final List<Kept> KEPT = Stream.generate(Kept::new).limit(321).toList();
     private static final ThreadLocal<Request> CURRENT = new ThreadLocal<>();
     private static final TreeMap<Long, Integer> JAVA_LINE_AT = new TreeMap<>();
     private static final Map<Integer, Integer> PAGE_LINE_OF = new HashMap<>();
@@ -95,7 +92,7 @@ public final class SoakControl extends HttpServlet {
         String answer = switch (request.getParameter("op")) {
             case "mode" -> switchTo(Mode.valueOf(request.getParameter("mode")));
             case "heap" -> {
-                work.checkHeap(Kept.class, KEPT.size(), 60_000);
+                work.checkHeap(StormTarget.Marker.class, StormTarget.KEPT.size(), 60_000);
                 work.requestDump();
                 yield "";
             }
@@ -133,6 +130,7 @@ public final class SoakControl extends HttpServlet {
             throw new IllegalStateException("the managed layer is not the web application's own");
         }
         api = Workload.activated().api;
+        StormTarget.keep(321);
         api.listClasses((ClassCallback) clazz -> page = clazz.getName().equals(PAGE_CLASS) ? clazz : page);
         readSourceMap(api.getSourceDebugExtension(page));
         api.getLineNumbersV2(page, SERVICE, (LineNumberCallback) (location, line) -> JAVA_LINE_AT.put(location, line));
@@ -144,19 +142,15 @@ public final class SoakControl extends HttpServlet {
     /**
      * The page line of each Java line the source map covers, read here rather than by the agent so
      * that its stepping is checked against a second opinion. The page includes no other file, so
-     * every entry is the page's. With increment 0 the page lines share their first Java line, which
-     * then belongs to the first of them.
+     * every entry is the page's. The compiler writes the page's code line for line; only template
+     * text takes more Java lines per page line, and those are no places to stop at.
      */
     private static void readSourceMap(String smap) {
         Matcher entry = SMAP_ENTRY.matcher(smap.substring(smap.indexOf("\n*L\n")));
         while (entry.find()) {
-            int from = Integer.parseInt(entry.group(1));
             int repeat = entry.group(2) == null ? 1 : Integer.parseInt(entry.group(2));
-            int javaStart = Integer.parseInt(entry.group(3));
-            int increment = entry.group(4) == null ? 1 : Integer.parseInt(entry.group(4));
-            int step = Math.max(1, increment);
-            for (int k = 0; k < repeat * step; k++) {
-                PAGE_LINE_OF.putIfAbsent(javaStart + k / step * increment + k % step, from + k / step);
+            for (int k = 0; k < repeat; k++) {
+                PAGE_LINE_OF.put(Integer.parseInt(entry.group(3)) + k, Integer.parseInt(entry.group(1)) + k);
             }
         }
     }
@@ -241,6 +235,7 @@ public final class SoakControl extends HttpServlet {
      * that asks for it, switches breakpoint events on for the request's thread. The phase does not
      * change while requests run: the driver starts the next one after the last answer.
      */
+    @WebFilter("/loop.jsp")
     public static final class RequestFilter implements Filter {
         @Override
         public void doFilter(ServletRequest request, ServletResponse response, FilterChain chain)
