@@ -11,7 +11,6 @@ import java.lang.reflect.Field;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.List;
-import java.util.concurrent.TimeoutException;
 
 /**
  * A child JVM's program for the agent's own memory (probe agent). It runs every feature of the
@@ -93,17 +92,12 @@ public final class AgentMemoryMain {
         return WORK.answer(location, context);
     }
 
-    /** Beside the exact counts: a walk cut short by its time limit, one to a file, one for no such class. */
+    /**
+     * Beside the exact counts: a walk to a file and one for no such class. Walks cut short by their
+     * time limit are HeapProbeTest's, whose sanitized run finds what they leak.
+     */
     private static void walkTheHeapEveryWay() throws Exception {
         WORK.checkHeap(StormTarget.Marker.class, KEPT, 0);
-        try {
-            API.heapHistogram((HistogramCallback) (names, counts, sizes) -> { }, 1);
-        } catch (Exception e) {
-            // The native raises the checked TimeoutException when the limit cut the walk short.
-            if (!(e instanceof TimeoutException)) {
-                throw e;
-            }
-        }
         Path file = Files.createTempFile("memory-histogram", ".csv");
         API.heapHistogramToFile(file.toString(), 0);
         Files.delete(file);

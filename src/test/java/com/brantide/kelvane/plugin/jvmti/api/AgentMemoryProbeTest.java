@@ -38,14 +38,14 @@ class AgentMemoryProbeTest {
             result = child.await(300).assertClean();
         }
         List<String> lines = result.stdoutLines();
-        assertTrue(lines.contains("OK"), result.stdout);
+        assertTrue(lines.contains("OK"), result.stdout());
         List<String[]> stages = lines.stream().map(l -> l.split(" ")).filter(f -> f[0].matches("heap|leaks")).toList();
-        assertTrue(stages.size() > 1, result.stdout);
+        assertTrue(stages.size() > 1, result.stdout());
         String[] warm = stages.get(0);
         String[] last = stages.get(stages.size() - 1);
         if (warm[0].equals("heap")) {
             stages.forEach(stage -> assertEquals(List.of(warm[2], warm[3]), List.of(stage[2], stage[3]),
-                    "live bytes and blocks of the agent after more rounds:\n" + result.stdout));
+                    "live bytes and blocks of the agent after more rounds:\n" + result.stdout()));
             long made = Long.parseLong(last[4]) - Long.parseLong(warm[4]);
             assertTrue(made > 1_000, "the rounds went through the agent's heap: " + made + " allocations");
         } else {

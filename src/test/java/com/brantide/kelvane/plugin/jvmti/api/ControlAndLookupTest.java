@@ -42,54 +42,51 @@ class ControlAndLookupTest {
         ended.join();
         Thread early = Thread.getAllStackTraces().keySet().stream()
                 .filter(t -> t.getName().equals("Reference Handler")).findFirst().orElseThrow();
+        String illegal = "IllegalArgumentException: ";
         return Stream.of(
-                // Switched off (twice) it is inactive.
-                row("returned false", () -> API.setActive(false) || API.setActive(false) || API.isActive()),
-                row("IllegalArgumentException: name is null", () -> API.registerOsgiClass(null, String.class)),
-                row("IllegalArgumentException: clazz is null", () -> API.registerOsgiClass("ThreadContext", null)),
-                row("IllegalArgumentException: thread is null", () -> API.getStackDepth(null)),
-                row("IllegalArgumentException: stackFrame must be >= 1", () -> API.listStack(SELF, 0, CALLBACK)),
-                row("IllegalArgumentException: thread is null", () -> API.listStack(null, 1, CALLBACK)),
-                row("IllegalArgumentException: callback is null", () -> API.listThreads(null)),
-                row("IllegalArgumentException: thread is null", () -> API.listOwnedMonitors(null, 1, CALLBACK)),
-                row("IllegalArgumentException: thread is null", () -> API.listContendedMonitor(null, CALLBACK)),
-                row("IllegalArgumentException: thread is null", () -> API.suspendThread(null, CALLBACK)),
-                row("IllegalArgumentException: thread cannot be the current thread", () -> API.suspendThread(SELF, CALLBACK)),
-                row("IllegalArgumentException: op code must be >= 2 && <= 8", () -> API.resumeThread(early, 99)),
-                row("IllegalArgumentException: stackFrame must be > 1", () -> API.listVariables(SELF, -1, 1, CALLBACK)),
-                row("IllegalArgumentException: depth must be >= 1", () -> API.listVariables(SELF, 1, 0, CALLBACK)),
-                row("IllegalArgumentException: callback is null", () -> API.listVariables(SELF, 1, 1, null)),
-                row("IllegalArgumentException: stackFrameDepth must be >= 1", () -> API.setVariable(SELF, 0, "x", 1)),
-                row("IllegalArgumentException: variableName is null", () -> API.setVariable(SELF, 1, null, 1)),
-                row("IllegalArgumentException: thread is null", () -> API.setVariable(null, 1, "x", 1)),
-                row("IllegalArgumentException: Invalid BreakpointLocation", () -> API.setBreakpoint(null)),
-                row("IllegalArgumentException: Invalid Field", () -> API.setFieldAccessWatch(Target.class, null)),
-                // Thread start is switched VM-wide only; stepping's own events are the agent's alone.
-                row("returned false", () -> API.setEventNotificationMode(SELF, JvmtiEvent.THREAD_START, true)),
-                row("returned false", () -> API.setEventNotificationMode(SELF, JvmtiEvent.SINGLE_STEP, true)),
-                row("returned false", () -> API.setEventNotificationMode(SELF, JvmtiEvent.FRAME_POP, false)),
-                row("returned false", () -> API.setEventNotificationMode(SELF, JvmtiEvent.METHOD_ENTRY, true)),
-                row("returned false", () -> API.setEventNotificationMode(SELF, JvmtiEvent.METHOD_EXIT, false)),
-                row("returned false", () -> API.setEventNotificationMode(SELF, 9999, true)),
-                row("returned false", () -> API.setEventNotificationMode(null, Integer.MIN_VALUE, true)),
-                row("returned false", () -> API.setEventNotificationMode(ended, JvmtiEvent.BREAKPOINT, true)),
-                row("returned false", () -> API.setEventNotificationMode(early, JvmtiEvent.BREAKPOINT, true)),
-                row("IllegalArgumentException: callback is null", () -> API.heapHistogram(null, 0)),
-                row("IllegalArgumentException: filename is null", () -> API.heapHistogramToFile(null, 0)),
-                row("IllegalArgumentException: callback is null", () -> API.gcRoots(null, "LTarget;", 0, 1)),
-                row("IllegalArgumentException: maxDepth is negative", () -> API.gcRoots(CALLBACK, "LTarget;", 0, -1)),
-                row("IllegalArgumentException: signature is null", () -> API.gcRoots(CALLBACK, null, 0, 1)),
-                row("IllegalArgumentException: callback is null", () -> API.listClasses(null)),
-                row("NoSuchMethodError", () -> API.listClasses(CALLBACK)),
-                row("JVMTIException: JVMTI_ERROR_INVALID_CLASS 21", () -> API.getSourceFileName(null)),
+                // Switched off (twice) it is inactive. Thread start is switched VM-wide only; stepping's
+                // own events are the agent's alone.
+                returningFalse(() -> API.setActive(false) || API.setActive(false) || API.isActive(),
+                        () -> API.setEventNotificationMode(SELF, JvmtiEvent.THREAD_START, true),
+                        () -> API.setEventNotificationMode(SELF, JvmtiEvent.SINGLE_STEP, true),
+                        () -> API.setEventNotificationMode(SELF, JvmtiEvent.FRAME_POP, false),
+                        () -> API.setEventNotificationMode(SELF, JvmtiEvent.METHOD_ENTRY, true),
+                        () -> API.setEventNotificationMode(SELF, JvmtiEvent.METHOD_EXIT, false),
+                        () -> API.setEventNotificationMode(SELF, 9999, true),
+                        () -> API.setEventNotificationMode(null, Integer.MIN_VALUE, true),
+                        () -> API.setEventNotificationMode(ended, JvmtiEvent.BREAKPOINT, true),
+                        () -> API.setEventNotificationMode(early, JvmtiEvent.BREAKPOINT, true)),
+                raising(illegal + "thread is null", () -> API.getStackDepth(null), () -> API.listStack(null, 1, CALLBACK),
+                        () -> API.listOwnedMonitors(null, 1, CALLBACK), () -> API.listContendedMonitor(null, CALLBACK),
+                        () -> API.suspendThread(null, CALLBACK), () -> API.setVariable(null, 1, "x", 1)),
+                raising(illegal + "callback is null", () -> API.listThreads(null), () -> API.listVariables(SELF, 1, 1, null),
+                        () -> API.heapHistogram(null, 0), () -> API.gcRoots(null, "LTarget;", 0, 1),
+                        () -> API.listClasses(null)),
+                raising(illegal + "name is null", () -> API.registerOsgiClass(null, String.class)),
+                raising(illegal + "clazz is null", () -> API.registerOsgiClass("ThreadContext", null)),
+                raising(illegal + "stackFrame must be >= 1", () -> API.listStack(SELF, 0, CALLBACK)),
+                raising(illegal + "thread cannot be the current thread", () -> API.suspendThread(SELF, CALLBACK)),
+                raising(illegal + "op code must be >= 2 && <= 8", () -> API.resumeThread(early, 99)),
+                raising(illegal + "stackFrame must be > 1", () -> API.listVariables(SELF, -1, 1, CALLBACK)),
+                raising(illegal + "depth must be >= 1", () -> API.listVariables(SELF, 1, 0, CALLBACK)),
+                raising(illegal + "stackFrameDepth must be >= 1", () -> API.setVariable(SELF, 0, "x", 1)),
+                raising(illegal + "variableName is null", () -> API.setVariable(SELF, 1, null, 1)),
+                raising(illegal + "Invalid BreakpointLocation", () -> API.setBreakpoint(null)),
+                raising(illegal + "Invalid Field", () -> API.setFieldAccessWatch(Target.class, null)),
+                raising(illegal + "filename is null", () -> API.heapHistogramToFile(null, 0)),
+                raising(illegal + "maxDepth is negative", () -> API.gcRoots(CALLBACK, "LTarget;", 0, -1)),
+                raising(illegal + "signature is null", () -> API.gcRoots(CALLBACK, null, 0, 1)),
+                raising("NoSuchMethodError", () -> API.listClasses(CALLBACK)),
+                raising("JVMTIException: JVMTI_ERROR_INVALID_CLASS 21", () -> API.getSourceFileName(null)),
                 // The classes the agent raises its JVMTI errors with, registered wrong.
-                row("JVMTICapabilityException: JVMTI_ERROR_THREAD_NOT_ALIVE 15",
+                raising("JVMTICapabilityException: JVMTI_ERROR_THREAD_NOT_ALIVE 15",
                         raisedWith("JVMTIException", JVMTICapabilityException.class)),
-                row("IllegalStateException: JVMTI Exception constructor not found",
+                raising("IllegalStateException: JVMTI Exception constructor not found",
                         raisedWith("JVMTIException", IllegalStateException.class)),
-                row("IllegalStateException: Cannot create new exception", raisedWith("JVMTIException", AbstractJvmtiException.class)),
-                row("IllegalStateException: JVMTI Exception class not found", raisedWith("JVMTIException", String.class)),
-                row("JVMTIException: JVMTI_ERROR_THREAD_NOT_ALIVE 15", raisedWith("jvmtiexception", String.class)));
+                raising("IllegalStateException: Cannot create new exception", raisedWith("JVMTIException", AbstractJvmtiException.class)),
+                raising("IllegalStateException: JVMTI Exception class not found", raisedWith("JVMTIException", String.class)),
+                raising("JVMTIException: JVMTI_ERROR_THREAD_NOT_ALIVE 15", raisedWith("jvmtiexception", String.class)))
+                .flatMap(rows -> rows);
     }
 
     @ParameterizedTest(name = "[{index}] {0}")
@@ -108,22 +105,23 @@ class ControlAndLookupTest {
         assertEquals(expected, outcome);
     }
 
-    private static Arguments row(String expected, ThrowingSupplier<?> call) {
-        return Arguments.of(expected, call);
+    private static Stream<Arguments> returningFalse(ThrowingSupplier<?>... calls) {
+        return Stream.of(calls).map(call -> Arguments.of("returned false", call));
     }
 
-    private static Arguments row(String expected, Executable call) {
-        return Arguments.of(expected, (ThrowingSupplier<?>) () -> {
+    /** Calls whose outcome must be the expected exception; "returned nothing" when they end normally. */
+    private static Stream<Arguments> raising(String expected, Executable... calls) {
+        return Stream.of(calls).map(call -> Arguments.of(expected, (ThrowingSupplier<?>) () -> {
             call.execute();
             return "nothing";
-        });
+        }));
     }
 
     /** A failing call after the class was registered under the name (names are case-sensitive). */
-    private static ThrowingSupplier<?> raisedWith(String name, Class<?> clazz) {
+    private static Executable raisedWith(String name, Class<?> clazz) {
         return () -> {
             API.registerOsgiClass(name, clazz);
-            return API.getStackDepth(new Thread());
+            API.getStackDepth(new Thread());
         };
     }
 

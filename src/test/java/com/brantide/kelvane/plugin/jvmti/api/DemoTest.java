@@ -16,7 +16,7 @@ class DemoTest {
     void theTranscriptShowsTheWholeSession() throws Exception {
         Path out = Files.createTempDirectory(ChildJvm.workDirectory(), "demo");
         ChildJvm.Result result = ChildJvm.main("com.brantide.kelvane.demo.Demo", out.toString()).run().assertClean();
-        String transcript = result.stdout + result.stderr;
+        String transcript = result.stdout() + result.stderr();
         assertTrue(result.agentMessages().stream().noneMatch(m -> m.startsWith("ERROR")), transcript);
 
         assertInOrder(transcript,

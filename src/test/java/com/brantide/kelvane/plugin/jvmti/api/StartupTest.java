@@ -44,8 +44,8 @@ class StartupTest {
                 "locals=JVMTICapabilityException: JVMTI_ERROR_MUST_POSSESS_CAPABILITY"), result.stdoutLines());
         List<String> lines = result.stderrLines();
         assertTrue(lines.get(0).matches(BANNER), lines.get(0));
-        assertTrue(lines.stream().skip(1).allMatch(line -> ChildJvm.LOG_LINE.matcher(line).matches()), result.stderr);
-        assertTrue(lines.get(lines.size() - 1).contains(":Agent_OnUnload() "), result.stderr);
+        assertTrue(lines.stream().skip(1).allMatch(line -> ChildJvm.LOG_LINE.matcher(line).matches()), result.stderr());
+        assertTrue(lines.get(lines.size() - 1).contains(":Agent_OnUnload() "), result.stderr());
         List<String> messages = result.agentMessages();
         assertEquals(List.of(UNREGISTERED), messages.stream().filter(m -> !m.startsWith("DEBUG")).toList());
         assertEquals(List.of("DEBUG agentargs = (null)", "DEBUG mode = debugging"), messages.subList(0, 2));
@@ -69,7 +69,7 @@ class StartupTest {
         assertTrue(messages.containsAll(List.of("DEBUG mode = " + INSPECTION_ONLY, "WARN " + INSPECTION_ONLY,
                 "DEBUG \tcan_tag_objects=1", "DEBUG \tcan_suspend=1", "DEBUG \tcan_generate_breakpoint_events=0",
                 "DEBUG \tcan_access_local_variables=0", "DEBUG \tcan_generate_single_step_events=0")), messages.toString());
-        assertEquals(attach, result.stderr.contains("Kelvane JVMTI: already loaded in this VM; attach refused, nothing changed"));
+        assertEquals(attach, result.stderr().contains("Kelvane JVMTI: already loaded in this VM; attach refused, nothing changed"));
     }
 
     @Test
@@ -89,14 +89,14 @@ class StartupTest {
         ChildJvm child = ChildJvm.main(MAIN, "dump").withProbeAgent();
         Result result = (ThreadKind.VIRTUAL ? child.property("kv.test.thread.kind", "virtual") : child).run().assertClean();
         List<String> lines = result.stderrLines();
-        assertTrue(lines.get(0).matches(BANNER), result.stderr);
+        assertTrue(lines.get(0).matches(BANNER), result.stderr());
         assertEquals(List.of(UNREGISTERED), result.agentMessages(), "the default level shows errors, no debug line");
         List<String> dump = lines.subList(lines.indexOf("Capabilities"), lines.size());
         assertTrue(dump.containsAll(List.of("\tcan_generate_breakpoint_events=1", "\tThreadHook=Set", "\tBreakpointHook=Set",
-                "\tExceptionHook=Unset", "\tFieldHook=Set", "\tBreakpoints=2", "\tFieldAccess=1", "\tFieldWatch=2")), result.stderr);
+                "\tExceptionHook=Unset", "\tFieldHook=Set", "\tBreakpoints=2", "\tFieldAccess=1", "\tFieldWatch=2")), result.stderr());
         List<String> threads = dump.subList(dump.indexOf("Thread Events") + 1, dump.size());
         assertEquals("\tVM-wide \"FIELD_ACCESS\" 8192", threads.get(0), "switched for every thread comes first");
-        String[] ids = result.stdout.trim().split("[ =]");
+        String[] ids = result.stdout().trim().split("[ =]");
         assertEquals(Set.of("\tThread id=" + ids[3] + " name=\"main\" \"BREAKPOINT\" 4096",
                 "\tThread id=" + ids[1] + " name=\"dump-worker\" \"SINGLE_STEP,BREAKPOINT\" 5120 (\"BREAKPOINT\" 4096)"),
                 Set.copyOf(threads.subList(1, threads.indexOf(""))));

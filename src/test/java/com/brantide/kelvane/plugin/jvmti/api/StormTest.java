@@ -51,8 +51,8 @@ class StormTest {
             result = child.await(120).assertClean();
         }
         System.out.println("storm " + seconds + " s: " + result.stdoutLines() + " jcmdDumps=" + jcmdDumps);
-        Matcher dumps = DUMPS.matcher(result.stdout);
-        assertTrue(result.stdoutLines().contains("OK") && dumps.find(), result.stdout);
+        Matcher dumps = DUMPS.matcher(result.stdout());
+        assertTrue(result.stdoutLines().contains("OK") && dumps.find(), result.stdout());
         long written = result.stderrLines().stream().filter(l -> l.equals("Thread Events")).count();
         assertEquals(jcmdDumps + Long.parseLong(dumps.group(1)), written, "dumps written whole");
     }
@@ -71,7 +71,7 @@ class StormTest {
                 .jvmOption("-XX:-CreateCoredumpOnCrash").start()) {
             result = child.await(60).assertClean();
         }
-        assertTrue(result.stdoutLines().contains("IN PLACE"), result.stdout);
+        assertTrue(result.stdoutLines().contains("IN PLACE"), result.stdout());
     }
 
     /**
@@ -87,6 +87,6 @@ class StormTest {
         try (ChildJvm.Running child = child(SuspendRaceMain.class, busy, "5000").start()) {
             result = child.await(60).assertClean();
         }
-        assertTrue(result.stdoutLines().contains("DONE"), result.stdout);
+        assertTrue(result.stdoutLines().contains("DONE"), result.stdout());
     }
 }

@@ -26,7 +26,7 @@ class VirtualThreadProbeTest {
                 .start()) {
             result = child.await(60).assertClean();
         }
-        assertTrue(result.stdoutLines().contains("OK"), result.stdout + result.stderr);
-        assertEquals(List.of(), result.stderrLines().stream().filter(l -> l.startsWith("ERROR")).toList(), result.stderr);
+        assertTrue(result.stdoutLines().contains("OK"), result.stdout() + result.stderr());
+        assertEquals(List.of(), result.stderrLines().stream().filter(l -> l.startsWith("ERROR")).toList(), result.stderr());
     }
 }

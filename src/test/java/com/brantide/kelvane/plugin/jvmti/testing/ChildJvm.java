@@ -161,17 +161,7 @@ public final class ChildJvm {
     }
 
     /** What a finished child JVM wrote. */
-    public static final class Result {
-        public final int exitCode;
-        public final String stdout;
-        public final String stderr;
-
-        Result(int exitCode, String stdout, String stderr) {
-            this.exitCode = exitCode;
-            this.stdout = stdout;
-            this.stderr = stderr;
-        }
-
+    public record Result(int exitCode, String stdout, String stderr) {
         public List<String> stderrLines() {
             return stderr.lines().toList();
         }

@@ -71,8 +71,8 @@ public final class SoakControl extends HttpServlet {
     private static final int STEP_EVERY = 8;
     private static final long serialVersionUID = 1L;
 
-    /** NONE: no breakpoint set; OFF: set, its events switched off. */
-    private enum Mode { NONE, PER_THREAD, VM_WIDE, OFF }
+    /** The phases, in the driver's order. NONE: no breakpoint set; OFF: set, its events switched off. */
+    public enum Mode { NONE, PER_THREAD, VM_WIDE, OFF }
 
     /** What one request sent; the page lines of its stops once its hit steps. */
     private record Request(String tag, int count, List<Integer> stops) {
@@ -102,24 +102,17 @@ public final class SoakControl extends HttpServlet {
         response.getWriter().print(answer);
     }
 
-    /** Starts a phase: sets or clears the breakpoint and switches its events VM-wide as the mode asks. */
+    /** Starts a phase: sets the breakpoint after the first one and switches its events VM-wide as the phase asks. */
     private static synchronized String switchTo(Mode next) {
         if (api == null) {
             arm();
         }
         work = new Workload(api);
         work.registerHooks((BreakpointHook) SoakControl::breakpointHit);
-        if (mode == Mode.VM_WIDE) {
-            switchEvents(null, false);
-        }
         if (mode == Mode.NONE && next != Mode.NONE) {
             api.setBreakpoint(breakpoint);
-        } else if (mode != Mode.NONE && next == Mode.NONE) {
-            api.clearBreakpoint(breakpoint);
         }
-        if (next == Mode.VM_WIDE) {
-            switchEvents(null, true);
-        }
+        switchEvents(null, next == Mode.VM_WIDE);
         mode = next;
         return next.name();
     }
@@ -180,8 +173,11 @@ public final class SoakControl extends HttpServlet {
     @Override
     public void destroy() {
         if (api != null) {
-            switchTo(Mode.NONE);
             work.clearHooks();
+            switchEvents(null, false);
+            if (mode != Mode.NONE) {
+                api.clearBreakpoint(breakpoint);
+            }
             api.setActive(false);
         }
     }
