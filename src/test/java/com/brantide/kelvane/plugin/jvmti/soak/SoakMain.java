@@ -6,6 +6,7 @@ import com.brantide.kelvane.plugin.jvmti.soak.webapp.SoakControl;
 import java.io.IOException;
 import java.io.InputStream;
 import java.net.URI;
+import java.net.URLConnection;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.Queue;
@@ -117,10 +118,12 @@ public final class SoakMain {
 
     /**
      * The body of a GET to the server on the loopback address; an error status raises (the server
-     * logs its cause). A request that never ends hangs the soak, which tools/soak.sh times out.
+     * logs its cause), and so does a request that hangs: a stuck hit must fail the phase.
      */
     private String get(String pathAndQuery) throws IOException {
-        try (InputStream body = URI.create("http://127.0.0.1:" + port + pathAndQuery).toURL().openStream()) {
+        URLConnection connection = URI.create("http://127.0.0.1:" + port + pathAndQuery).toURL().openConnection();
+        connection.setReadTimeout(120_000);
+        try (InputStream body = connection.getInputStream()) {
             return new String(body.readAllBytes(), UTF_8);
         }
     }
