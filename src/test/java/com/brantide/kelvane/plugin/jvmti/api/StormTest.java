@@ -44,7 +44,9 @@ class StormTest {
         ChildJvm.Result result;
         try (ChildJvm.Running child = child(StormMain.class).start()) {
             child.awaitStdout("STARTED", 60);
-            for (long end = System.nanoTime() + seconds * 1_000_000_000L; System.nanoTime() < end; jcmdDumps++) {
+            // A child that died stops the dumps: its exit status and output then tell why.
+            for (long end = System.nanoTime() + seconds * 1_000_000_000L; System.nanoTime() < end
+                    && child.process().isAlive(); jcmdDumps++) {
                 child.jcmd("JVMTI.data_dump");
             }
             child.closeStdin();
