@@ -16,10 +16,9 @@
 #include "thread_events.h"
 #include "version.h"
 #include "virtual_threads.h"
+#include "vm_events.h"
 
-#include <chrono>
 #include <cstdlib>
-#include <mutex>
 
 namespace {
 
@@ -160,18 +159,6 @@ void enable_default_events() {
     }
 }
 
-// One VM-wide event to the wanted state; `on` is what the VM was last told.
-void switch_vm_event(bool& on, bool wanted, jvmtiEvent event, const char* name) {
-    if (on == wanted) return;
-    jvmtiError error = g_jvmti->SetEventNotificationMode(wanted ? JVMTI_ENABLE : JVMTI_DISABLE, event, nullptr);
-    if (error == JVMTI_ERROR_NONE) {
-        on = wanted;
-        LOG_DEBUG("\t%s - events %s", name, wanted ? "enabled" : "disabled");
-    } else {
-        LOG_WARN("\t%s - events could not be switched - %s", name, get_error_message(error).c_str());
-    }
-}
-
 // At process exit the hook globals are destroyed while the VM is going away: no JNI call may be
 // made then, whether or not the VM unloaded the agent first.
 void forget_references_at_exit() {
@@ -266,17 +253,9 @@ void dump_capabilities() {
 // class-prepare hook; the file-load hook, or a debugging session, whose line caches and compiled
 // steps must hear of redefinitions.
 void update_class_events() {
-    if (g_jvmti == nullptr) return;
-    // The next change puts a lagging switch right.
-    static auto* lock = new std::timed_mutex();
-    auto guard = lock_patiently(*lock);
-    if (!guard.owns_lock()) return;
-    static bool prepare_on = false;
-    static bool file_load_on = false;
-    bool prepare = ReferenceCountedJObject(g_classPrepareHook).isSet();
-    bool file_load = ReferenceCountedJObject(g_fileLoadHook).isSet() || (g_active && !g_inspection_only);
-    switch_vm_event(prepare_on, prepare, JVMTI_EVENT_CLASS_PREPARE, "ClassPrepare");
-    switch_vm_event(file_load_on, file_load, JVMTI_EVENT_CLASS_FILE_LOAD_HOOK, "ClassFileLoadHook");
+    switch_vm_events({{JVMTI_EVENT_CLASS_PREPARE, "ClassPrepare", ReferenceCountedJObject(g_classPrepareHook).isSet()},
+                      {JVMTI_EVENT_CLASS_FILE_LOAD_HOOK, "ClassFileLoadHook",
+                       ReferenceCountedJObject(g_fileLoadHook).isSet() || (g_active && !g_inspection_only)}});
 }
 
 namespace {

@@ -3,15 +3,14 @@
 #include "error_name.h"
 #include "global.h"
 #include "hooks.h"
-#include "lock.h"
 #include "log.h"
 #include "reference.h"
 #include "resources.h"
 #include "thread_info.h"
 #include "virtual_threads.h"
+#include "vm_events.h"
 
 #include <atomic>
-#include <chrono>
 #include <memory>
 #include <new>
 #include <unordered_map>
@@ -203,25 +202,7 @@ void for_each_virtual_thread(JNIEnv* env, void (*visit)(jthread thread)) {
 
 void update_virtual_thread_events() {
     if (!g_virtual_threads) return;
-    // The next change puts a lagging switch right.
-    static auto* lock = new std::timed_mutex();
-    auto guard = lock_patiently(*lock);
-    if (!guard.owns_lock()) return;
-    static bool start_on = false;
-    static bool end_on = false;
     bool hook = ReferenceCountedJObject(g_threadHook).isSet();
-    bool start = hook;
-    bool end = hook || virtual_records() > 0;
-    auto change = [](bool& on, bool wanted, jint event) {
-        if (on == wanted) return;
-        jvmtiError error = g_jvmti->SetEventNotificationMode(wanted ? JVMTI_ENABLE : JVMTI_DISABLE,
-                                                             static_cast<jvmtiEvent>(event), nullptr);
-        if (error == JVMTI_ERROR_NONE) {
-            on = wanted;
-        } else {
-            LOG_DEBUG("virtual thread event %d not switched: %d", event, error);
-        }
-    };
-    change(start_on, start, EVENT_VIRTUAL_THREAD_START);
-    change(end_on, end, EVENT_VIRTUAL_THREAD_END);
+    switch_vm_events({{EVENT_VIRTUAL_THREAD_START, "VirtualThreadStart", hook},
+                      {EVENT_VIRTUAL_THREAD_END, "VirtualThreadEnd", hook || virtual_records() > 0}});
 }
