@@ -11,7 +11,7 @@ layers='
 base: log global resources lock config version native spinlock nothrow_array error_name
 logic: smap line_table signature frame_rules event_mask bytecode capabilities
 glue: reference object_methods hooks class_registry exception thread_cleanups thread_info
-glue: vm_events virtual_threads thread thread_events events lookup loaded_classes boxing
+glue: vm_events virtual_threads construction_frames thread thread_events events lookup loaded_classes boxing
 features: breakpoints breakpoint_location field_watches step_depth source_lines step_data frames
 features: compiled_step step_command hook_call step_stop stepping dispatch suspend locals stacks
 features: heap heap_memory arena walk_limit gcroots dump

@@ -2,6 +2,7 @@
 
 #include "arena.h"
 #include "class_registry.h"
+#include "construction_frames.h"
 #include "exception.h"
 #include "global.h"
 #include "heap_memory.h"
@@ -68,6 +69,7 @@ struct SearchContext {
     BudgetArray<Instance>* instances = nullptr;
     IterationLimit* limit = nullptr;
     const ClassInfo* infos = nullptr;  // by class number
+    const ConstructionFrames* construction = nullptr;
     jlong classes = 0;   // class objects carry the tags 1..classes
     jlong searched = 0;  // the tag of the class searched for
 
@@ -144,6 +146,7 @@ jint JNICALL heapReferenceCallbackDump(jvmtiHeapReferenceKind kind, const jvmtiH
                                        jlong* referrer_tag_ptr, jint, void* user_data) {
     auto* context = static_cast<SearchContext*>(user_data);
     if (context->limit != nullptr && limit_reached(context->limit, "heapReferenceCallback")) return JVMTI_VISIT_ABORT;
+    if (kind == JVMTI_HEAP_REFERENCE_STACK_LOCAL && context->construction->contains(info->stack_local.method)) return 0;
     jlong own = context->known(*tag_ptr);
     jlong from = referrer_tag_ptr != nullptr ? context->known(*referrer_tag_ptr) : 0;
     if (own == 0) {
@@ -385,6 +388,7 @@ private:
     SearchContext m_context;
     std::optional<IterationLimit> m_limit;
     Tree m_tree;
+    ConstructionFrames m_construction;
     double m_walk_end = 0;
     bool m_targets = false;
     jvmtiError m_clean_up_error = JVMTI_ERROR_NONE;
@@ -442,6 +446,7 @@ bool Search::tag_classes(const char* wanted) {
         JvmtiBuffer<char> signature;
         if (g_jvmti->GetClassSignature(info.klass, signature.out(), nullptr) != JVMTI_ERROR_NONE) continue;
         info.primitive_array = signature.get()[0] == '[' && signature.get()[1] != '[' && signature.get()[1] != 'L';
+        if (g_virtual_threads) m_construction.add_class(info.klass, signature.get());
         if (m_context.searched == 0 && std::strncmp(signature.get(), wanted, wanted_length) == 0) {
             m_context.searched = static_cast<jlong>(number) + 1;
         }
@@ -460,6 +465,7 @@ jvmtiError Search::walk(jlong limit_millis) {
     m_context.objects = &m_objects;
     m_context.infos = m_infos;
     m_context.instances = &m_instances;
+    m_context.construction = &m_construction;
     // The walk reports this thread's local references as roots. Held across it, the references to
     // every loaded class would make each class (and all it holds) look rooted right here, hiding
     // the class loader paths that really keep them alive; they are found again by their tags.

@@ -12,6 +12,7 @@ import java.util.List;
 import java.util.Set;
 import java.util.concurrent.ConcurrentHashMap;
 import java.util.concurrent.locks.LockSupport;
+import java.util.function.Supplier;
 import java.util.stream.Stream;
 
 /**
@@ -68,12 +69,14 @@ public final class StormMain {
         List<Thread> drivers = new ArrayList<>(hitters);
         drivers.add(new Thread(this::registerLoop, "storm-registerer"));
         drivers.add(new Thread(this::spawnLoop, "storm-spawner"));
+        Supplier<Thread> builder = ThreadKind.maker(() -> { });
+        // Threads built and dropped: the heap walks meet threads under construction.
+        drivers.add(new Thread(() -> { while (!stop) builder.get(); }, "storm-builder"));
         drivers.add(new Thread(this::switchLoop, "storm-switcher"));
         drivers.add(new Thread(this::suspendLoop, "storm-suspender"));
         drivers.add(new Thread(this::inspectLoop, "storm-inspector"));
         spinner = work.startSpinner("storm-spinner");
         drivers.forEach(Thread::start);
-        drivers.add(spinner);
         System.out.println("STARTED");
         if (exitDelay >= 0) {
             exitMidStorm();
@@ -81,9 +84,13 @@ public final class StormMain {
         System.in.readAllBytes();
 
         stop = true;
-        StormTarget.spinning = false;
         drivers.addAll(created);
+        // The spinner ends last: the suspender may be looking at it until the suspender ends.
+        drivers.add(spinner);
         for (Thread thread : drivers) {
+            if (thread == spinner) {
+                StormTarget.spinning = false;
+            }
             // One still running after 30 s is stuck: the failure ends the program.
             thread.join(30_000);
             if (thread.isAlive()) {

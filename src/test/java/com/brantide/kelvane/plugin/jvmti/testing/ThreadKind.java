@@ -4,6 +4,7 @@ import java.lang.reflect.Method;
 import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.TimeUnit;
 import java.util.function.Consumer;
+import java.util.function.Supplier;
 import org.junit.jupiter.api.Assumptions;
 
 /**
@@ -42,6 +43,22 @@ public final class ThreadKind {
         } catch (ReflectiveOperationException e) {
             throw new IllegalStateException("no virtual thread", e);
         }
+    }
+
+    /** Makes unnamed, unstarted threads of the kind under test, as fast as the JDK's builder does. */
+    public static Supplier<Thread> maker(Runnable body) throws ReflectiveOperationException {
+        if (!VIRTUAL) {
+            return () -> new Thread(body);
+        }
+        Object builder = Thread.class.getMethod("ofVirtual").invoke(null);
+        Method unstarted = Class.forName("java.lang.Thread$Builder").getMethod("unstarted", Runnable.class);
+        return () -> {
+            try {
+                return (Thread) unstarted.invoke(builder, body);
+            } catch (ReflectiveOperationException e) {
+                throw new IllegalStateException("no virtual thread", e);
+            }
+        };
     }
 
     /**
