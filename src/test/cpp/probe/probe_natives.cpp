@@ -22,18 +22,11 @@
 #define KV_PROBE(returns, name) \
     extern "C" JNIEXPORT returns JNICALL Java_com_brantide_kelvane_plugin_jvmti_api_AgentProbe_##name
 
-// Per-thread records and the user mask, read and switched as the agent's own paths do; -1 without a record.
-namespace {
-jlong read_mask(jthread thread, std::atomic<jlong> ThreadData::*mask) {
+// The thread's user mask, read and switched as the agent's own paths do; -1 without a record.
+KV_PROBE(jlong, userEvents)(JNIEnv*, jclass, jthread thread) {
     ThreadDataAccess access(thread);
-    return access.get() != nullptr ? (access.get()->*mask).load() : -1;
+    return access.get() != nullptr ? access.get()->user_events.load() : -1;
 }
-}  // namespace
-
-KV_PROBE(jboolean, hasThreadData)(JNIEnv*, jclass, jthread thread) {
-    return read_mask(thread, &ThreadData::user_events) != -1 ? JNI_TRUE : JNI_FALSE;
-}
-KV_PROBE(jlong, userEvents)(JNIEnv*, jclass, jthread thread) { return read_mask(thread, &ThreadData::user_events); }
 
 KV_PROBE(jboolean, setEvent)(JNIEnv*, jclass, jboolean enable, jint event, jthread thread, jboolean user) {
     return set_event(enable ? JVMTI_ENABLE : JVMTI_DISABLE, event, thread, user) ? JNI_TRUE : JNI_FALSE;

@@ -6,6 +6,7 @@ import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
 import com.brantide.kelvane.plugin.jvmti.StepType;
 import com.brantide.kelvane.plugin.jvmti.ThreadContext;
 import com.brantide.kelvane.plugin.jvmti.testing.StormTarget;
+import com.brantide.kelvane.plugin.jvmti.testing.ThreadKind;
 import com.brantide.kelvane.plugin.jvmti.testing.Workload;
 import java.lang.reflect.Field;
 import java.nio.file.Files;
@@ -38,8 +39,6 @@ public final class AgentMemoryMain {
         int perBatch = Integer.parseInt(args[1]);
         int batches = Integer.parseInt(args[2]);
         StormTarget.keep(KEPT);
-        StormTarget.hit(0);
-        StormTarget.throwAndCatch(0);
         int round = 0;
         for (int stage = 0; stage <= batches; stage++) {
             for (int i = 0; i < (stage == 0 ? warmUp : perBatch); i++) {
@@ -67,9 +66,7 @@ public final class AgentMemoryMain {
         API.setFieldAccessWatch(StormTarget.class, watched);
         API.setFieldModificationWatch(StormTarget.class, watched);
         // Breakpoints, steps, watched fields and exceptions thrown and caught.
-        Thread worker = new Thread(() -> WORK.hit(6, () -> false), "memory-worker-" + round);
-        worker.start();
-        worker.join();
+        Thread worker = ThreadKind.ranToEnd("memory-worker-" + round, () -> WORK.hit(6, () -> false));
         WORK.checkAccounts(List.of(worker));
         // A thread suspended from outside, looked at, let go, and let go again with a step.
         WORK.startSpinner("memory-spinner-" + round);
@@ -83,7 +80,7 @@ public final class AgentMemoryMain {
         walkTheHeapEveryWay();
         lookUpAndBeRefused();
         WORK.requestDump();
-        WORK.clearHooks();
+        Workload.setHooks(API, null);
     }
 
     /** The stopped worker looked at. */
@@ -111,9 +108,7 @@ public final class AgentMemoryMain {
         API.getLineNumbersV2(StormTarget.class, "inner(I)I", (LineNumberCallback) (location, line) -> WORK.count("listed"));
         API.getSourceFileName(StormTarget.class);
         API.getSourceDebugExtension(StormTarget.class);
-        Thread ended = new Thread(() -> { }, "memory-ended");
-        ended.start();
-        ended.join();
+        Thread ended = ThreadKind.ranToEnd("memory-ended", () -> { });
         Runnable[] failing = {
             () -> API.setBreakpoint(new BreakpointLocation(StormTarget.class, "noSuchMethod()V", 0)),
             () -> API.resumeThread(Thread.currentThread(), StepType.CONTINUE),

@@ -33,7 +33,7 @@ class AgentMemoryProbeTest {
     void roundAfterRoundTheAgentGivesBackWhatItTook() throws Exception {
         Path reports = Files.createTempDirectory(ChildJvm.workDirectory(), "agent-leaks").resolve("report");
         ChildJvm.Result result;
-        try (ChildJvm.Running child = ChildJvm.main(AgentMemoryMain.class, "5", "15", "2", reports.toString())
+        try (ChildJvm.Running child = ChildJvm.main(AgentMemoryMain.class.getName(), "5", "15", "2", reports.toString())
                 .withProbeAgent().start()) {
             result = child.await(300).assertClean();
         }

@@ -5,8 +5,6 @@ public final class AgentProbe {
     private AgentProbe() {
     }
 
-    static native boolean hasThreadData(Thread thread);
-
     /** The thread's user mask, or -1 without a record. */
     static native long userEvents(Thread thread);
 

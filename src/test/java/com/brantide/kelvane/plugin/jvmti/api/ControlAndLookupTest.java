@@ -10,6 +10,7 @@ import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
 import com.brantide.kelvane.plugin.jvmti.fixtures.Target;
 import com.brantide.kelvane.plugin.jvmti.testing.ActiveApi;
 import com.brantide.kelvane.plugin.jvmti.testing.ClassFiles;
+import com.brantide.kelvane.plugin.jvmti.testing.ThreadKind;
 import java.util.ArrayList;
 import java.util.HashSet;
 import java.util.List;
@@ -37,21 +38,17 @@ class ControlAndLookupTest {
     private final JvmtiApi api = agent.api;
 
     static Stream<Arguments> refusals() throws Exception {
-        Thread ended = new Thread(() -> { }, "ended");
-        ended.start();
-        ended.join();
+        Thread ended = ThreadKind.ranToEnd("ended", () -> { });
         Thread early = Thread.getAllStackTraces().keySet().stream()
                 .filter(t -> t.getName().equals("Reference Handler")).findFirst().orElseThrow();
         String illegal = "IllegalArgumentException: ";
         return Stream.of(
                 // Switched off (twice) it is inactive. Thread start is switched VM-wide only; stepping's
-                // own events are the agent's alone.
+                // own events are the agent's alone, on and off.
                 returningFalse(() -> API.setActive(false) || API.setActive(false) || API.isActive(),
                         () -> API.setEventNotificationMode(SELF, JvmtiEvent.THREAD_START, true),
-                        () -> API.setEventNotificationMode(SELF, JvmtiEvent.SINGLE_STEP, true),
-                        () -> API.setEventNotificationMode(SELF, JvmtiEvent.FRAME_POP, false),
-                        () -> API.setEventNotificationMode(SELF, JvmtiEvent.METHOD_ENTRY, true),
-                        () -> API.setEventNotificationMode(SELF, JvmtiEvent.METHOD_EXIT, false),
+                        () -> Stream.of(JvmtiEvent.SINGLE_STEP, JvmtiEvent.FRAME_POP, JvmtiEvent.METHOD_ENTRY, JvmtiEvent.METHOD_EXIT)
+                                .anyMatch(e -> API.setEventNotificationMode(SELF, e, true) || API.setEventNotificationMode(SELF, e, false)),
                         () -> API.setEventNotificationMode(SELF, 9999, true),
                         () -> API.setEventNotificationMode(null, Integer.MIN_VALUE, true),
                         () -> API.setEventNotificationMode(ended, JvmtiEvent.BREAKPOINT, true),

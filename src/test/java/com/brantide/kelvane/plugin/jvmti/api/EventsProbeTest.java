@@ -163,19 +163,19 @@ class EventsProbeTest {
                 List.of("threadEnd", "event-subject")), new ArrayList<>(calls).stream().filter(call -> !call.get(0)
                 .toString().startsWith("thread") || call.get(1).toString().startsWith("event-subject")).toList(), "each on the thread itself, and what the hook threw stayed in the agent");
 
-        Path agentJar = redefiningAgentJar();
-        try {
-            ChildJvm.Result result = ChildJvm.main(RedefineMain.class).jvmOption("-javaagent:" + agentJar).run().assertClean();
-            assertEquals(List.of("redefined " + EventTarget.Fresh.class.getName()),
-                    result.stdoutLines().stream().filter(l -> l.startsWith("redefined")).toList());
-        } finally {
-            Files.delete(agentJar);
-        }
+        ChildJvm.Result result = ChildJvm.main(RedefineMain.class.getName())
+                .jvmOption("-javaagent:" + redefiningAgentJar()).run().assertClean();
+        assertEquals(List.of("redefined " + EventTarget.Fresh.class.getName()),
+                result.stdoutLines().stream().filter(l -> l.startsWith("redefined")).toList());
     }
 
-    /** A jar naming RedefineMain as its instrumentation agent: one per run, as test classes run side by side. */
+    /**
+     * A jar naming RedefineMain as its instrumentation agent: one per run, as test classes run side
+     * by side, deleted when this JVM ends.
+     */
     private static Path redefiningAgentJar() throws IOException {
         Path jar = Files.createTempFile(ChildJvm.workDirectory(), "redefine-agent-", ".jar");
+        jar.toFile().deleteOnExit();
         String manifest = "Manifest-Version: 1.0\nPremain-Class: " + RedefineMain.class.getName()
                 + "\nCan-Redefine-Classes: true\n";
         new JarOutputStream(Files.newOutputStream(jar), new Manifest(new ByteArrayInputStream(manifest.getBytes(UTF_8))))
@@ -183,15 +183,15 @@ class EventsProbeTest {
         return jar;
     }
 
-    /** A child JVM's program: loads a class with the file-load hook registered, then redefines it. */
+    /**
+     * A child JVM's program, whose work its instrumentation agent does, with the instrumentation at
+     * hand: it loads a class with the file-load hook registered, then redefines it.
+     */
     public static final class RedefineMain {
-        private static Instrumentation instrumentation;
-
-        public static void premain(String args, Instrumentation given) {
-            instrumentation = given;
+        public static void main(String[] args) {
         }
 
-        public static void main(String[] args) throws Exception {
+        public static void premain(String args, Instrumentation instrumentation) throws Exception {
             JvmtiApi api = new JvmtiApi();
             api.registerClasses();
             api.registerFileLoadHook((FileLoadHook) clazz -> System.out.println("redefined " + clazz.getName()));

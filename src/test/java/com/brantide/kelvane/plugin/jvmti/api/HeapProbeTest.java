@@ -184,7 +184,7 @@ class HeapProbeTest {
                 (GCRootsCallback) r -> { throw new IllegalStateException("callback failure"); }, NODE, 0, 2)).getMessage());
         assertEquals(0, AgentProbe.tagsLeft());
 
-        ChildJvm.Result result = ChildJvm.main(CeilingMain.class).withProbeAgent()
+        ChildJvm.Result result = ChildJvm.main(CeilingMain.class.getName()).withProbeAgent()
                 .property("kv.jvmti.heap.walk.max.mb", "2").run().assertClean();
         assertEquals(List.of("Heap walk stopped: it needs more than 2 MB of native memory (kv.jvmti.heap.walk.max.mb)",
                 "counted 200000, tags left 0"), result.stdoutLines());

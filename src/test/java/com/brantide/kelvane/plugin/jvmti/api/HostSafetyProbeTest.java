@@ -13,6 +13,7 @@ import com.brantide.kelvane.plugin.jvmti.ThreadContext;
 import com.brantide.kelvane.plugin.jvmti.fixtures.StackTarget;
 import com.brantide.kelvane.plugin.jvmti.testing.ActiveApi;
 import com.brantide.kelvane.plugin.jvmti.testing.ThreadKind;
+import com.brantide.kelvane.plugin.jvmti.testing.Workload;
 import java.lang.management.ManagementFactory;
 import java.lang.ref.WeakReference;
 import java.net.URL;
@@ -154,7 +155,7 @@ class HostSafetyProbeTest {
             api.registerOsgiClass(name, loader.loadClass("com.brantide.kelvane.plugin.jvmti." + name));
         }
         Object hook = loader.loadClass(LooseHook.class.getName()).getConstructor().newInstance();
-        registerHooks(hook);
+        Workload.setHooks(api, hook);
         assertTrue(api.setActive(true));
         BreakpointLocation tick = tickLocation();
         api.setBreakpoint(tick);
@@ -166,19 +167,9 @@ class HostSafetyProbeTest {
         RuntimeException raised = assertThrows(RuntimeException.class, () -> api.getStackDepth(new Thread()));
         assertEquals(loader, raised.getClass().getClassLoader());
         api.setActive(false);
-        registerHooks(null);
+        Workload.setHooks(api, null);
         api.registerClasses();
         return loader;
-    }
-
-    private void registerHooks(Object hook) {
-        api.registerClassPrepareHook(hook);
-        api.registerBreakpointHook(hook);
-        api.registerExceptionHook(hook);
-        api.registerThreadHook(hook);
-        api.registerFieldHook(hook);
-        api.registerSteppingAbortedHook(hook);
-        api.registerFileLoadHook(hook);
     }
 
     /** Where the tests set their breakpoints. */

@@ -13,6 +13,7 @@ import com.brantide.kelvane.plugin.jvmti.fixtures.StepTarget;
 import com.brantide.kelvane.plugin.jvmti.testing.ActiveApi;
 import com.brantide.kelvane.plugin.jvmti.testing.ClassFiles;
 import com.brantide.kelvane.plugin.jvmti.testing.Stops;
+import com.brantide.kelvane.plugin.jvmti.testing.ThreadKind;
 import java.util.Arrays;
 import java.util.List;
 import java.util.Map;
@@ -150,7 +151,7 @@ class SteppingTest {
         agent.api.registerBreakpointHook(stops);
         agent.api.registerSteppingAbortedHook(stops);
         words(scenario.breakpoints).forEach(m -> agent.setBreakpoint(Stops.breakpointAt(agent.api, classOf(m), m)));
-        stops.run(agent.api, scenario.code);
+        stops.run(agent.api, scenario.code, true);
         String[] ways = scenario.expected.split(" \\| ");
         String expected = agent.api.isFastSteppingEnabled() ? ways[0] : ways[ways.length - 1];
         assertEquals(words(expected).map(m -> m.equals("aborted") ? m : Stops.at(classOf(m), m).get(0)).toList(),
@@ -164,8 +165,8 @@ class SteppingTest {
         Stops second = new Stops().answer(STEP_OVER);
         agent.api.registerBreakpointHook(Stops.either(first, second));
         Callable<Long> overABusyCall = () -> StepTarget.callsThrough(n -> StepTarget.busy(300));
-        var other = ForkJoinPool.commonPool().submit(() -> second.run(agent.api, overABusyCall));
-        first.run(agent.api, overABusyCall);
+        var other = ForkJoinPool.commonPool().submit(() -> second.run(agent.api, overABusyCall, true));
+        first.run(agent.api, overABusyCall, true);
         other.get(60, TimeUnit.SECONDS);
         List<String> overTheCall = Stops.at(StepTarget.class, "callsThrough-call", "callsThrough-after");
         assertEquals(List.of(overTheCall, overTheCall), List.of(first.stops(), second.stops()));
@@ -183,9 +184,7 @@ class SteppingTest {
             stops.run(agent.api, () -> {
                 StepTarget.caller(1);
                 assertTrue(agent.api.setEventNotificationMode(null, JvmtiEvent.BREAKPOINT, true));
-                Thread off = new Thread(() -> agent.api.setEventNotificationMode(null, JvmtiEvent.BREAKPOINT, false));
-                off.start();
-                off.join();
+                ThreadKind.ranToEnd("off", () -> agent.api.setEventNotificationMode(null, JvmtiEvent.BREAKPOINT, false));
                 return StepTarget.caller(1);
             }, false);
         } finally {

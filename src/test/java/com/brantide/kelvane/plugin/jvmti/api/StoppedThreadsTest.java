@@ -156,7 +156,7 @@ class StoppedThreadsTest {
             }
             return StepType.CONTINUE;
         });
-        T result = new Stops().run(api, code);
+        T result = new Stops().run(api, code, true);
         assertEquals(Collections.singletonList(null), outcome, "stopped, and no failure there");
         return result;
     }

@@ -22,7 +22,7 @@ class StormTest {
     private static final Pattern DUMPS = Pattern.compile("dumps=(\\d+)");
 
     private static ChildJvm child(Class<?> program, String... args) {
-        ChildJvm storm = ChildJvm.main(program, args);
+        ChildJvm storm = ChildJvm.main(program.getName(), args);
         if (Boolean.getBoolean("kv.test.storm.compiled")) {
             storm.property("kv.jvmti.enable.compiled.stepping", "true");
         }
@@ -47,9 +47,9 @@ class StormTest {
             // A child that died stops the dumps: its exit status and output then tell why.
             for (long end = System.nanoTime() + seconds * 1_000_000_000L; System.nanoTime() < end
                     && child.process().isAlive(); jcmdDumps++) {
-                child.jcmd("JVMTI.data_dump");
+                ChildJvm.jcmd(child.process().pid(), "JVMTI.data_dump");
             }
-            child.closeStdin();
+            child.process().getOutputStream().close(); // the storm ends then
             result = child.await(120).assertClean();
         }
         System.out.println("storm " + seconds + " s: " + result.stdoutLines() + " jcmdDumps=" + jcmdDumps);

@@ -1,7 +1,6 @@
 package com.brantide.kelvane.plugin.jvmti.api;
 
 import com.brantide.kelvane.plugin.jvmti.BreakpointLocation;
-import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
 import com.brantide.kelvane.plugin.jvmti.testing.StormTarget;
 import com.brantide.kelvane.plugin.jvmti.testing.ThreadKind;
 import com.brantide.kelvane.plugin.jvmti.testing.Workload;
@@ -21,11 +20,10 @@ public final class VirtualThreadMain {
 
     public static void main(String[] args) throws Exception {
         Workload work = Workload.activated();
-        StormTarget.hit(0);
         work.api.setBreakpoint(BreakpointLocation.forMethod(StormTarget.class.getMethod("hit", int.class), 0));
         work.registerHooks(work::answer);
-        Thread own = runVirtual("own", () -> {
-            if (AgentProbe.hasThreadData(Thread.currentThread())) {
+        Thread own = ThreadKind.ranToEnd("own", () -> {
+            if (AgentProbe.userEvents(Thread.currentThread()) != -1) {
                 work.fail("a record before the thread's first switch");
             }
             work.hit(1, () -> false);
@@ -33,19 +31,10 @@ public final class VirtualThreadMain {
         // The scheduler's only worker carries every virtual thread.
         Thread carrier = Thread.getAllStackTraces().keySet().stream()
                 .filter(t -> t.getName().startsWith("ForkJoinPool-1-worker-")).findFirst().orElseThrow();
-        if (!work.api.setEventNotificationMode(carrier, JvmtiEvent.BREAKPOINT, true)) {
-            work.fail("breakpoints not switched on for the carrier");
-        }
+        work.switchBreakpoints(carrier, true);
         // A stop here would be a hit without a call of the workload: the accounts tell.
-        Thread mounted = runVirtual("mounted", () -> StormTarget.hit(2));
+        Thread mounted = ThreadKind.ranToEnd("mounted", () -> StormTarget.hit(2));
         work.checkAccounts(List.of(own, mounted));
         System.out.println(work.verdict("hits", "steps"));
-    }
-
-    private static Thread runVirtual(String name, Runnable body) throws InterruptedException {
-        Thread thread = ThreadKind.unstarted(name, body);
-        thread.start();
-        thread.join();
-        return thread;
     }
 }

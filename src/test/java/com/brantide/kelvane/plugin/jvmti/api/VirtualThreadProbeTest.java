@@ -19,7 +19,7 @@ class VirtualThreadProbeTest {
     void aVirtualThreadStopsByItsOwnSwitchesOnly() throws Exception {
         assumeTrue(Runtime.version().feature() >= 21, "virtual threads need JDK 21");
         ChildJvm.Result result;
-        try (ChildJvm.Running child = ChildJvm.main(VirtualThreadMain.class).withProbeAgent()
+        try (ChildJvm.Running child = ChildJvm.main(VirtualThreadMain.class.getName()).withProbeAgent()
                 .property("kv.test.thread.kind", "virtual")
                 .property("jdk.virtualThreadScheduler.parallelism", "1")
                 .property("jdk.virtualThreadScheduler.maxPoolSize", "1")

@@ -35,20 +35,14 @@ public final class ActiveApi implements BeforeEachCallback, AfterEachCallback {
             }
         }
         breakpoints.clear();
-        api.registerBreakpointHook(null);
-        api.registerSteppingAbortedHook(null);
-        api.registerFieldHook(null);
-        api.registerExceptionHook(null);
-        api.registerClassPrepareHook(null);
-        api.registerThreadHook(null);
+        Workload.setHooks(api, null);
         api.setMaxStepDuration(15);
         api.setActive(false);
     }
 
     /** Sets the breakpoint and clears it after the test. */
-    public BreakpointLocation setBreakpoint(BreakpointLocation location) {
+    public void setBreakpoint(BreakpointLocation location) {
         api.setBreakpoint(location);
         breakpoints.add(location);
-        return location;
     }
 }

@@ -30,10 +30,6 @@ public final class ChildJvm {
     private final List<String> program = new ArrayList<>();
     private List<String> agent = List.of("-agentpath:" + required("kv.test.agent"));
 
-    public static ChildJvm main(Class<?> mainClass, String... args) {
-        return main(mainClass.getName(), args);
-    }
-
     public static ChildJvm main(String mainClass, String... args) {
         ChildJvm child = new ChildJvm();
         child.program.add(mainClass);
@@ -110,9 +106,11 @@ public final class ChildJvm {
         return output;
     }
 
-    /** A child JVM that is still running; what it wrote so far is read from its files. */
+    /**
+     * A child JVM that is still running; what it wrote so far is read from its files. Used in a
+     * try-with-resources statement, so that a failing test leaves no process behind.
+     */
     public record Running(Process process, Path stdout, Path stderr) implements AutoCloseable {
-        /** Ends the child if it still runs, so that a failing test leaves no process behind. */
         @Override
         public void close() {
             process.destroyForcibly();
@@ -121,31 +119,16 @@ public final class ChildJvm {
         /** Waits until the child wrote a line equal to the text on standard output. */
         public void awaitStdout(String line, long seconds) throws Exception {
             long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(seconds);
-            while (true) {
-                boolean ended = !process.isAlive();  // before reading, so that its last lines are seen
-                if (read(stdout).lines().anyMatch(line::equals)) {
-                    return;
-                }
-                if (ended || System.nanoTime() > deadline) {
-                    process.destroyForcibly();
+            while (read(stdout).lines().noneMatch(line::equals)) {
+                if (!process.isAlive() || System.nanoTime() > deadline) {
                     fail("no line " + line + " on stdout:\n" + read(stdout) + "\nstderr:\n" + read(stderr));
                 }
                 Thread.sleep(20);
             }
         }
 
-        /** Closes the child's standard input: the child programs of the tests end then. */
-        public void closeStdin() throws IOException {
-            process.getOutputStream().close();
-        }
-
-        public String jcmd(String... command) throws Exception {
-            return ChildJvm.jcmd(process.pid(), command);
-        }
-
         public Result await(long seconds) throws Exception {
             if (!process.waitFor(seconds, TimeUnit.SECONDS)) {
-                process.destroyForcibly();
                 fail("child JVM did not finish within " + seconds + " s; stderr:\n" + read(stderr));
             }
             Result result = new Result(process.exitValue(), read(stdout), read(stderr));

@@ -3,18 +3,13 @@ package com.brantide.kelvane.plugin.jvmti.testing;
 import com.brantide.kelvane.plugin.jvmti.BreakpointLocation;
 import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
 import com.brantide.kelvane.plugin.jvmti.api.AgentProbe;
-import com.brantide.kelvane.plugin.jvmti.api.GCRootsCallback;
-import com.brantide.kelvane.plugin.jvmti.api.HistogramCallback;
 import com.brantide.kelvane.plugin.jvmti.api.JvmtiApi;
 import com.brantide.kelvane.plugin.jvmti.api.ThreadCallback;
 import com.brantide.kelvane.plugin.jvmti.api.VariableCallback;
+import com.brantide.kelvane.plugin.jvmti.fixtures.StackTarget;
 import com.brantide.kelvane.plugin.jvmti.fixtures.Target;
-import java.util.ArrayList;
-import java.util.Collections;
 import java.util.List;
 import java.util.concurrent.CountDownLatch;
-import java.util.concurrent.locks.LockSupport;
-import java.util.stream.IntStream;
 
 /**
  * A child JVM's program for start-up and the data dump. Without arguments it prints the agent's
@@ -24,8 +19,6 @@ import java.util.stream.IntStream;
  * breakpoints and watches and asks its own VM for a data dump with jcmd.
  */
 public final class StartupMain {
-    /** Kept, for the GC-root search of the inspection run to find. */
-    private static final List<Object> KEPT = new ArrayList<>();
     private static final long SELF = ProcessHandle.current().pid();
 
     private StartupMain() {
@@ -70,19 +63,15 @@ public final class StartupMain {
             ChildJvm.jcmd(SELF, "JVMTI.agent_load", System.getProperty("kv.test.library"));
             ChildJvm.jcmd(SELF, "JVMTI.agent_load", System.getProperty("kv.test.library"));  // refused: loaded already
         }
-        api.registerClasses();
-        System.out.println("active=" + api.setActive(true));
-        Collections.addAll(KEPT, new Kept(), new Kept(), new Kept());
-        long[] kept = {0};
-        api.heapHistogram((HistogramCallback) (names, counts, sizes) -> IntStream.range(0, names.length)
-                .filter(i -> names[i].equals(Kept.class.getName())).forEach(i -> kept[0] += counts[i]), 0);
-        int[] rooted = {0};
-        api.gcRoots((GCRootsCallback) root -> rooted[0] = root.getCount(), Kept.class.descriptorString(), 0, 3);
-        Thread sleeper = ThreadKind.inPlace("sleeper", 0, StartupMain::parkForever);
+        // Switched on, or it throws; then both heap walks must count the three markers.
+        Workload work = Workload.activated();
+        StormTarget.keep(3);
+        work.checkHeap(StormTarget.Marker.class, 3, 0);
+        Thread sleeper = ThreadKind.inPlace("sleeper", 0, entered -> StackTarget.three(entered, new CountDownLatch(1)));
         api.suspendThread(sleeper, null);
         int depth = api.getStackDepth(sleeper);
         api.resumeThread(sleeper, 2);
-        System.out.println("histogram=" + kept[0] + " gcRoots=" + rooted[0] + " suspendedDepth>0=" + (depth > 0)
+        System.out.println("heap " + work.verdict().replace('\n', ' ') + " suspendedDepth>0=" + (depth > 0)
                 + " source=" + api.getSourceFileName(StartupMain.class));
         BreakpointLocation here = BreakpointLocation.forMethod(StartupMain.class.getDeclaredMethod("inspect",
                 JvmtiApi.class, boolean.class), 0);
@@ -94,7 +83,7 @@ public final class StartupMain {
     private static void dump(JvmtiApi api) throws Exception {
         outcome(() -> api.getStackDepth(new Thread()));  // an error before registration, for the log
         api.registerClasses();
-        Thread worker = ThreadKind.inPlace("dump-worker", 0, StartupMain::parkForever);
+        Thread worker = ThreadKind.inPlace("dump-worker", 0, entered -> StackTarget.three(entered, new CountDownLatch(1)));
         new Target(1); // prepared, so that its members can carry breakpoints and watches
         api.setActive(true);
         api.registerThreadHook(new Object());
@@ -129,16 +118,5 @@ public final class StartupMain {
         } catch (RuntimeException e) {
             return e.getClass().getSimpleName() + ": " + e.getMessage();
         }
-    }
-
-    private static void parkForever(CountDownLatch parking) {
-        parking.countDown();
-        while (true) {
-            LockSupport.park();
-        }
-    }
-
-    /** A class of its own, so that its instances can be counted and searched for. */
-    private static final class Kept {
     }
 }

@@ -18,6 +18,7 @@ import java.util.concurrent.Callable;
 import java.util.concurrent.ConcurrentLinkedQueue;
 import java.util.concurrent.CopyOnWriteArrayList;
 import java.util.concurrent.FutureTask;
+import java.util.stream.IntStream;
 
 /**
  * The breakpoint hook of the stepping tests: on the thread under test it records where each stop
@@ -67,24 +68,15 @@ public class Stops implements BreakpointHook, SteppingAbortedHook {
     }
 
     /** One hook for two threads under test, each answered and recorded by its own Stops. */
-    public static Stops either(Stops first, Stops second) {
-        return new Stops() {
-            @Override
-            public int breakpointHit(BreakpointLocation location, ThreadContext context) {
-                return (Thread.currentThread() == first.subject ? first : second).breakpointHit(location, context);
-            }
-        };
-    }
-
-    /** Runs the code on a new thread that has breakpoint events switched on, and waits for it. */
-    public <T> T run(JvmtiApi api, Callable<T> code) throws Exception {
-        return run(api, code, true);
+    public static BreakpointHook either(Stops first, Stops second) {
+        return (location, context) -> (Thread.currentThread() == first.subject ? first : second).breakpointHit(location, context);
     }
 
     /**
-     * The same, on a thread that switches breakpoints on itself or not at all (then they must be on
-     * for the whole VM). The thread is of the kind under test, and is waited for to its end, so that
-     * whatever the agent does at a thread's end is recorded too.
+     * Runs the code on a new thread that switches breakpoint events on for itself, or not at all
+     * (then they must be on for the whole VM), and waits for it. The thread is of the kind under
+     * test, and is waited for to its end, so that whatever the agent does at a thread's end is
+     * recorded too.
      */
     public <T> T run(JvmtiApi api, Callable<T> code, boolean switchBreakpoints) throws Exception {
         FutureTask<T> task = new FutureTask<>(() -> {
@@ -113,9 +105,8 @@ public class Stops implements BreakpointHook, SteppingAbortedHook {
         for (var method : clazz.getDeclaredMethods()) {
             long[] start = {Long.MAX_VALUE};
             if (method.getName().equals(method(marker))) {
-                api.getLineNumbersV2(clazz, BreakpointLocation.signatureOf(method), (LineNumberCallback) (location, number) -> {
-                    start[0] = number == line ? Math.min(start[0], location) : start[0];
-                });
+                api.getLineNumbersV2(clazz, BreakpointLocation.signatureOf(method), (LineNumberCallback) (location, number) ->
+                        start[0] = number == line ? Math.min(start[0], location) : start[0]);
             }
             if (start[0] != Long.MAX_VALUE) {
                 return BreakpointLocation.forMethod(method, start[0]);
@@ -134,14 +125,10 @@ public class Stops implements BreakpointHook, SteppingAbortedHook {
         try {
             String file = clazz.getName().replace('.', '/') + ".java";
             List<String> source = Files.readAllLines(Path.of(System.getProperty("kv.test.sources"), file));
-            for (int i = 0; i < source.size(); i++) {
-                if (source.get(i).stripTrailing().endsWith("// @" + marker)) {
-                    return i + 1;
-                }
-            }
+            return 1 + IntStream.range(0, source.size()).filter(i -> source.get(i).stripTrailing().endsWith("// @" + marker))
+                    .findFirst().orElseThrow(() -> new IllegalArgumentException("no marker " + marker + " in " + clazz.getName()));
         } catch (IOException e) {
             throw new UncheckedIOException(e);
         }
-        throw new IllegalArgumentException("no marker " + marker + " in " + clazz.getName());
     }
 }

@@ -55,8 +55,6 @@ public final class StormMain {
 
     private void run() throws Exception {
         StormTarget.keep(KEPT);
-        StormTarget.hit(0);
-        StormTarget.throwAndCatch(0);
         api.setBreakpoint(BreakpointLocation.forMethod(StormTarget.class.getMethod("hit", int.class), 0));
         Field watched = StormTarget.class.getField("watched");
         api.setFieldAccessWatch(StormTarget.class, watched);
@@ -105,7 +103,7 @@ public final class StormMain {
         work.checkAccounts(created);
         System.out.println(work.verdict("hits", "steps", "spinnerStops", "listed", "switches", "exceptionEvents",
                 "fieldEvents", "dumps"));
-        work.clearHooks();
+        Workload.setHooks(api, null);
         api.setActive(false);
     }
 

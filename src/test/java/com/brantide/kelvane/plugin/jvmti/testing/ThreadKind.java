@@ -34,12 +34,9 @@ public final class ThreadKind {
             Assumptions.assumeTrue(false, "virtual threads need JDK 21");
         }
         try {
-            // Through the public builder interface: its implementation is not exported.
-            Class<?> builderType = Class.forName("java.lang.Thread$Builder");
-            Object builder = Thread.class.getMethod("ofVirtual").invoke(null);
-            builder = builderType.getMethod("name", String.class).invoke(builder, name);
-            Method unstarted = builderType.getMethod("unstarted", Runnable.class);
-            return (Thread) unstarted.invoke(builder, body);
+            Thread thread = maker(body).get();
+            thread.setName(name);
+            return thread;
         } catch (ReflectiveOperationException e) {
             throw new IllegalStateException("no virtual thread", e);
         }
@@ -50,6 +47,7 @@ public final class ThreadKind {
         if (!VIRTUAL) {
             return () -> new Thread(body);
         }
+        // Through the public builder interface: its implementation is not exported.
         Object builder = Thread.class.getMethod("ofVirtual").invoke(null);
         Method unstarted = Class.forName("java.lang.Thread$Builder").getMethod("unstarted", Runnable.class);
         return () -> {
@@ -59,6 +57,14 @@ public final class ThreadKind {
                 throw new IllegalStateException("no virtual thread", e);
             }
         };
+    }
+
+    /** A thread of the kind under test that has run the body to its end. */
+    public static Thread ranToEnd(String name, Runnable body) throws InterruptedException {
+        Thread thread = unstarted(name, body);
+        thread.start();
+        thread.join();
+        return thread;
     }
 
     /**

@@ -77,7 +77,8 @@ public final class Workload {
      * ends the VM with status 1, as the program's other threads may never end by themselves. The
      * classes that the heap walks create inside their natives are made ready first: on JDK 17,
      * checked JNI misreads the local references of a native that holds many while a class-prepare
-     * event runs on its thread.
+     * event runs on its thread. StormTarget's code has run once too, before any breakpoint or watch
+     * is set in it.
      */
     public static Workload activated() {
         Thread.setDefaultUncaughtExceptionHandler((thread, failure) -> {
@@ -91,6 +92,8 @@ public final class Workload {
         }
         new GCPathEntry(0, 0, null, null, 0, 0).hashCode();
         new TimeoutException().hashCode();
+        StormTarget.hit(0);
+        StormTarget.throwAndCatch(0);
         return work;
     }
 
@@ -132,14 +135,11 @@ public final class Workload {
      */
     public void registerHooks(BreakpointHook breakpoints) {
         this.breakpoints = breakpoints;
-        setHooks(Proxy.newProxyInstance(Workload.class.getClassLoader(), HOOK_TYPES, this::onEvent));
+        setHooks(api, Proxy.newProxyInstance(Workload.class.getClassLoader(), HOOK_TYPES, this::onEvent));
     }
 
-    public void clearHooks() {
-        setHooks(null);
-    }
-
-    private void setHooks(Object hooks) {
+    /** The object as every hook of the library; null drops them all. */
+    public static void setHooks(JvmtiApi api, Object hooks) {
         api.registerBreakpointHook(hooks);
         api.registerSteppingAbortedHook(hooks);
         api.registerThreadHook(hooks);
@@ -244,9 +244,7 @@ public final class Workload {
      */
     public void hit(int times, BooleanSupplier stop) {
         Thread self = Thread.currentThread();
-        if (!api.setEventNotificationMode(self, JvmtiEvent.BREAKPOINT, true)) {
-            fail("breakpoints not switched on for " + self.getName());
-        }
+        switchBreakpoints(self, true);
         for (int event : WATCHED_EVENTS) {
             api.setEventNotificationMode(self, event, true);
         }
@@ -257,6 +255,13 @@ public final class Workload {
             if (i % 16 == 0) {
                 StormTarget.throwAndCatch(i);
             }
+        }
+    }
+
+    /** Switches breakpoint events for the thread, or for the whole VM with null; a refusal is a failure. */
+    public void switchBreakpoints(Thread thread, boolean on) {
+        if (!api.setEventNotificationMode(thread, JvmtiEvent.BREAKPOINT, on)) {
+            fail("breakpoints not switched " + (on ? "on" : "off") + " for " + thread);
         }
     }
 

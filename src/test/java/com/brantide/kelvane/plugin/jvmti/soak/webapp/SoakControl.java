@@ -1,7 +1,6 @@
 package com.brantide.kelvane.plugin.jvmti.soak.webapp;
 
 import com.brantide.kelvane.plugin.jvmti.BreakpointLocation;
-import com.brantide.kelvane.plugin.jvmti.JvmtiEvent;
 import com.brantide.kelvane.plugin.jvmti.StepType;
 import com.brantide.kelvane.plugin.jvmti.ThreadContext;
 import com.brantide.kelvane.plugin.jvmti.api.BreakpointHook;
@@ -112,7 +111,7 @@ public final class SoakControl extends HttpServlet {
         if (mode == Mode.NONE && next != Mode.NONE) {
             api.setBreakpoint(breakpoint);
         }
-        switchEvents(null, next == Mode.VM_WIDE);
+        work.switchBreakpoints(null, next == Mode.VM_WIDE);
         mode = next;
         return next.name();
     }
@@ -164,17 +163,11 @@ public final class SoakControl extends HttpServlet {
         return work.verdict();
     }
 
-    private static void switchEvents(Thread thread, boolean on) {
-        if (!api.setEventNotificationMode(thread, JvmtiEvent.BREAKPOINT, on)) {
-            work.fail("breakpoint events not switched " + (on ? "on" : "off") + " for " + thread);
-        }
-    }
-
     @Override
     public void destroy() {
         if (api != null) {
-            work.clearHooks();
-            switchEvents(null, false);
+            Workload.setHooks(api, null);
+            work.switchBreakpoints(null, false);
             if (mode != Mode.NONE) {
                 api.clearBreakpoint(breakpoint);
             }
@@ -241,14 +234,14 @@ public final class SoakControl extends HttpServlet {
                 work.count("requests");
                 CURRENT.set(new Request(request.getParameter("tag"), Integer.parseInt(request.getParameter("n")), new ArrayList<>()));
                 if (perThread) {
-                    switchEvents(Thread.currentThread(), true);
+                    work.switchBreakpoints(Thread.currentThread(), true);
                 }
             }
             try {
                 chain.doFilter(request, response);
             } finally {
                 if (perThread) {
-                    switchEvents(Thread.currentThread(), false);
+                    work.switchBreakpoints(Thread.currentThread(), false);
                 }
                 CURRENT.remove();
             }
