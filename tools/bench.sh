@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Runs the benchmarks.
-# Usage: tools/bench.sh debug|heap|host [standard|diagnostics|all]|all
+# Usage: tools/bench.sh debug|heap|host [standard|diagnostics|all|configuration key,...]|all
 #   debug  the debugging path (bench/debug) on every JDK 17+ present: the build's JDK and each JDK
 #          under /usr/lib/jvm; figures, ratios against baselines of the same run, goals ok/MISSED
 #   heap   the heap analysis benchmarks (tools/bench-heap.sh)
@@ -8,7 +8,9 @@
 #          the library loaded, switched on, in inspection-only mode, and JDWP (standard); the floor
 #          agent holding one capability or event at a time (diagnostics, about 15 minutes per JDK)
 #   all    debug, heap and host (standard)
-# The debug and host benchmarks build in $KV_BENCH_BUILD_DIR (default: build-bench).
+# The debug and host benchmarks build in $KV_BENCH_BUILD_DIR (default: build-bench). For host,
+# $KV_BENCH_ROUNDS sets the JVMs per configuration and workload (default 3) and $KV_BENCH_WORKLOADS
+# picks workloads (e.g. boxing,classes; javac runs inside classes).
 set -eu
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -55,7 +57,8 @@ bench_host() {
     cmake --build "$build" -j"$(nproc)" --target kvjvmti kv_bench_host_floor kv_bench_host_jar >/dev/null
     local api=$build/kvjvmti-api.jar jar=$build/kvjvmti-bench-host.jar status=0 jdk
     for jdk in $(jdks); do
-        "$jdk/bin/java" -Dkv.bench.configs="$configs" -cp "$api:$jar" com.brantide.kelvane.bench.host.HostBench \
+        "$jdk/bin/java" -Dkv.bench.configs="$configs" -Dkv.bench.rounds="${KV_BENCH_ROUNDS:-3}" \
+            ${KV_BENCH_WORKLOADS:+-Dkv.bench.workloads="$KV_BENCH_WORKLOADS"} -cp "$api:$jar" com.brantide.kelvane.bench.host.HostBench \
             "$build/libkvjvmti.so" "$build/libkv_bench_host_floor.so" "$api:$jar" || status=1
         echo
     done
@@ -74,7 +77,7 @@ case "${1:-}" in
     debug) bench_debug ;;
     heap) bench_heap ;;
     host)
-        case "${2:-standard}" in standard | diagnostics | all) ;; *) usage ;; esac
+        case "${2:-standard}" in standard | diagnostics | all | [a-z]*) ;; *) usage ;; esac
         bench_host "${2:-standard}"
         ;;
     all)
