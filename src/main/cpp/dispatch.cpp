@@ -171,10 +171,13 @@ void JNICALL ExceptionCatch(jvmtiEnv*, JNIEnv* env, jthread thread, jmethodID me
 void JNICALL ClassPrepare(jvmtiEnv*, JNIEnv* env, jthread thread, jclass klass) {
     ReferenceCountedJObject hook(g_classPrepareHook);
     if (!hook.isSet()) return;
-    PendingExceptionKeeper keeper(env);
     // A class can be prepared inside one of the agent's natives that holds thousands of local
-    // references (a heap walk); a frame of its own keeps the hook's references out of that count.
-    LocalFrame frame(env, 16);
+    // references (a heap walk linking its entry class). JNI checking counts those as this event's
+    // own, at the end of every JNI call made here, even after a local frame is popped: the first
+    // call declares them. The VM prepares a class only once it is linked without an exception,
+    // so none is pending yet.
+    ensure_local_capacity(env, 32);
+    PendingExceptionKeeper keeper(env);
     call_void_hook(env, hook, 0, "prepareClass", "(Ljava/lang/Thread;Ljava/lang/Class;)V", thread, klass);
 }
 

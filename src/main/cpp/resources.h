@@ -85,23 +85,6 @@ private:
     const char* m_chars;
 };
 
-// A JNI local frame: every local reference made inside it is freed when it ends.
-class LocalFrame {
-public:
-    LocalFrame(JNIEnv* env, jint capacity) : m_env(env), m_pushed(env->PushLocalFrame(capacity) == JNI_OK) {}
-    ~LocalFrame() {
-        if (m_pushed) m_env->PopLocalFrame(nullptr);
-    }
-    LocalFrame(const LocalFrame&) = delete;
-    LocalFrame& operator=(const LocalFrame&) = delete;
-
-    bool pushed() const { return m_pushed; }
-
-private:
-    JNIEnv* m_env;
-    bool m_pushed;
-};
-
 // Declares that the calling native code holds this many more local references, as after a JVMTI
 // call that returns an array of them; JNI checking otherwise warns at the next JNI call.
 inline void ensure_local_capacity(JNIEnv* env, jint count) {

@@ -95,10 +95,6 @@ public final class StormMain {
                 throw new IllegalStateException("STUCK " + thread.getName() + " at " + Arrays.toString(thread.getStackTrace()));
             }
         }
-        // No class events into hooks during the last heap walk: on JDK 17, checked JNI misreads the
-        // local references of a native that holds many while a class-prepare event runs on its thread.
-        api.registerClassPrepareHook(null);
-        api.registerFileLoadHook(null);
         work.checkHeap(StormTarget.Marker.class, KEPT, 0);
         work.checkAccounts(created);
         System.out.println(work.verdict("hits", "steps", "spinnerStops", "listed", "switches", "exceptionEvents",

@@ -28,7 +28,6 @@ import java.util.List;
 import java.util.Map;
 import java.util.concurrent.ConcurrentHashMap;
 import java.util.concurrent.ConcurrentSkipListMap;
-import java.util.concurrent.TimeoutException;
 import java.util.concurrent.atomic.AtomicLong;
 import java.util.function.BooleanSupplier;
 import java.util.concurrent.locks.LockSupport;
@@ -74,11 +73,8 @@ public final class Workload {
 
     /**
      * A workload on the library, switched on, for a child JVM's program. A failure on any thread
-     * ends the VM with status 1, as the program's other threads may never end by themselves. The
-     * classes that the heap walks create inside their natives are made ready first: on JDK 17,
-     * checked JNI misreads the local references of a native that holds many while a class-prepare
-     * event runs on its thread. StormTarget's code has run once too, before any breakpoint or watch
-     * is set in it.
+     * ends the VM with status 1, as the program's other threads may never end by themselves.
+     * StormTarget's code has run once, before any breakpoint or watch is set in it.
      */
     public static Workload activated() {
         Thread.setDefaultUncaughtExceptionHandler((thread, failure) -> {
@@ -90,8 +86,6 @@ public final class Workload {
         if (!work.api.setActive(true)) {
             throw new IllegalStateException("agent not active");
         }
-        new GCPathEntry(0, 0, null, null, 0, 0).hashCode();
-        new TimeoutException().hashCode();
         StormTarget.hit(0);
         StormTarget.throwAndCatch(0);
         return work;
